@@ -1,0 +1,23 @@
+#pragma once
+
+namespace ostrand {
+
+// What the gain planner aims for. Only the target comes from the user; the
+// other six are the algorithm's fixed tuning for speech.
+struct LevelingParameters {
+    double targetLoudness = -16.0;    // LUFS
+    double trackingSigma = 0.9;       // seconds, Gaussian tracking the level of active frames
+    double relativeGate = -15.0;      // dB below the local 3 s level a frame may be and stay active
+    double absoluteGate = -50.0;      // dBFS, upper bound of the activity floor
+    double maxBoost = 24.0;           // dB
+    double maxCut = 30.0;             // dB, positive
+    double gainSmoothingSigma = 0.15; // seconds
+
+    static LevelingParameters forTarget(double targetLoudness) {
+        LevelingParameters parameters;
+        parameters.targetLoudness = targetLoudness;
+        return parameters;
+    }
+};
+
+} // namespace ostrand

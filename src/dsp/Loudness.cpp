@@ -1,0 +1,86 @@
+#include "Loudness.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+namespace ostrand::Loudness {
+
+double loudnessOf(double power) noexcept {
+    return 10.0 * std::log10(std::max(power, powerFloor)) + offsetDb;
+}
+
+namespace {
+
+// Mean power of the blocks whose loudness is strictly above `gate`, summed in
+// block order; the count is zero when none passes.
+struct GatedMean {
+    double mean = 0.0;
+    std::size_t count = 0;
+};
+
+GatedMean gatedMean(const std::vector<double>& blockPowers, double gate) {
+    double sum = 0.0;
+    std::size_t count = 0;
+    for (const double p : blockPowers) {
+        if (loudnessOf(p) > gate) {
+            sum += p;
+            ++count;
+        }
+    }
+    return {count > 0 ? sum / static_cast<double>(count) : 0.0, count};
+}
+
+} // namespace
+
+double integrated(std::span<const double> kPower) {
+    const std::size_t n = kPower.size();
+    if (n == 0) {
+        return loudnessOf(0.0);
+    }
+    constexpr auto block = static_cast<std::size_t>(blockFrames);
+    constexpr auto hop = static_cast<std::size_t>(hopFrames);
+    if (n < block) {
+        double sum = 0.0;
+        for (const double p : kPower) {
+            sum += p;
+        }
+        return loudnessOf(sum / static_cast<double>(n));
+    }
+
+    // A running sum, as the measurement has always been defined: its rounding
+    // error accumulates along the file, and results must not move.
+    std::vector<double> blockPowers;
+    blockPowers.reserve(n / hop);
+    double sum = 0.0;
+    for (std::size_t f = 0; f < block; ++f) {
+        sum += kPower[f];
+    }
+    blockPowers.push_back(sum / static_cast<double>(block));
+    for (std::size_t start = hop; start + block <= n; start += hop) {
+        for (std::size_t f = start - hop; f < start; ++f) {
+            sum -= kPower[f];
+        }
+        for (std::size_t f = start + block - hop; f < start + block; ++f) {
+            sum += kPower[f];
+        }
+        blockPowers.push_back(sum / static_cast<double>(block));
+    }
+
+    const GatedMean absolute = gatedMean(blockPowers, absoluteGateLufs);
+    if (absolute.count == 0) {
+        return absoluteGateLufs;
+    }
+    const double absoluteLoudness = loudnessOf(absolute.mean);
+    // The relative gate picks from the absolutely gated blocks: a block must
+    // pass both thresholds, that is the higher of the two.
+    const double threshold = std::max(absoluteGateLufs, absoluteLoudness + relativeGateLu);
+    const GatedMean relative = gatedMean(blockPowers, threshold);
+    if (relative.count == 0) {
+        return absoluteLoudness;
+    }
+    return loudnessOf(relative.mean);
+}
+
+} // namespace ostrand::Loudness

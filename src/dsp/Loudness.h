@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+namespace ostrand::Loudness {
+
+// Gating of ITU-R BS.1770 over 10 ms frames: 400 ms blocks, 75 % overlap.
+inline constexpr std::int64_t blockFrames = 40;
+inline constexpr std::int64_t hopFrames = 10;
+inline constexpr double absoluteGateLufs = -70.0;
+inline constexpr double relativeGateLu = -10.0;
+inline constexpr double powerFloor = 1e-20; // silence reads -200.691, never -inf
+inline constexpr double offsetDb = -0.691;
+
+// Loudness in LUFS of a K-weighted power relative to full scale squared.
+double loudnessOf(double power) noexcept;
+
+// Gated integrated loudness in LUFS of per-frame K-weighted powers (channels
+// summed). Fewer than 40 frames give the ungated mean; no frames give
+// loudnessOf(0). Pure; any thread.
+double integrated(std::span<const double> kPower);
+
+} // namespace ostrand::Loudness

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace ostrand {
+
+// Holds audio under a true-peak ceiling. Peaks between samples are estimated
+// with a 4x polyphase interpolator; the required reduction is held over a
+// look-ahead window, its onset smoothed by a moving average as long as the
+// window, its recovery exponential; the gain is applied to a delayed copy and
+// the result hard-clipped at the ceiling. Channels share one gain (linked).
+//
+// Output lags input by latency() = lookahead() + firDelay samples; flush the
+// tail by processing latency() zeros after the last block. A value type; one
+// owner, one thread. Scratch grows to the largest block seen; processing does
+// not allocate after that.
+class TruePeakLimiter {
+public:
+    static constexpr std::int64_t oversample = 4;
+    static constexpr std::int64_t tapsPerPhase = 12;
+    static constexpr std::int64_t firDelay = 6;
+    static constexpr std::int64_t historyLength = tapsPerPhase - 1;
+    static constexpr std::int64_t minLookahead = 8;
+    using Phase = std::array<float, tapsPerPhase>;
+
+    TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDB, double lookaheadMs,
+                    double releaseMs);
+
+    // Replaces the first `count` samples of planar[0 ..< channels()] by the
+    // limited, delayed output. count < 1 changes nothing.
+    void process(std::span<float* const> planar, std::int64_t count);
+
+    std::int64_t channels() const noexcept { return m_channels; }
+    double sampleRate() const noexcept { return m_sampleRate; }
+    float ceiling() const noexcept { return m_ceiling; }
+    std::int64_t lookahead() const noexcept { return m_lookahead; }
+    std::int64_t latency() const noexcept { return m_lookahead + firDelay; }
+    double releaseCoeff() const noexcept { return m_releaseCoeff; }
+    const std::array<Phase, oversample>& reversedPhases() const noexcept { return m_reversedPhases; }
+    std::int64_t sampleIndex() const noexcept { return m_sampleIndex; }
+    double release() const noexcept { return m_release; }
+    double attBufferSum() const noexcept { return m_attBufferSum; }
+
+    // Deepest reduction applied so far, dB (0 or more).
+    double maxGainReduction() const noexcept;
+    // Highest estimated true peak of the input so far, linear.
+    float inputTruePeak() const noexcept { return m_inputTruePeak; }
+
+private:
+    struct Held {
+        std::int64_t index;
+        double value;
+    };
+
+    void estimatePeaks(std::span<float* const> planar, std::int64_t count);
+    void computeGains(std::int64_t count);
+    void pushHeld(Held held) noexcept;
+
+    std::int64_t m_channels;
+    double m_sampleRate;
+    float m_ceiling;
+    std::int64_t m_lookahead;
+    double m_releaseCoeff;
+    std::array<Phase, oversample> m_reversedPhases{};
+    std::vector<std::vector<float>> m_history;   // per channel, last historyLength inputs
+    std::vector<std::vector<float>> m_delayLine; // per channel, latency() delayed inputs
+
+    // Sliding maximum of the required reduction: a monotonic queue in a ring
+    // of fixed capacity (indices within lookahead + 1 of the newest).
+    std::vector<Held> m_queue;
+    std::size_t m_queueFront = 0;
+    std::size_t m_queueSize = 0;
+
+    std::vector<double> m_attBuffer; // last lookahead release values
+    std::size_t m_attBufferPos = 0;
+    double m_attBufferSum;
+    double m_release = 1.0;
+    std::int64_t m_sampleIndex = 0;
+    double m_maxReductionFactor = 1.0; // dB taken on request: log10 is monotonic
+    float m_inputTruePeak = 0.0f;
+
+    std::vector<float> m_peak;
+    std::vector<float> m_gain;
+    std::vector<float> m_work;
+};
+
+} // namespace ostrand

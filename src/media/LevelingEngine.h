@@ -1,0 +1,39 @@
+#pragma once
+
+#include "LevelingReport.h"
+#include "MediaWriter.h"
+#include "dsp/LevelingParameters.h"
+
+#include <array>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Levels one file from end to end: analysis pass, gain plan, leveling pass
+// with the true-peak limiter, output (and optional 24-bit WAV sidecar beside a
+// video), measurement of what was written. Runs on the caller's thread, which
+// must not be a UI thread; `progress` and `isCancelled` are called from it.
+namespace ostrand::LevelingEngine {
+
+inline constexpr std::array<std::string_view, 4> videoExtensions{"mp4", "m4v", "mov", "qt"};
+inline constexpr double limiterLookaheadMs = 5.0;
+inline constexpr double limiterReleaseMs = 200.0;
+inline constexpr double analysisShare = 0.3; // of the job's progress
+
+using ProgressHandler = std::function<void(const LevelingProgress&)>;
+using CancelCheck = std::function<bool()>;
+
+// Throws OstrandError (cancelled when isCancelled() turned true). On failure
+// no output and no sidecar is left behind.
+LevelingReport process(const std::filesystem::path& source, const std::filesystem::path& destination,
+                       const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
+                       const std::optional<std::filesystem::path>& audioSidecar,
+                       const ProgressHandler& progress, const CancelCheck& isCancelled);
+
+// The output's extension for a source ("mp4", "m4v", "mov", "wav" or "m4a").
+std::string outputExtension(const std::filesystem::path& source);
+FileType fileType(std::string_view extension);
+
+} // namespace ostrand::LevelingEngine

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace ostrand {
+
+enum class LevelingPhase { analyzing, leveling };
+
+// "Analyzing" / "Leveling"; fromRawValue gives nothing for any other text.
+const char* rawValue(LevelingPhase phase) noexcept;
+std::optional<LevelingPhase> levelingPhaseFromRawValue(const std::string& text);
+
+// Progress of one job: the pass and the completed fraction of the whole job.
+struct LevelingProgress {
+    LevelingPhase phase = LevelingPhase::analyzing;
+    double fraction = 0.0;
+
+    friend bool operator==(const LevelingProgress&, const LevelingProgress&) = default;
+};
+
+// The result of leveling one file.
+struct LevelingReport {
+    std::filesystem::path outputURL;
+    std::optional<std::filesystem::path> audioSidecarURL;
+    double duration = 0.0;             // seconds, of the source
+    double inputLoudness = 0.0;        // LUFS, as the plan measured it
+    double outputLoudness = 0.0;       // LUFS, measured on the written audio
+    double limiterGainReduction = 0.0; // dB, deepest reduction of the limiter
+    double minGain = 0.0;              // dB, smallest planned gain
+    double maxGain = 0.0;              // dB, largest planned gain
+    double activeFraction = 0.0;       // share of frames judged active
+
+    friend bool operator==(const LevelingReport&, const LevelingReport&) = default;
+};
+
+} // namespace ostrand

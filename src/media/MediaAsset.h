@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace ostrand {
+
+// What opening a media file tells about it, without decoding anything.
+// Readers and writers open the file again for themselves; an asset is an
+// immutable description, safe to share between threads.
+struct MediaAsset {
+    struct AudioTrack {
+        int streamIndex = -1;
+        double sampleRate = 0.0; // 0 when the container does not say
+        std::int64_t channels = 0;
+    };
+    struct VideoTrack {
+        int streamIndex = -1;
+    };
+
+    std::filesystem::path url;
+    double durationSeconds = 0.0; // 0 when unknown
+    std::vector<AudioTrack> audioTracks;
+    std::vector<VideoTrack> videoTracks;
+
+    // Opens and inspects the file. Throws OstrandError::unreadable with a
+    // plain-English reason when it is missing or not a media file.
+    static MediaAsset open(const std::filesystem::path& url);
+};
+
+} // namespace ostrand

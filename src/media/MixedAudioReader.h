@@ -1,0 +1,56 @@
+#pragma once
+
+#include "MediaAsset.h"
+#include "MediaTime.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace ostrand {
+
+// Format of the mixed stream a reader delivers.
+struct SourceAudioFormat {
+    double sampleRate = 48000.0;
+    std::int64_t channels = 1; // 1 or 2
+    std::int64_t trackCount = 0;
+
+    friend bool operator==(const SourceAudioFormat&, const SourceAudioFormat&) = default;
+};
+
+// Decodes every audio track of a file, resamples each to one rate and
+// channel count (5.1 and other layouts downmixed with the standard matrix)
+// and hands their sum, aligned by start times, to a handler as planar float
+// blocks. One reader per pass; one thread at a time.
+class MixedAudioReader {
+public:
+    // Receives the first `count` samples of each channel (the buffers may be
+    // longer and are reused for the next block) and the block's presentation
+    // time. May throw; the read stops and rethrows (OstrandError unchanged).
+    using BlockHandler =
+        std::function<void(std::span<float* const> planar, std::int64_t count, MediaTime time)>;
+
+    // Highest sample rate of all audio tracks (48000 when none is known),
+    // stereo when any track has two or more channels, mono when forceMono.
+    // Throws OstrandError::noAudioTrack when the asset has no audio.
+    static std::pair<SourceAudioFormat, std::vector<MediaAsset::AudioTrack>>
+    probe(const MediaAsset& asset, bool forceMono);
+
+    MixedAudioReader(MediaAsset asset, SourceAudioFormat format,
+                     std::vector<MediaAsset::AudioTrack> tracks);
+
+    // Reads the whole stream, block by block, in order. Errors other than
+    // OstrandError become OstrandError::unreadable.
+    void read(const BlockHandler& handler);
+
+    const SourceAudioFormat& format() const noexcept { return m_format; }
+
+private:
+    MediaAsset m_asset;
+    SourceAudioFormat m_format;
+    std::vector<MediaAsset::AudioTrack> m_tracks;
+};
+
+} // namespace ostrand

@@ -1,0 +1,18 @@
+#!/bin/sh
+# Fails when a layer includes a library that belongs to a layer above it:
+# dsp uses the standard library only, media adds FFmpeg but no Qt.
+src=${1:?usage: check_layers.sh SRC_DIR}
+status=0
+if grep -rnE '#include *[<"](Q[A-Za-z]*|lib(av|sw)[a-z]*/|(media|app|ui|cli)/)' "$src/dsp"; then
+    echo "src/dsp must use the standard library only" >&2
+    status=1
+fi
+if grep -rnE '#include *[<"](Q[A-Za-z]*|(app|ui|cli)/)' "$src/media"; then
+    echo "src/media must not use Qt or the layers above it" >&2
+    status=1
+fi
+if [ -d "$src/app" ] && grep -rnE '#include *[<"](QtWidgets|QWidget|QApplication|ui/|cli/)' "$src/app"; then
+    echo "src/app must not use Qt Widgets or the layers above it" >&2
+    status=1
+fi
+exit $status

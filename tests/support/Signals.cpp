@@ -1,0 +1,150 @@
+#include "support/Signals.h"
+
+#include <cmath>
+#include <cstddef>
+#include <numbers>
+#include <random>
+
+namespace ostrand::test {
+
+namespace {
+
+std::size_t sampleCount(double sampleRate, double seconds) {
+    return static_cast<std::size_t>(std::llround(sampleRate * seconds));
+}
+
+double amplitudeOf(double db) { return std::pow(10.0, db / 20.0); }
+
+PlanarAudio withChannels(double sampleRate, int channels, std::size_t count) {
+    PlanarAudio audio;
+    audio.sampleRate = sampleRate;
+    audio.channels.assign(static_cast<std::size_t>(channels), std::vector<float>(count, 0.0f));
+    return audio;
+}
+
+} // namespace
+
+std::vector<float*> PlanarAudio::pointers() {
+    std::vector<float*> result;
+    for (auto& channel : channels) {
+        result.push_back(channel.data());
+    }
+    return result;
+}
+
+std::vector<const float*> PlanarAudio::constPointers() const {
+    std::vector<const float*> result;
+    for (const auto& channel : channels) {
+        result.push_back(channel.data());
+    }
+    return result;
+}
+
+void PlanarAudio::append(const PlanarAudio& other) {
+    for (std::size_t c = 0; c < channels.size(); ++c) {
+        channels[c].insert(channels[c].end(), other.channels[c].begin(), other.channels[c].end());
+    }
+}
+
+void PlanarAudio::applyGainDb(double db) {
+    const auto gain = static_cast<float>(amplitudeOf(db));
+    for (auto& channel : channels) {
+        for (float& x : channel) {
+            x *= gain;
+        }
+    }
+}
+
+PlanarAudio silence(double sampleRate, int channels, double seconds) {
+    return withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
+}
+
+PlanarAudio sine(double sampleRate, int channels, double seconds, double frequencyHz,
+                 double peakDbfs, double phaseRadians) {
+    PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
+    const double a = amplitudeOf(peakDbfs);
+    const double w = 2.0 * std::numbers::pi * frequencyHz / sampleRate;
+    for (std::size_t i = 0; i < audio.channels[0].size(); ++i) {
+        const auto x = static_cast<float>(a * std::sin(w * static_cast<double>(i) + phaseRadians));
+        for (auto& channel : audio.channels) {
+            channel[i] = x;
+        }
+    }
+    return audio;
+}
+
+PlanarAudio whiteNoise(double sampleRate, int channels, double seconds, double rmsDbfs,
+                       std::uint32_t seed) {
+    PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
+    std::mt19937 rng(seed);
+    // Uniform on [-a, a] has an RMS of a / sqrt(3).
+    const double a = amplitudeOf(rmsDbfs) * std::sqrt(3.0);
+    std::uniform_real_distribution<double> dist(-a, a);
+    for (auto& channel : audio.channels) {
+        for (float& x : channel) {
+            x = static_cast<float>(dist(rng));
+        }
+    }
+    return audio;
+}
+
+PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uint32_t seed) {
+    const std::size_t n = sampleCount(sampleRate, seconds);
+    PlanarAudio audio = withChannels(sampleRate, channels, n);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    std::normal_distribution<double> gauss(0.0, 1.0);
+    std::vector<float>& out = audio.channels[0];
+
+    std::size_t pos = 0;
+    double phase = 0.0;
+    while (pos < n) {
+        // A phrase: 1 to 4 s of syllables at a level of its own.
+        const double phraseDb = -20.0 + 12.0 * (unit(rng) - 0.5);
+        const auto phraseEnd = std::min(n, pos + sampleCount(sampleRate, 1.0 + 3.0 * unit(rng)));
+        while (pos < phraseEnd) {
+            const auto syllable = sampleCount(sampleRate, 0.12 + 0.2 * unit(rng));
+            const double pitch = 110.0 + 90.0 * unit(rng);
+            const double level = amplitudeOf(phraseDb + 4.0 * (unit(rng) - 0.5));
+            for (std::size_t k = 0; k < syllable && pos < n; ++k, ++pos) {
+                const double t = static_cast<double>(k) / static_cast<double>(syllable);
+                const double envelope = std::sin(std::numbers::pi * t);
+                const double f0 = pitch * (1.0 + 0.08 * std::sin(2.0 * std::numbers::pi * t));
+                phase += 2.0 * std::numbers::pi * f0 / sampleRate;
+                double voiced = 0.0;
+                for (int h = 1; h <= 12; ++h) {
+                    voiced += std::sin(phase * h) / h;
+                }
+                const double breath = 0.15 * gauss(rng);
+                out[pos] = static_cast<float>(level * envelope * (0.5 * voiced + breath));
+            }
+            // Short gap between syllables.
+            pos += sampleCount(sampleRate, 0.03 * unit(rng));
+        }
+        // A pause between phrases.
+        pos += sampleCount(sampleRate, 0.3 + 1.2 * unit(rng));
+    }
+    const double floorAmplitude = amplitudeOf(-65.0);
+    for (float& x : out) {
+        x += static_cast<float>(floorAmplitude * gauss(rng));
+    }
+    for (std::size_t c = 1; c < audio.channels.size(); ++c) {
+        audio.channels[c] = out;
+    }
+    return audio;
+}
+
+PlanarAudio square(double sampleRate, int channels, double seconds, double frequencyHz,
+                   double amplitude) {
+    PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
+    const double halfPeriod = sampleRate / frequencyHz / 2.0;
+    for (std::size_t i = 0; i < audio.channels[0].size(); ++i) {
+        const bool high = static_cast<long>(std::floor(static_cast<double>(i) / halfPeriod)) % 2 == 0;
+        for (auto& channel : audio.channels) {
+            channel[i] = static_cast<float>(high ? amplitude : -amplitude);
+        }
+    }
+    return audio;
+}
+
+} // namespace ostrand::test

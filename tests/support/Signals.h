@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+// Deterministic test signals, planar 32-bit float.
+namespace ostrand::test {
+
+struct PlanarAudio {
+    double sampleRate = 48000.0;
+    std::vector<std::vector<float>> channels;
+
+    std::int64_t frames() const {
+        return channels.empty() ? 0 : static_cast<std::int64_t>(channels.front().size());
+    }
+    std::vector<float*> pointers();
+    std::vector<const float*> constPointers() const;
+    // Appends `other` (same rate and channel count) after this signal.
+    void append(const PlanarAudio& other);
+    // Multiplies every sample by 10^(db / 20).
+    void applyGainDb(double db);
+};
+
+PlanarAudio silence(double sampleRate, int channels, double seconds);
+
+// A sine of the given peak level in dBFS on every channel; `phaseRadians` is
+// the phase of the first sample.
+PlanarAudio sine(double sampleRate, int channels, double seconds, double frequencyHz,
+                 double peakDbfs, double phaseRadians = 0.0);
+
+// Uniform white noise at the given RMS level in dBFS, independent per channel.
+PlanarAudio whiteNoise(double sampleRate, int channels, double seconds, double rmsDbfs,
+                       std::uint32_t seed);
+
+// Something that measures and levels like speech: voiced syllables (a
+// harmonic series on a wandering pitch, with a noisy component) grouped into
+// phrases whose levels differ by several dB, separated by pauses over a faint
+// noise floor. Identical channels for stereo.
+PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uint32_t seed);
+
+// A square wave switching between +amplitude and -amplitude every half period.
+PlanarAudio square(double sampleRate, int channels, double seconds, double frequencyHz,
+                   double amplitude);
+
+} // namespace ostrand::test
