@@ -22,7 +22,9 @@ std::int64_t frameLengthFor(double sampleRate) {
     return static_cast<std::int64_t>(std::llround(sampleRate / framesPerSecond));
 }
 
-std::size_t index(std::int64_t i) { return static_cast<std::size_t>(i); }
+std::size_t index(std::int64_t i) {
+    return static_cast<std::size_t>(i);
+}
 
 double checkedRate(double sampleRate, std::int64_t channels) {
     if (!FrameAnalyzer::supportsFormat(sampleRate, channels)) {
@@ -119,9 +121,9 @@ FrameAnalysis FrameAnalyzer::analysis() const& {
 }
 
 FrameAnalysis FrameAnalyzer::analysis() && {
-    return FrameAnalysis{m_sampleRate,          m_channels,         m_frameLength,
-                         std::move(m_meanSquare), std::move(m_kPower), std::move(m_peak),
-                         m_totalSamples};
+    return FrameAnalysis{
+        m_sampleRate,        m_channels,        m_frameLength, std::move(m_meanSquare),
+        std::move(m_kPower), std::move(m_peak), m_totalSamples};
 }
 
 } // namespace ostrand

@@ -13,7 +13,8 @@ void fillGainRamp(std::span<const double> gainDB, std::int64_t frameLength, std:
     }
     const auto lastFrame = static_cast<std::int64_t>(gainDB.size()) - 1;
     const auto gainAt = [&](std::int64_t frame) {
-        const double db = gainDB[static_cast<std::size_t>(std::clamp<std::int64_t>(frame, 0, lastFrame))];
+        const double db =
+            gainDB[static_cast<std::size_t>(std::clamp<std::int64_t>(frame, 0, lastFrame))];
         return static_cast<float>(std::pow(10.0, db / 20.0));
     };
     const auto count = static_cast<std::int64_t>(out.size());

@@ -16,9 +16,13 @@ double clampGain(double gainDb, const LevelingParameters& p) {
     return std::min(std::max(gainDb, -p.maxCut), p.maxBoost);
 }
 
-double decibels(double power) { return 10.0 * std::log10(power + powerEpsilon); }
+double decibels(double power) {
+    return 10.0 * std::log10(power + powerEpsilon);
+}
 
-double amplitude(double gainDb) { return std::pow(10.0, gainDb / 20.0); }
+double amplitude(double gainDb) {
+    return std::pow(10.0, gainDb / 20.0);
+}
 
 // out[i] = sum over m of padded[i + m] * kernel[m], accumulated in m order.
 // Tiles keep the output in L1 while four taps at a time stream past it.
@@ -93,9 +97,9 @@ std::vector<double> boxMean(std::span<const double> x, std::int64_t width) {
         const std::int64_t hi = lo + w;
         const std::int64_t loClipped = std::max<std::int64_t>(lo, 0);
         const std::int64_t hiClipped = std::min(hi, n);
-        out[static_cast<std::size_t>(i)] =
-            (prefix[static_cast<std::size_t>(hiClipped)] - prefix[static_cast<std::size_t>(loClipped)]) /
-            static_cast<double>(hiClipped - loClipped);
+        out[static_cast<std::size_t>(i)] = (prefix[static_cast<std::size_t>(hiClipped)] -
+                                            prefix[static_cast<std::size_t>(loClipped)]) /
+                                           static_cast<double>(hiClipped - loClipped);
     }
     return out;
 }
@@ -105,7 +109,8 @@ double percentile(std::span<const double> x, double p) {
         return 0.0;
     }
     const double rank = p * static_cast<double>(x.size() - 1);
-    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18, "percentile rank out of range");
+    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18,
+                    "percentile rank out of range");
     const auto k = std::clamp<std::int64_t>(static_cast<std::int64_t>(rank), 0,
                                             static_cast<std::int64_t>(x.size()) - 1);
     // The k-th smallest value is what sorting a copy and indexing would give.

@@ -29,7 +29,9 @@ public:
     // interleaved in one loop.
     void processPlanar(std::span<float* const> planar, std::int64_t count) noexcept;
 
-    std::int64_t channelCount() const noexcept { return static_cast<std::int64_t>(m_stages.size()); }
+    std::int64_t channelCount() const noexcept {
+        return static_cast<std::int64_t>(m_stages.size());
+    }
     const std::vector<Sections>& stages() const noexcept { return m_stages; }
 
     static Biquad highShelf(double sampleRate) noexcept;

@@ -39,7 +39,9 @@ public:
     std::int64_t lookahead() const noexcept { return m_lookahead; }
     std::int64_t latency() const noexcept { return m_lookahead + firDelay; }
     double releaseCoeff() const noexcept { return m_releaseCoeff; }
-    const std::array<Phase, oversample>& reversedPhases() const noexcept { return m_reversedPhases; }
+    const std::array<Phase, oversample>& reversedPhases() const noexcept {
+        return m_reversedPhases;
+    }
     std::int64_t sampleIndex() const noexcept { return m_sampleIndex; }
     double release() const noexcept { return m_release; }
     double attBufferSum() const noexcept { return m_attBufferSum; }

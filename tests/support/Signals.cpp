@@ -13,7 +13,9 @@ std::size_t sampleCount(double sampleRate, double seconds) {
     return static_cast<std::size_t>(std::llround(sampleRate * seconds));
 }
 
-double amplitudeOf(double db) { return std::pow(10.0, db / 20.0); }
+double amplitudeOf(double db) {
+    return std::pow(10.0, db / 20.0);
+}
 
 PlanarAudio withChannels(double sampleRate, int channels, std::size_t count) {
     PlanarAudio audio;
@@ -88,6 +90,35 @@ PlanarAudio whiteNoise(double sampleRate, int channels, double seconds, double r
     return audio;
 }
 
+PlanarAudio pinkNoise(double sampleRate, int channels, double seconds, double rmsDbfs,
+                      std::uint32_t seed) {
+    PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> white(0.0, 1.0);
+    for (auto& channel : audio.channels) {
+        // Paul Kellet's economy filter: within 0.5 dB of -3 dB/octave.
+        double b0 = 0.0;
+        double b1 = 0.0;
+        double b2 = 0.0;
+        double sumSquares = 0.0;
+        std::vector<double> raw(channel.size());
+        for (double& y : raw) {
+            const double w = white(rng);
+            b0 = 0.99765 * b0 + w * 0.0990460;
+            b1 = 0.96300 * b1 + w * 0.2965164;
+            b2 = 0.57000 * b2 + w * 1.0526913;
+            y = b0 + b1 + b2 + w * 0.1848;
+            sumSquares += y * y;
+        }
+        const double scale =
+            amplitudeOf(rmsDbfs) / std::sqrt(sumSquares / static_cast<double>(raw.size()));
+        for (std::size_t i = 0; i < raw.size(); ++i) {
+            channel[i] = static_cast<float>(raw[i] * scale);
+        }
+    }
+    return audio;
+}
+
 PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uint32_t seed) {
     const std::size_t n = sampleCount(sampleRate, seconds);
     PlanarAudio audio = withChannels(sampleRate, channels, n);
@@ -98,6 +129,10 @@ PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uin
 
     std::size_t pos = 0;
     double phase = 0.0;
+    // Two one-pole low-passes near 4 kHz shape the breath noise.
+    const double pole = std::exp(-2.0 * std::numbers::pi * 4000.0 / sampleRate);
+    double lp1 = 0.0;
+    double lp2 = 0.0;
     while (pos < n) {
         // A phrase: 1 to 4 s of syllables at a level of its own.
         const double phraseDb = -20.0 + 12.0 * (unit(rng) - 0.5);
@@ -115,7 +150,9 @@ PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uin
                 for (int h = 1; h <= 12; ++h) {
                     voiced += std::sin(phase * h) / h;
                 }
-                const double breath = 0.15 * gauss(rng);
+                lp1 = (1.0 - pole) * gauss(rng) + pole * lp1;
+                lp2 = (1.0 - pole) * lp1 + pole * lp2;
+                const double breath = 0.3 * lp2;
                 out[pos] = static_cast<float>(level * envelope * (0.5 * voiced + breath));
             }
             // Short gap between syllables.
@@ -139,7 +176,8 @@ PlanarAudio square(double sampleRate, int channels, double seconds, double frequ
     PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));
     const double halfPeriod = sampleRate / frequencyHz / 2.0;
     for (std::size_t i = 0; i < audio.channels[0].size(); ++i) {
-        const bool high = static_cast<long>(std::floor(static_cast<double>(i) / halfPeriod)) % 2 == 0;
+        const bool high =
+            static_cast<long>(std::floor(static_cast<double>(i) / halfPeriod)) % 2 == 0;
         for (auto& channel : audio.channels) {
             channel[i] = static_cast<float>(high ? amplitude : -amplitude);
         }

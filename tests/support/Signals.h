@@ -32,10 +32,16 @@ PlanarAudio sine(double sampleRate, int channels, double seconds, double frequen
 PlanarAudio whiteNoise(double sampleRate, int channels, double seconds, double rmsDbfs,
                        std::uint32_t seed);
 
+// Noise with a spectrum falling 3 dB per octave, like most programme
+// material, at the given RMS level in dBFS, independent per channel.
+PlanarAudio pinkNoise(double sampleRate, int channels, double seconds, double rmsDbfs,
+                      std::uint32_t seed);
+
 // Something that measures and levels like speech: voiced syllables (a
 // harmonic series on a wandering pitch, with a noisy component) grouped into
 // phrases whose levels differ by several dB, separated by pauses over a faint
-// noise floor. Identical channels for stereo.
+// noise floor. Breath and fricative noise rolls off above a few kHz, as in a
+// voice recording. Identical channels for stereo.
 PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uint32_t seed);
 
 // A square wave switching between +amplitude and -amplitude every half period.
