@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TruePeakMeter.h"
+
 #include <array>
 #include <cstdint>
 #include <span>
@@ -19,12 +21,10 @@ namespace ostrand {
 // not allocate after that.
 class TruePeakLimiter {
 public:
-    static constexpr std::int64_t oversample = 4;
-    static constexpr std::int64_t tapsPerPhase = 12;
-    static constexpr std::int64_t firDelay = 6;
-    static constexpr std::int64_t historyLength = tapsPerPhase - 1;
+    static constexpr std::int64_t oversample = TruePeakMeter::oversample;
+    static constexpr std::int64_t tapsPerPhase = TruePeakMeter::tapsPerPhase;
+    static constexpr std::int64_t firDelay = TruePeakMeter::firDelay;
     static constexpr std::int64_t minLookahead = 8;
-    using Phase = std::array<float, tapsPerPhase>;
 
     TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDB, double lookaheadMs,
                     double releaseMs);
@@ -39,8 +39,8 @@ public:
     std::int64_t lookahead() const noexcept { return m_lookahead; }
     std::int64_t latency() const noexcept { return m_lookahead + firDelay; }
     double releaseCoeff() const noexcept { return m_releaseCoeff; }
-    const std::array<Phase, oversample>& reversedPhases() const noexcept {
-        return m_reversedPhases;
+    const TruePeakMeter::PhaseSet& reversedPhases() const noexcept {
+        return TruePeakMeter::reversedPhases();
     }
     std::int64_t sampleIndex() const noexcept { return m_sampleIndex; }
     double release() const noexcept { return m_release; }
@@ -49,7 +49,7 @@ public:
     // Deepest reduction applied so far, dB (0 or more).
     double maxGainReduction() const noexcept;
     // Highest estimated true peak of the input so far, linear.
-    float inputTruePeak() const noexcept { return m_inputTruePeak; }
+    float inputTruePeak() const noexcept { return m_meter.truePeak(); }
 
 private:
     struct Held {
@@ -57,7 +57,6 @@ private:
         double value;
     };
 
-    void estimatePeaks(std::span<float* const> planar, std::int64_t count);
     void computeGains(std::int64_t count);
     void pushHeld(Held held) noexcept;
 
@@ -66,8 +65,7 @@ private:
     float m_ceiling;
     std::int64_t m_lookahead;
     double m_releaseCoeff;
-    std::array<Phase, oversample> m_reversedPhases{};
-    std::vector<std::vector<float>> m_history;   // per channel, last historyLength inputs
+    TruePeakMeter m_meter;
     std::vector<std::vector<float>> m_delayLine; // per channel, latency() delayed inputs
 
     // Sliding maximum of the required reduction: a monotonic queue in a ring
@@ -82,7 +80,6 @@ private:
     double m_release = 1.0;
     std::int64_t m_sampleIndex = 0;
     double m_maxReductionFactor = 1.0; // dB taken on request: log10 is monotonic
-    float m_inputTruePeak = 0.0f;
 
     std::vector<float> m_peak;
     std::vector<float> m_gain;

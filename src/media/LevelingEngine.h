@@ -5,6 +5,7 @@
 #include "dsp/LevelingParameters.h"
 
 #include <array>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -31,6 +32,21 @@ LevelingReport process(const std::filesystem::path& source, const std::filesyste
                        const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled);
+
+// The loudness figures of a file's mixed audio, from the analysis pass only.
+struct Measurement {
+    double integratedLoudness = 0.0; // LUFS
+    double truePeak = 0.0;           // dBTP, 4x oversampled estimate
+    double samplePeak = 0.0;         // dBFS
+    double duration = 0.0;           // seconds, of the source
+    double sampleRate = 0.0;         // Hz, of the mixed stream
+    std::int64_t channels = 0;       // of the mixed stream
+};
+
+// Reads the source once; progress runs 0 to 1 in the analyzing phase.
+// Throws OstrandError.
+Measurement measure(const std::filesystem::path& source, bool forceMono,
+                    const ProgressHandler& progress, const CancelCheck& isCancelled);
 
 // The output's extension for a source ("mp4", "m4v", "mov", "wav" or "m4a").
 std::string outputExtension(const std::filesystem::path& source);

@@ -23,6 +23,9 @@ struct MediaAsset {
 
     std::filesystem::path url;
     double durationSeconds = 0.0; // 0 when unknown
+    // The container's tags (title, artist, creation_time, ...), copied to
+    // the leveled file.
+    std::map<std::string, std::string> metadata;
     std::vector<AudioTrack> audioTracks;
     std::vector<VideoTrack> videoTracks;
 

@@ -26,6 +26,9 @@ struct SourceAudioFormat {
 // blocks. One reader per pass; one thread at a time.
 class MixedAudioReader {
 public:
+    // Blocks hold this many samples per channel; only the last is shorter.
+    static constexpr std::int64_t blockSamples = 4096;
+
     // Receives the first `count` samples of each channel (the buffers may be
     // longer and are reused for the next block) and the block's presentation
     // time. May throw; the read stops and rethrows (OstrandError unchanged).
@@ -41,8 +44,11 @@ public:
     MixedAudioReader(MediaAsset asset, SourceAudioFormat format,
                      std::vector<MediaAsset::AudioTrack> tracks);
 
-    // Reads the whole stream, block by block, in order. Errors other than
-    // OstrandError become OstrandError::unreadable.
+    // Reads the whole stream, block by block, in order, with a demuxer of its
+    // own. The first block's time is the earliest audio start; a track that
+    // starts later or ends earlier is silent outside its span. Errors other
+    // than OstrandError become OstrandError::unreadable, as does a file that
+    // ends well before the length its container declares (cut short).
     void read(const BlockHandler& handler);
 
     const SourceAudioFormat& format() const noexcept { return m_format; }

@@ -1,0 +1,44 @@
+#include "DBusFileRevealer.h"
+
+#include "FilePaths.h"
+
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QStringList>
+
+namespace ostrand {
+
+DBusFileRevealer::DBusFileRevealer(QObject* parent)
+    : DBusFileRevealer(QDBusConnection::sessionBus(), parent) {}
+
+DBusFileRevealer::DBusFileRevealer(const QDBusConnection& sessionBus, QObject* parent)
+    : QObject(parent)
+    , m_sessionBus(sessionBus) {}
+
+void DBusFileRevealer::reveal(const QUrl& file) {
+    if (!m_sessionBus.isConnected()) {
+        fallBack(file);
+        return;
+    }
+    auto message = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
+                                                  QStringLiteral("/org/freedesktop/FileManager1"),
+                                                  QStringLiteral("org.freedesktop.FileManager1"),
+                                                  QStringLiteral("ShowItems"));
+    message << QStringList{file.toString(QUrl::FullyEncoded)} << QString();
+    auto* watcher = new QDBusPendingCallWatcher(m_sessionBus.asyncCall(message), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [this, file](QDBusPendingCallWatcher* call) {
+                call->deleteLater();
+                if (call->isError()) {
+                    fallBack(file);
+                }
+            });
+}
+
+void DBusFileRevealer::fallBack(const QUrl& file) {
+    if (m_fallback) {
+        m_fallback(FilePaths::parentFolder(file));
+    }
+}
+
+} // namespace ostrand

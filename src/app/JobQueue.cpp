@@ -1,0 +1,361 @@
+#include "JobQueue.h"
+
+#include "DBusFileRevealer.h"
+#include "DBusSleepInhibitor.h"
+#include "FilePaths.h"
+#include "OutputNaming.h"
+#include "media/OstrandError.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QMimeDatabase>
+#include <QPointer>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include <algorithm>
+#include <system_error>
+
+namespace ostrand {
+
+struct JobQueue::Run {
+    QPointer<LevelingJob> job;
+    QUuid jobId;
+    QUrl source;
+    std::shared_ptr<CancelToken> cancelToken;
+    QList<QUrl> scopes;
+    std::optional<SleepInhibitor::Cookie> activity;
+    QUrl destination;
+    bool removed = false; // taken out of the list while running; deleted when the run ends
+};
+
+namespace {
+
+bool isAudioVisual(const QMimeType& type) {
+    const auto audioOrVideo = [](const QString& name) {
+        return name.startsWith(QLatin1String("audio/")) || name.startsWith(QLatin1String("video/"));
+    };
+    const QStringList ancestors = type.allAncestors();
+    return audioOrVideo(type.name()) ||
+           std::any_of(ancestors.begin(), ancestors.end(), audioOrVideo);
+}
+
+// Runs on the worker thread. Everything the engine throws becomes an outcome
+// here, so no exception crosses the thread pool.
+EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesystem::path& source,
+                            const std::filesystem::path& destination,
+                            const LevelingParameters& parameters, double truePeakCeiling,
+                            bool forceMono, const std::optional<std::filesystem::path>& sidecar,
+                            const LevelingEngine::ProgressHandler& progress,
+                            const LevelingEngine::CancelCheck& isCancelled) {
+    EngineOutcome outcome;
+    try {
+        // A save panel lets the user pick the source itself; writing there
+        // would delete the source before it is read.
+        std::error_code error;
+        if (std::filesystem::equivalent(source, destination, error)) {
+            throw OstrandError::exportFailed("The destination is the source file itself.");
+        }
+        outcome.report = engine(source, destination, parameters, truePeakCeiling, forceMono,
+                                sidecar, progress, isCancelled);
+        outcome.kind = EngineOutcome::Kind::finished;
+    } catch (const OstrandError& error) {
+        if (error.kind() == OstrandError::Kind::cancelled) {
+            outcome.kind = EngineOutcome::Kind::cancelled;
+        } else {
+            outcome.message = QString::fromStdString(error.errorDescription());
+        }
+    } catch (const std::exception& error) {
+        outcome.message = QString::fromLocal8Bit(error.what());
+    } catch (...) {
+        outcome.message = QStringLiteral("An unexpected error stopped the leveling.");
+    }
+    return outcome;
+}
+
+} // namespace
+
+JobQueue::JobQueue(OstrandSettings& settings, Services services, QObject* parent)
+    : QObject(parent)
+    , m_settings(settings)
+    , m_services(std::move(services))
+    , m_folderAccess(&settings.folderAccess())
+    , m_destination(new OutputDestination(settings, this))
+    , m_engineWatcher(new QFutureWatcher<EngineOutcome>(this)) {
+    m_destination->setPanels(m_services.panels);
+    connect(m_engineWatcher, &QFutureWatcherBase::finished, this, &JobQueue::engineFinished);
+}
+
+JobQueue::~JobQueue() {
+    if (!m_run) {
+        return;
+    }
+    m_run->cancelToken->cancel();
+    // The engine checks the token once per block, so this wait is short; the
+    // worker must be done before the progress it posts can find no receiver.
+    m_engineWatcher->future().waitForFinished();
+    releaseResources(*m_run);
+}
+
+JobQueue& JobQueue::shared() {
+    static JobQueue* const instance = [] {
+        auto* inhibitor = new DBusSleepInhibitor;
+        auto* revealer = new DBusFileRevealer;
+        auto* queue = new JobQueue(OstrandSettings::shared(),
+                                   {&LevelingEngine::process, inhibitor, revealer, nullptr},
+                                   QCoreApplication::instance());
+        // Children of the queue, so that they outlive its destructor.
+        inhibitor->setParent(queue);
+        revealer->setParent(queue);
+        // The application waits for the thread pool when it quits: let the
+        // engine stop at its next block instead of finishing the file.
+        connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, queue, [queue] {
+            if (queue->m_run) {
+                queue->m_run->cancelToken->cancel();
+            }
+        });
+        return queue;
+    }();
+    return *instance;
+}
+
+const QStringList& JobQueue::acceptedTypes() {
+    static const QStringList types{
+        QStringLiteral("video/mp4"),   QStringLiteral("video/quicktime"),
+        QStringLiteral("audio/x-wav"), QStringLiteral("audio/x-aiff"),
+        QStringLiteral("audio/mpeg"),  QStringLiteral("audio/mp4"),
+    };
+    return types;
+}
+
+bool JobQueue::isAcceptable(const QUrl& file) {
+    if (!file.isLocalFile()) {
+        return false;
+    }
+    const QFileInfo info(file.toLocalFile());
+    if (info.isDir()) {
+        return false;
+    }
+    const QMimeType type =
+        QMimeDatabase().mimeTypeForFile(info.fileName(), QMimeDatabase::MatchExtension);
+    return type.isValid() && !type.isDefault() && isAudioVisual(type);
+}
+
+void JobQueue::add(const QList<QUrl>& files) {
+    bool appended = false;
+    for (const QUrl& file : files) {
+        if (!isAcceptable(file)) {
+            continue;
+        }
+        auto* job = new LevelingJob(file, this);
+        connect(job, &LevelingJob::stateChanged, this, &JobQueue::updateHasFinished);
+        m_jobs.append(job);
+        appended = true;
+    }
+    if (appended) {
+        emit jobsChanged();
+        updateHasFinished();
+    }
+    processNext();
+}
+
+void JobQueue::remove(LevelingJob* job) {
+    if (!job || !m_jobs.contains(job)) {
+        return;
+    }
+    job->cancel();
+    m_jobs.removeAll(job);
+    if (m_run && m_run->job == job) {
+        m_run->removed = true;
+    } else {
+        job->deleteLater();
+    }
+    emit jobsChanged();
+    updateHasFinished();
+}
+
+void JobQueue::clearFinished() {
+    const auto finished = [](const LevelingJob* job) { return job->state().isTerminal(); };
+    QList<LevelingJob*> kept;
+    for (LevelingJob* job : std::as_const(m_jobs)) {
+        if (finished(job)) {
+            job->deleteLater();
+        } else {
+            kept.append(job);
+        }
+    }
+    if (kept.size() == m_jobs.size()) {
+        return;
+    }
+    m_jobs = kept;
+    emit jobsChanged();
+    updateHasFinished();
+}
+
+void JobQueue::processNext() {
+    if (m_isProcessing) {
+        return;
+    }
+    const auto next = std::find_if(m_jobs.cbegin(), m_jobs.cend(), [](const LevelingJob* job) {
+        return job->state().kind == JobState::Kind::waiting;
+    });
+    if (next == m_jobs.cend()) {
+        return;
+    }
+    setIsProcessing(true);
+    run(*next);
+}
+
+void JobQueue::run(LevelingJob* job) {
+    job->setState(JobState::running());
+    job->setStartedAt(QDateTime::currentDateTime());
+
+    m_run = std::make_unique<Run>();
+    m_run->job = job;
+    m_run->jobId = job->id();
+    m_run->source = job->sourceURL();
+    m_run->cancelToken = job->cancelToken();
+    if (m_services.sleepInhibitor) {
+        m_run->activity = m_services.sleepInhibitor->begin(QStringLiteral("Leveling audio"));
+    }
+    if (m_folderAccess->startAccessing(m_run->source)) {
+        m_run->scopes.append(m_run->source);
+    }
+    m_destination->resolveDestination(
+        m_run->source, m_run->scopes,
+        [this](DestinationResolution resolution) { destinationSettled(std::move(resolution)); });
+}
+
+void JobQueue::destinationSettled(DestinationResolution resolution) {
+    Run& run = *m_run;
+    run.scopes = std::move(resolution.scopes);
+    if (!resolution.destination) {
+        if (run.job) {
+            run.job->setState(JobState::cancelled());
+        }
+        endRun();
+        return;
+    }
+    run.destination = *resolution.destination;
+
+    const auto source = FilePaths::toPath(run.source);
+    const auto destination = FilePaths::toPath(run.destination);
+    std::optional<std::filesystem::path> sidecar;
+    if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(source)) {
+        sidecar = OutputNaming::sidecarLocation(destination);
+    }
+    const auto parameters = LevelingParameters::forTarget(m_settings.targetLoudness());
+    const double truePeakCeiling = m_settings.truePeakCeiling();
+    const bool forceMono = m_settings.outputChannels() == OutputChannels::mono;
+
+    // Progress goes back by job id: the worker never holds the job itself,
+    // so a job removed while it runs is never touched.
+    const QUuid jobId = run.jobId;
+    LevelingEngine::ProgressHandler progress = [this, jobId](const LevelingProgress& value) {
+        QMetaObject::invokeMethod(
+            this, [this, jobId, value] { applyProgress(jobId, value); }, Qt::QueuedConnection);
+    };
+    LevelingEngine::CancelCheck isCancelled = [token = run.cancelToken] {
+        return token->isCancelled();
+    };
+    m_engineWatcher->setFuture(QtConcurrent::run(
+        QThreadPool::globalInstance(),
+        [engine = m_services.engine, source, destination, parameters, truePeakCeiling, forceMono,
+         sidecar, progress = std::move(progress), isCancelled = std::move(isCancelled)] {
+            return levelOnWorker(engine, source, destination, parameters, truePeakCeiling,
+                                 forceMono, sidecar, progress, isCancelled);
+        }));
+}
+
+void JobQueue::engineFinished() {
+    if (!m_run) {
+        return;
+    }
+    const EngineOutcome outcome = m_engineWatcher->result();
+    LevelingJob* job = m_run->job;
+    if (job) {
+        switch (outcome.kind) {
+        case EngineOutcome::Kind::finished:
+            job->setReport(outcome.report);
+            job->setProgress(1.0);
+            job->setFinishedAt(QDateTime::currentDateTime());
+            job->setState(JobState::finished());
+            if (m_settings.revealWhenDone() && m_services.revealer) {
+                m_services.revealer->reveal(m_run->destination);
+            }
+            break;
+        case EngineOutcome::Kind::cancelled:
+            job->setState(JobState::cancelled());
+            break;
+        case EngineOutcome::Kind::failed:
+            job->setState(JobState::failed(outcome.message));
+            break;
+        }
+    }
+    endRun();
+}
+
+void JobQueue::endRun() {
+    const std::unique_ptr<Run> run = std::move(m_run);
+    releaseResources(*run);
+    if (run->removed && run->job) {
+        run->job->deleteLater();
+    }
+    // The next run starts from the event loop, so that runs ending at once
+    // (dismissed panels) never nest inside one another.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            setIsProcessing(false);
+            processNext();
+        },
+        Qt::QueuedConnection);
+}
+
+void JobQueue::releaseResources(Run& run) {
+    if (run.activity && m_services.sleepInhibitor) {
+        m_services.sleepInhibitor->end(*run.activity);
+    }
+    run.activity.reset();
+    for (const QUrl& scope : std::as_const(run.scopes)) {
+        m_folderAccess->stopAccessing(scope);
+    }
+    run.scopes.clear();
+}
+
+void JobQueue::applyProgress(const QUuid& jobId, const LevelingProgress& progress) {
+    if (!m_run || m_run->jobId != jobId) {
+        return;
+    }
+    if (LevelingJob* job = jobWithId(jobId)) {
+        job->setPhase(progress.phase);
+        job->setProgress(progress.fraction);
+    }
+}
+
+LevelingJob* JobQueue::jobWithId(const QUuid& id) const {
+    const auto it = std::find_if(m_jobs.cbegin(), m_jobs.cend(),
+                                 [&id](const LevelingJob* job) { return job->id() == id; });
+    return it == m_jobs.cend() ? nullptr : *it;
+}
+
+void JobQueue::setIsProcessing(bool processing) {
+    if (m_isProcessing == processing) {
+        return;
+    }
+    m_isProcessing = processing;
+    emit isProcessingChanged();
+}
+
+void JobQueue::updateHasFinished() {
+    const bool finished = std::any_of(m_jobs.cbegin(), m_jobs.cend(), [](const LevelingJob* job) {
+        return job->state().isTerminal();
+    });
+    if (m_hasFinished == finished) {
+        return;
+    }
+    m_hasFinished = finished;
+    emit hasFinishedChanged();
+}
+
+} // namespace ostrand

@@ -1,0 +1,311 @@
+#include "OstrandSettings.h"
+
+#include "FilePaths.h"
+
+#include <QCoreApplication>
+#include <QMetaType>
+#include <QVariantMap>
+
+#include <algorithm>
+
+namespace ostrand {
+
+QString rawValue(SaveMode mode) {
+    switch (mode) {
+    case SaveMode::askEveryTime:
+        return QStringLiteral("askEveryTime");
+    case SaveMode::fixedFolder:
+        return QStringLiteral("fixedFolder");
+    case SaveMode::nextToOriginal:
+        break;
+    }
+    return QStringLiteral("nextToOriginal");
+}
+
+SaveMode saveModeFromRawValue(const QString& text) {
+    if (text == QLatin1String("askEveryTime")) {
+        return SaveMode::askEveryTime;
+    }
+    if (text == QLatin1String("fixedFolder")) {
+        return SaveMode::fixedFolder;
+    }
+    return SaveMode::nextToOriginal;
+}
+
+QString rawValue(OutputChannels channels) {
+    return channels == OutputChannels::mono ? QStringLiteral("mono")
+                                            : QStringLiteral("keepOriginal");
+}
+
+OutputChannels outputChannelsFromRawValue(const QString& text) {
+    return text == QLatin1String("mono") ? OutputChannels::mono : OutputChannels::keepOriginal;
+}
+
+const QList<LoudnessPreset>& LoudnessPreset::all() {
+    static const QList<LoudnessPreset> presets{
+        {QStringLiteral("Apple Podcasts"), -16.0, -1.0},
+        {QStringLiteral("Match Corvane"), -15.0, -1.0},
+        {QStringLiteral("YouTube / Spotify"), -14.0, -1.0},
+        {QStringLiteral("Broadcast (EBU R128)"), -23.0, -1.0},
+    };
+    return presets;
+}
+
+namespace {
+
+// A text-based store (the INI files QSettings uses on Linux) hands numbers and
+// booleans back as strings, so a string that spells one exactly counts as one.
+std::optional<double> numberIn(const QVariant& value) {
+    switch (value.metaType().id()) {
+    case QMetaType::Double:
+    case QMetaType::Float:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+        return value.toDouble();
+    case QMetaType::QString: {
+        bool ok = false;
+        const double number = value.toString().toDouble(&ok);
+        return ok ? std::optional(number) : std::nullopt;
+    }
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<bool> booleanIn(const QVariant& value) {
+    if (value.metaType().id() == QMetaType::Bool) {
+        return value.toBool();
+    }
+    if (value.metaType().id() == QMetaType::QString) {
+        const QString text = value.toString();
+        if (text == QLatin1String("true")) {
+            return true;
+        }
+        if (text == QLatin1String("false")) {
+            return false;
+        }
+    }
+    return std::nullopt;
+}
+
+QString stringIn(const QVariant& value) {
+    return value.metaType().id() == QMetaType::QString ? value.toString() : QString();
+}
+
+// The whole dictionary, or nothing when any value is not bytes.
+std::optional<OstrandSettings::Grants> grantsIn(const QVariant& value) {
+    const int type = value.metaType().id();
+    if (type != QMetaType::QVariantMap && type != QMetaType::QVariantHash) {
+        return std::nullopt;
+    }
+    OstrandSettings::Grants grants;
+    const QVariantMap map = value.toMap();
+    for (auto it = map.cbegin(); it != map.cend(); ++it) {
+        if (it.value().metaType().id() != QMetaType::QByteArray) {
+            return std::nullopt;
+        }
+        grants.insert(it.key(), it.value().toByteArray());
+    }
+    return grants;
+}
+
+QVariantMap toVariantMap(const OstrandSettings::Grants& grants) {
+    QVariantMap map;
+    for (auto it = grants.cbegin(); it != grants.cend(); ++it) {
+        map.insert(it.key(), it.value());
+    }
+    return map;
+}
+
+FolderAccess& platformFolderAccess() {
+    static FolderAccess access;
+    return access;
+}
+
+} // namespace
+
+OstrandSettings::OstrandSettings(std::unique_ptr<QSettings> store, FolderAccess* folderAccess,
+                                 QObject* parent)
+    : QObject(parent)
+    , m_store(std::move(store))
+    , m_folderAccess(folderAccess ? folderAccess : &platformFolderAccess()) {
+    load();
+}
+
+OstrandSettings::~OstrandSettings() = default;
+
+OstrandSettings& OstrandSettings::shared() {
+    static OstrandSettings* const instance = new OstrandSettings(
+        std::make_unique<QSettings>(QStringLiteral("Ostrand"), QStringLiteral("Ostrand")), nullptr,
+        QCoreApplication::instance());
+    return *instance;
+}
+
+void OstrandSettings::load() {
+    const QSettings& store = *m_store;
+    m_targetLoudness = numberIn(store.value(Keys::targetLoudness)).value_or(-16.0);
+    m_truePeakCeiling = numberIn(store.value(Keys::truePeakCeiling)).value_or(-1.0);
+    m_saveMode = saveModeFromRawValue(stringIn(store.value(Keys::saveMode)));
+    m_revealWhenDone = booleanIn(store.value(Keys::revealWhenDone)).value_or(false);
+    m_outputChannels = outputChannelsFromRawValue(stringIn(store.value(Keys::outputChannels)));
+    m_exportWAVWithVideo = booleanIn(store.value(Keys::exportWAVWithVideo)).value_or(false);
+    const QVariant bookmark = store.value(Keys::fixedFolderBookmark);
+    if (bookmark.metaType().id() == QMetaType::QByteArray) {
+        m_fixedFolderBookmark = bookmark.toByteArray();
+    }
+    m_folderGrants = grantsIn(store.value(Keys::folderGrants)).value_or(Grants());
+}
+
+void OstrandSettings::write(const char* key, const QVariant& value) {
+    if (value.isValid()) {
+        m_store->setValue(key, value);
+    } else {
+        m_store->remove(key);
+    }
+    m_store->sync();
+}
+
+void OstrandSettings::setTargetLoudness(double lufs) {
+    write(Keys::targetLoudness, lufs);
+    if (m_targetLoudness == lufs) {
+        return;
+    }
+    m_targetLoudness = lufs;
+    emit targetLoudnessChanged();
+}
+
+void OstrandSettings::setTruePeakCeiling(double dbtp) {
+    write(Keys::truePeakCeiling, dbtp);
+    if (m_truePeakCeiling == dbtp) {
+        return;
+    }
+    m_truePeakCeiling = dbtp;
+    emit truePeakCeilingChanged();
+}
+
+void OstrandSettings::setSaveMode(SaveMode mode) {
+    write(Keys::saveMode, rawValue(mode));
+    if (m_saveMode == mode) {
+        return;
+    }
+    m_saveMode = mode;
+    emit saveModeChanged();
+}
+
+void OstrandSettings::setRevealWhenDone(bool reveal) {
+    write(Keys::revealWhenDone, reveal);
+    if (m_revealWhenDone == reveal) {
+        return;
+    }
+    m_revealWhenDone = reveal;
+    emit revealWhenDoneChanged();
+}
+
+void OstrandSettings::setOutputChannels(OutputChannels channels) {
+    write(Keys::outputChannels, rawValue(channels));
+    if (m_outputChannels == channels) {
+        return;
+    }
+    m_outputChannels = channels;
+    emit outputChannelsChanged();
+}
+
+void OstrandSettings::setExportWAVWithVideo(bool exportWAV) {
+    write(Keys::exportWAVWithVideo, exportWAV);
+    if (m_exportWAVWithVideo == exportWAV) {
+        return;
+    }
+    m_exportWAVWithVideo = exportWAV;
+    emit exportWAVWithVideoChanged();
+}
+
+void OstrandSettings::setFixedFolderBookmark(const std::optional<QByteArray>& bookmark) {
+    write(Keys::fixedFolderBookmark, bookmark ? QVariant(*bookmark) : QVariant());
+    if (m_fixedFolderBookmark == bookmark) {
+        return;
+    }
+    m_fixedFolderBookmark = bookmark;
+    emit fixedFolderBookmarkChanged();
+}
+
+void OstrandSettings::setFolderGrants(const Grants& grants) {
+    write(Keys::folderGrants, toVariantMap(grants));
+    if (m_folderGrants == grants) {
+        return;
+    }
+    m_folderGrants = grants;
+    emit folderGrantsChanged();
+}
+
+void OstrandSettings::apply(const LoudnessPreset& preset) {
+    setTargetLoudness(preset.loudness);
+    setTruePeakCeiling(preset.ceiling);
+}
+
+std::optional<QUrl> OstrandSettings::resolve(const QByteArray& bookmark, bool startAccessing) {
+    auto folder = m_folderAccess->resolveBookmark(bookmark);
+    if (!folder) {
+        return std::nullopt;
+    }
+    if (startAccessing && !m_folderAccess->startAccessing(*folder)) {
+        return std::nullopt;
+    }
+    return folder;
+}
+
+std::optional<QUrl> OstrandSettings::resolveFixedFolder() {
+    if (!m_fixedFolderBookmark) {
+        return std::nullopt;
+    }
+    return resolve(*m_fixedFolderBookmark, true);
+}
+
+void OstrandSettings::setFixedFolder(const QUrl& folder) {
+    setFixedFolderBookmark(m_folderAccess->createBookmark(folder));
+}
+
+std::optional<QString> OstrandSettings::fixedFolderDisplayPath() {
+    if (!m_fixedFolderBookmark) {
+        return std::nullopt;
+    }
+    const auto folder = resolve(*m_fixedFolderBookmark, false);
+    if (!folder) {
+        return std::nullopt;
+    }
+    return folder->toLocalFile();
+}
+
+std::optional<QUrl> OstrandSettings::grantedFolder(const QUrl& containing) {
+    const QString target = FilePaths::standardizedPath(containing);
+    QStringList candidates;
+    for (auto it = m_folderGrants.cbegin(); it != m_folderGrants.cend(); ++it) {
+        if (FilePaths::isSameOrInside(target, it.key())) {
+            candidates.append(it.key());
+        }
+    }
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const QString& a, const QString& b) { return a.length() > b.length(); });
+    for (const QString& key : candidates) {
+        if (auto folder = resolve(m_folderGrants.value(key), true)) {
+            return folder;
+        }
+        Grants remaining = m_folderGrants;
+        remaining.remove(key);
+        setFolderGrants(remaining);
+    }
+    return std::nullopt;
+}
+
+void OstrandSettings::rememberGrant(const QUrl& folder) {
+    const auto bookmark = m_folderAccess->createBookmark(folder);
+    if (!bookmark) {
+        return;
+    }
+    Grants grants = m_folderGrants;
+    grants.insert(FilePaths::standardizedPath(folder), *bookmark);
+    setFolderGrants(grants);
+}
+
+} // namespace ostrand

@@ -1,0 +1,170 @@
+#pragma once
+
+#include "FolderAccess.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QUrl>
+
+#include <array>
+#include <memory>
+#include <optional>
+
+namespace ostrand {
+
+// Where leveled files go.
+enum class SaveMode { nextToOriginal, askEveryTime, fixedFolder };
+inline constexpr std::array allSaveModes{SaveMode::nextToOriginal, SaveMode::askEveryTime,
+                                         SaveMode::fixedFolder};
+QString rawValue(SaveMode mode);
+// Exactly "askEveryTime" or "fixedFolder"; every other text is nextToOriginal.
+SaveMode saveModeFromRawValue(const QString& text);
+
+// Whether the output keeps the source's channels or is mixed down to mono.
+enum class OutputChannels { keepOriginal, mono };
+inline constexpr std::array allOutputChannels{OutputChannels::keepOriginal, OutputChannels::mono};
+QString rawValue(OutputChannels channels);
+// Exactly "mono" is mono; every other text keeps the original channels.
+OutputChannels outputChannelsFromRawValue(const QString& text);
+
+// A delivery target, identified by its name.
+struct LoudnessPreset {
+    QString name;
+    double loudness = 0.0; // LUFS
+    double ceiling = 0.0;  // dBTP
+
+    // In display order: Apple Podcasts, Match Corvane, YouTube / Spotify,
+    // Broadcast (EBU R128).
+    static const QList<LoudnessPreset>& all();
+
+    friend bool operator==(const LoudnessPreset&, const LoudnessPreset&) = default;
+};
+
+// The user's choices, persisted in a QSettings store the moment each one is
+// assigned (also when it is assigned its current value, though only a change
+// is signalled), and the folder grants: the fixed output folder's bookmark
+// and the folders the user allowed for saving beside sources. Values of the
+// wrong type in the store fall back to the defaults silently. Main thread only.
+class OstrandSettings : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(double targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY
+                   targetLoudnessChanged)
+    Q_PROPERTY(double truePeakCeiling READ truePeakCeiling WRITE setTruePeakCeiling NOTIFY
+                   truePeakCeilingChanged)
+    Q_PROPERTY(ostrand::SaveMode saveMode READ saveMode WRITE setSaveMode NOTIFY saveModeChanged)
+    Q_PROPERTY(bool revealWhenDone READ revealWhenDone WRITE setRevealWhenDone NOTIFY
+                   revealWhenDoneChanged)
+    Q_PROPERTY(ostrand::OutputChannels outputChannels READ outputChannels WRITE setOutputChannels
+                   NOTIFY outputChannelsChanged)
+    Q_PROPERTY(bool exportWAVWithVideo READ exportWAVWithVideo WRITE setExportWAVWithVideo NOTIFY
+                   exportWAVWithVideoChanged)
+    Q_PROPERTY(std::optional<QByteArray> fixedFolderBookmark READ fixedFolderBookmark WRITE
+                   setFixedFolderBookmark NOTIFY fixedFolderBookmarkChanged)
+    Q_PROPERTY(ostrand::OstrandSettings::Grants folderGrants READ folderGrants WRITE setFolderGrants
+                   NOTIFY folderGrantsChanged)
+    Q_PROPERTY(std::optional<QString> fixedFolderDisplayPath READ fixedFolderDisplayPath NOTIFY
+                   fixedFolderBookmarkChanged)
+
+public:
+    // Standardized folder path to that folder's bookmark.
+    using Grants = QMap<QString, QByteArray>;
+
+    struct Keys {
+        static constexpr auto targetLoudness = "targetLoudness";
+        static constexpr auto truePeakCeiling = "truePeakCeiling";
+        static constexpr auto saveMode = "saveMode";
+        static constexpr auto revealWhenDone = "revealWhenDone";
+        static constexpr auto outputChannels = "outputChannels";
+        static constexpr auto exportWAVWithVideo = "exportWAVWithVideo";
+        static constexpr auto fixedFolderBookmark = "fixedFolderBookmark";
+        static constexpr auto folderGrants = "folderAccessBookmarks";
+    };
+
+    // Loads every setting from `store` at once. `folderAccess` (kept, not
+    // owned) creates and resolves bookmarks and starts access; null uses the
+    // platform's own, which lives as long as the process.
+    explicit OstrandSettings(std::unique_ptr<QSettings> store, FolderAccess* folderAccess = nullptr,
+                             QObject* parent = nullptr);
+    ~OstrandSettings() override;
+
+    // The user's settings (organization and application "Ostrand"), created on
+    // first use; owned by the QCoreApplication, which must exist.
+    static OstrandSettings& shared();
+
+    double targetLoudness() const { return m_targetLoudness; }
+    double truePeakCeiling() const { return m_truePeakCeiling; }
+    SaveMode saveMode() const { return m_saveMode; }
+    bool revealWhenDone() const { return m_revealWhenDone; }
+    OutputChannels outputChannels() const { return m_outputChannels; }
+    bool exportWAVWithVideo() const { return m_exportWAVWithVideo; }
+    const std::optional<QByteArray>& fixedFolderBookmark() const { return m_fixedFolderBookmark; }
+    const Grants& folderGrants() const { return m_folderGrants; }
+
+    void setTargetLoudness(double lufs);
+    void setTruePeakCeiling(double dbtp);
+    void setSaveMode(SaveMode mode);
+    void setRevealWhenDone(bool reveal);
+    void setOutputChannels(OutputChannels channels);
+    void setExportWAVWithVideo(bool exportWAV);
+    // Nothing removes the key from the store.
+    void setFixedFolderBookmark(const std::optional<QByteArray>& bookmark);
+    void setFolderGrants(const Grants& grants);
+
+    // Sets the target loudness, then the ceiling.
+    void apply(const LoudnessPreset& preset);
+
+    // The folder a bookmark names, with access started when asked for (the
+    // caller then stops it); nothing when it no longer resolves or opens.
+    std::optional<QUrl> resolve(const QByteArray& bookmark, bool startAccessing);
+    // The fixed output folder with access started, or nothing. A bookmark
+    // that fails stays in the store.
+    std::optional<QUrl> resolveFixedFolder();
+    // Remembers the folder; if no bookmark can be made, forgets the old one.
+    void setFixedFolder(const QUrl& folder);
+    std::optional<QString> fixedFolderDisplayPath();
+
+    // The deepest remembered folder that is `location` or holds it, with
+    // access started (the caller stops it). Grants that no longer resolve or
+    // open are dropped from the store on the way.
+    std::optional<QUrl> grantedFolder(const QUrl& containing);
+    // Remembers a folder the user allowed, under its standardized path;
+    // nothing changes when no bookmark can be made.
+    void rememberGrant(const QUrl& folder);
+
+    FolderAccess& folderAccess() const { return *m_folderAccess; }
+    QSettings& store() const { return *m_store; }
+
+signals:
+    void targetLoudnessChanged();
+    void truePeakCeilingChanged();
+    void saveModeChanged();
+    void revealWhenDoneChanged();
+    void outputChannelsChanged();
+    void exportWAVWithVideoChanged();
+    void fixedFolderBookmarkChanged();
+    void folderGrantsChanged();
+
+private:
+    void write(const char* key, const QVariant& value);
+    void load();
+
+    std::unique_ptr<QSettings> m_store;
+    FolderAccess* m_folderAccess;
+    double m_targetLoudness = -16.0;
+    double m_truePeakCeiling = -1.0;
+    SaveMode m_saveMode = SaveMode::nextToOriginal;
+    bool m_revealWhenDone = false;
+    OutputChannels m_outputChannels = OutputChannels::keepOriginal;
+    bool m_exportWAVWithVideo = false;
+    std::optional<QByteArray> m_fixedFolderBookmark;
+    Grants m_folderGrants;
+};
+
+} // namespace ostrand
+
+Q_DECLARE_METATYPE(ostrand::SaveMode)
+Q_DECLARE_METATYPE(ostrand::OutputChannels)

@@ -1,0 +1,24 @@
+#include "ReportText.h"
+
+#include "LevelingJob.h"
+
+#include <QByteArray>
+#include <QFile>
+
+namespace ostrand::ReportText {
+
+QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds) {
+    const QString elapsed =
+        elapsedSeconds ? QStringLiteral(" in ") + LevelingJob::format(*elapsedSeconds) : QString();
+    return QString::asprintf("%.1f \u2192 %.1f LUFS \u00b7 ", report.inputLoudness,
+                             report.outputLoudness) +
+           LevelingJob::format(report.duration) + QStringLiteral(" leveled") + elapsed;
+}
+
+QString detailLine(const LevelingReport& report) {
+    return QString::asprintf("gain %+.1f to %+.1f dB \u00b7 limiter %.1f dB \u00b7 ",
+                             report.minGain, report.maxGain, report.limiterGainReduction) +
+           QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
+}
+
+} // namespace ostrand::ReportText

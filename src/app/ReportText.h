@@ -1,0 +1,20 @@
+#pragma once
+
+#include "media/LevelingReport.h"
+
+#include <QString>
+
+#include <optional>
+
+// The texts that show a finished job's result, shared by the job list and
+// the command line so that both print the same figures the same way.
+namespace ostrand::ReportText {
+
+// "-23.4 → -16.0 LUFS · 3:25 leveled in 42s"; without an elapsed time the
+// " in …" suffix is left out.
+QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds);
+
+// "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov"
+QString detailLine(const LevelingReport& report);
+
+} // namespace ostrand::ReportText

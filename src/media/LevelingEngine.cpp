@@ -1,0 +1,317 @@
+#include "LevelingEngine.h"
+
+#include "MediaAsset.h"
+#include "MixedAudioReader.h"
+#include "OstrandError.h"
+#include "dsp/FrameAnalyzer.h"
+#include "dsp/GainCurveBuilder.h"
+#include "dsp/Loudness.h"
+#include "dsp/TruePeakLimiter.h"
+#include "dsp/TruePeakMeter.h"
+#include "dsp/VectorOps.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+namespace ostrand::LevelingEngine {
+
+namespace {
+
+std::string lowerExtension(const std::filesystem::path& path) {
+    std::string ext = path.extension().string();
+    if (!ext.empty() && ext.front() == '.') {
+        ext.erase(0, 1);
+    }
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext;
+}
+
+// Reports a pass's progress when it has moved by more than half a percent,
+// so a pass sends at most about 200 reports.
+class PassProgress {
+public:
+    PassProgress(const ProgressHandler& handler, LevelingPhase phase, double expectedSamples,
+                 double start, double share)
+        : m_handler(handler)
+        , m_phase(phase)
+        , m_expected(expectedSamples)
+        , m_start(start)
+        , m_share(share) {}
+
+    void advance(std::int64_t samples) {
+        m_read += samples;
+        const double f = static_cast<double>(m_read) / m_expected;
+        if (f - m_lastReported > 0.005) {
+            m_lastReported = f;
+            if (m_handler) {
+                m_handler(LevelingProgress{m_phase, m_start + m_share * std::min(f, 1.0)});
+            }
+        }
+    }
+
+private:
+    const ProgressHandler& m_handler;
+    LevelingPhase m_phase;
+    double m_expected;
+    double m_start;
+    double m_share;
+    std::int64_t m_read = 0;
+    double m_lastReported = 0.0;
+};
+
+void checkCancelled(const CancelCheck& isCancelled) {
+    if (isCancelled && isCancelled()) {
+        throw OstrandError::cancelled();
+    }
+}
+
+struct OpenedSource {
+    MediaAsset asset;
+    SourceAudioFormat format;
+    std::vector<MediaAsset::AudioTrack> tracks;
+};
+
+OpenedSource openSource(const std::filesystem::path& source, bool forceMono) {
+    MediaAsset asset = MediaAsset::open(source);
+    auto [format, tracks] = MixedAudioReader::probe(asset, forceMono);
+    // The rate becomes the time scale of the written audio.
+    if (!FrameAnalyzer::supportsFormat(format.sampleRate, format.channels) ||
+        format.sampleRate > static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
+        throw OstrandError::unreadable("unsupported audio format (" +
+                                       std::to_string(format.sampleRate) + " Hz, " +
+                                       std::to_string(format.channels) + " channels)");
+    }
+    return {std::move(asset), format, std::move(tracks)};
+}
+
+bool sameFile(const std::filesystem::path& a, const std::filesystem::path& b) {
+    std::error_code error;
+    return std::filesystem::equivalent(a, b, error) && !error;
+}
+
+// Pointers to the channels of a block, advanced past samples already used.
+std::vector<const float*> offset(std::span<float* const> planar, std::int64_t skip) {
+    std::vector<const float*> out(planar.size());
+    for (std::size_t c = 0; c < planar.size(); ++c) {
+        out[c] = planar[c] + skip;
+    }
+    return out;
+}
+
+} // namespace
+
+std::string outputExtension(const std::filesystem::path& source) {
+    const std::string ext = lowerExtension(source);
+    if (ext == "mp4" || ext == "m4v" || ext == "mov") {
+        return ext;
+    }
+    if (ext == "qt") {
+        return "mov";
+    }
+    if (ext == "wav" || ext == "aif" || ext == "aiff") {
+        return "wav";
+    }
+    return "m4a";
+}
+
+FileType fileType(std::string_view extension) {
+    if (extension == "mp4" || extension == "m4v") {
+        return FileType::mpeg4;
+    }
+    if (extension == "mov" || extension == "qt") {
+        return FileType::quickTimeMovie;
+    }
+    if (extension == "wav") {
+        return FileType::wave;
+    }
+    return FileType::appleM4A;
+}
+
+LevelingReport process(const std::filesystem::path& source, const std::filesystem::path& destination,
+                       const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
+                       const std::optional<std::filesystem::path>& audioSidecar,
+                       const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    // A writer empties its location first: never let that be the source.
+    if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
+        throw OstrandError::writerFailed("the destination is the source file itself");
+    }
+
+    const OpenedSource opened = openSource(source, forceMono);
+    const MediaAsset& asset = opened.asset;
+    const double rate = opened.format.sampleRate;
+    const std::int64_t channels = opened.format.channels;
+    const double expectedSamples = std::max(rate * asset.durationSeconds, 1.0);
+
+    // Analysis pass.
+    FrameAnalyzer analyzer(rate, channels);
+    {
+        PassProgress pass(progress, LevelingPhase::analyzing, expectedSamples, 0.0, analysisShare);
+        MixedAudioReader reader(asset, opened.format, opened.tracks);
+        reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
+            checkCancelled(isCancelled);
+            analyzer.append(offset(planar, 0), count);
+            pass.advance(count);
+        });
+    }
+    const GainCurve curve = GainCurveBuilder::build(std::move(analyzer).analysis(), parameters,
+                                                    truePeakCeiling, limiterReleaseMs / 1000.0);
+
+    // Writers. From here on every failure removes what was written.
+    const std::string extension = outputExtension(source);
+    const MediaWriter::Encoding encoding = asset.videoTracks.empty() && extension == "wav"
+                                               ? MediaWriter::Encoding::pcm24
+                                               : MediaWriter::Encoding::aac;
+    MediaWriter output(destination, fileType(extension), rate, channels, encoding, asset,
+                       asset.videoTracks);
+    std::unique_ptr<MediaWriter> sidecar;
+    TruePeakLimiter limiter(channels, rate, truePeakCeiling, limiterLookaheadMs, limiterReleaseMs);
+    FrameAnalyzer outputAnalyzer(rate, channels);
+    try {
+        if (!asset.videoTracks.empty() && audioSidecar) {
+            sidecar = std::make_unique<MediaWriter>(*audioSidecar, FileType::wave, rate, channels,
+                                                    MediaWriter::Encoding::pcm24, asset,
+                                                    std::vector<MediaAsset::VideoTrack>{});
+        }
+
+        const auto timeScale = static_cast<std::int32_t>(rate);
+        std::int64_t position = 0;
+        std::int64_t written = 0;
+        std::int64_t skip = limiter.latency();
+        std::optional<MediaTime> startTime;
+        std::vector<float> gain;
+        const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
+            const std::vector<const float*> block = offset(planar, from);
+            outputAnalyzer.append(block, n);
+            const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
+            output.appendAudio(block, n, at);
+            if (sidecar) {
+                sidecar->appendAudio(block, n, at);
+            }
+            written += n;
+        };
+
+        PassProgress pass(progress, LevelingPhase::leveling, expectedSamples, analysisShare,
+                          1.0 - analysisShare);
+        MixedAudioReader reader(asset, opened.format, opened.tracks);
+        reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
+            checkCancelled(isCancelled);
+            if (!startTime) {
+                startTime = time;
+            }
+            if (gain.size() < static_cast<std::size_t>(count)) {
+                gain.resize(static_cast<std::size_t>(count), 1.0f);
+            }
+            const std::span<float> blockGain(gain.data(), static_cast<std::size_t>(count));
+            fillGainRamp(curve.gainDB, curve.frameLength, position, blockGain);
+            for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
+                float* samples = planar[c];
+                for (std::size_t i = 0; i < blockGain.size(); ++i) {
+                    samples[i] *= blockGain[i];
+                }
+            }
+            position += count;
+            limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
+
+            // The limiter's first output is its own silence, not the source.
+            const std::int64_t dropped = std::min(skip, count);
+            skip -= dropped;
+            if (count > dropped) {
+                write(planar, dropped, count - dropped);
+            }
+            pass.advance(count);
+        });
+
+        // The tail: the last samples still in the limiter's delay line.
+        const std::int64_t latency = limiter.latency();
+        std::vector<std::vector<float>> tail(static_cast<std::size_t>(channels),
+                                             std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
+        std::vector<float*> tailPointers;
+        for (auto& channel : tail) {
+            tailPointers.push_back(channel.data());
+        }
+        limiter.process(tailPointers, latency);
+        write(tailPointers, 0, latency);
+
+        output.finish();
+        if (sidecar) {
+            sidecar->finish();
+        }
+    } catch (...) {
+        output.cancel();
+        if (sidecar) {
+            sidecar->cancel();
+        }
+        throw;
+    }
+    if (progress) {
+        progress(LevelingProgress{LevelingPhase::leveling, 1.0});
+    }
+
+    LevelingReport report;
+    report.outputURL = destination;
+    if (sidecar) {
+        report.audioSidecarURL = *audioSidecar;
+    }
+    report.duration = asset.durationSeconds;
+    report.inputLoudness = curve.inputLoudness;
+    report.outputLoudness = Loudness::integrated(outputAnalyzer.kPower());
+    report.limiterGainReduction = limiter.maxGainReduction();
+    if (!curve.gainDB.empty()) {
+        const auto [lowest, highest] = std::minmax_element(curve.gainDB.begin(), curve.gainDB.end());
+        report.minGain = *lowest;
+        report.maxGain = *highest;
+    }
+    report.activeFraction = curve.activeFraction;
+    return report;
+}
+
+Measurement measure(const std::filesystem::path& source, bool forceMono,
+                    const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    const OpenedSource opened = openSource(source, forceMono);
+    const double rate = opened.format.sampleRate;
+    const std::int64_t channels = opened.format.channels;
+
+    FrameAnalyzer analyzer(rate, channels);
+    TruePeakMeter meter(channels);
+    std::vector<float> peaks;
+    float samplePeak = 0.0f;
+    PassProgress pass(progress, LevelingPhase::analyzing,
+                      std::max(rate * opened.asset.durationSeconds, 1.0), 0.0, 1.0);
+    MixedAudioReader reader(opened.asset, opened.format, opened.tracks);
+    reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
+        checkCancelled(isCancelled);
+        const std::vector<const float*> block = offset(planar, 0);
+        analyzer.append(block, count);
+        peaks.resize(std::max(peaks.size(), static_cast<std::size_t>(count)));
+        meter.process(block, count, peaks);
+        for (const float* channel : block) {
+            samplePeak = std::max(samplePeak, VectorOps::maxMagnitude(channel, count));
+        }
+        pass.advance(count);
+    });
+    // The interpolator lags by a few samples: flush them.
+    const std::vector<float> zeros(TruePeakMeter::firDelay, 0.0f);
+    const std::vector<const float*> tail(static_cast<std::size_t>(channels), zeros.data());
+    peaks.resize(std::max(peaks.size(), zeros.size()));
+    meter.process(tail, TruePeakMeter::firDelay, peaks);
+
+    const auto decibels = [](double amplitude) {
+        return amplitude > 0.0 ? 20.0 * std::log10(amplitude) : -std::numeric_limits<double>::infinity();
+    };
+    Measurement m;
+    m.integratedLoudness = Loudness::integrated(analyzer.kPower());
+    m.truePeak = decibels(static_cast<double>(meter.truePeak()));
+    m.samplePeak = decibels(static_cast<double>(samplePeak));
+    m.duration = opened.asset.durationSeconds;
+    m.sampleRate = rate;
+    m.channels = channels;
+    return m;
+}
+
+} // namespace ostrand::LevelingEngine
