@@ -59,16 +59,6 @@ void DBusSleepInhibitor::end(Cookie cookie) {
     settle(cookie);
 }
 
-int DBusSleepInhibitor::heldCount() const {
-    int count = 0;
-    for (const auto& [cookie, hold] : m_holds) {
-        if (!hold.portalRequest.isEmpty() || hold.logindFd.isValid()) {
-            ++count;
-        }
-    }
-    return count;
-}
-
 void DBusSleepInhibitor::askPortal(Cookie cookie, const QString& reason) {
     auto message = QDBusMessage::createMethodCall(portalService, portalPath, portalInterface,
                                                   QStringLiteral("Inhibit"));

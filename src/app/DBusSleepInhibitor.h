@@ -29,9 +29,6 @@ public:
     Cookie begin(const QString& reason) override;
     void end(Cookie cookie) override;
 
-    // Inhibitions the bus has granted and that are not yet released.
-    int heldCount() const;
-
 private:
     struct Hold {
         bool pending = true; // a call to the bus is still out

@@ -14,7 +14,10 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <algorithm>
+#include <mutex>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace ostrand {
 
@@ -27,6 +30,14 @@ struct JobQueue::Run {
     std::optional<SleepInhibitor::Cookie> activity;
     QUrl destination;
     bool removed = false; // taken out of the list while running; deleted when the run ends
+};
+
+// Progress reports from the worker, waiting for the main thread. They travel
+// here, under a standard mutex, rather than inside the queued call, so that
+// the hand-over is visible to ThreadSanitizer (Qt's event queue is not).
+struct JobQueue::ProgressMailbox {
+    std::mutex mutex;
+    std::vector<std::pair<QUuid, LevelingProgress>> entries;
 };
 
 namespace {
@@ -81,7 +92,8 @@ JobQueue::JobQueue(OstrandSettings& settings, Services services, QObject* parent
     , m_services(std::move(services))
     , m_folderAccess(&settings.folderAccess())
     , m_destination(new OutputDestination(settings, this))
-    , m_engineWatcher(new QFutureWatcher<EngineOutcome>(this)) {
+    , m_engineWatcher(new QFutureWatcher<EngineOutcome>(this))
+    , m_progressMailbox(std::make_shared<ProgressMailbox>()) {
     m_destination->setPanels(m_services.panels);
     connect(m_engineWatcher, &QFutureWatcherBase::finished, this, &JobQueue::engineFinished);
 }
@@ -249,11 +261,20 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     const bool forceMono = m_settings.outputChannels() == OutputChannels::mono;
 
     // Progress goes back by job id: the worker never holds the job itself,
-    // so a job removed while it runs is never touched.
+    // so a job removed while it runs is never touched. One queued call
+    // drains whatever has arrived by the time it runs.
     const QUuid jobId = run.jobId;
-    LevelingEngine::ProgressHandler progress = [this, jobId](const LevelingProgress& value) {
-        QMetaObject::invokeMethod(
-            this, [this, jobId, value] { applyProgress(jobId, value); }, Qt::QueuedConnection);
+    LevelingEngine::ProgressHandler progress = [this, mailbox = m_progressMailbox,
+                                                jobId](const LevelingProgress& value) {
+        bool wasEmpty = false;
+        {
+            const std::lock_guard lock(mailbox->mutex);
+            wasEmpty = mailbox->entries.empty();
+            mailbox->entries.emplace_back(jobId, value);
+        }
+        if (wasEmpty) {
+            QMetaObject::invokeMethod(this, "drainProgress", Qt::QueuedConnection);
+        }
     };
     LevelingEngine::CancelCheck isCancelled = [token = run.cancelToken] {
         return token->isCancelled();
@@ -271,6 +292,7 @@ void JobQueue::engineFinished() {
     if (!m_run) {
         return;
     }
+    drainProgress();
     const EngineOutcome outcome = m_engineWatcher->result();
     LevelingJob* job = m_run->job;
     if (job) {
@@ -321,6 +343,17 @@ void JobQueue::releaseResources(Run& run) {
         m_folderAccess->stopAccessing(scope);
     }
     run.scopes.clear();
+}
+
+void JobQueue::drainProgress() {
+    std::vector<std::pair<QUuid, LevelingProgress>> entries;
+    {
+        const std::lock_guard lock(m_progressMailbox->mutex);
+        entries.swap(m_progressMailbox->entries);
+    }
+    for (const auto& [jobId, progress] : entries) {
+        applyProgress(jobId, progress);
+    }
 }
 
 void JobQueue::applyProgress(const QUuid& jobId, const LevelingProgress& progress) {

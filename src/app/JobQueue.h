@@ -94,8 +94,12 @@ signals:
     void isProcessingChanged();
     void hasFinishedChanged();
 
+private slots:
+    void drainProgress();
+
 private:
     struct Run;
+    struct ProgressMailbox;
 
     void run(LevelingJob* job);
     void destinationSettled(DestinationResolution resolution);
@@ -116,6 +120,7 @@ private:
     bool m_isProcessing = false;
     bool m_hasFinished = false;
     std::unique_ptr<Run> m_run;
+    std::shared_ptr<ProgressMailbox> m_progressMailbox;
 };
 
 } // namespace ostrand

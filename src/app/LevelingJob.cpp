@@ -1,5 +1,7 @@
 #include "LevelingJob.h"
 
+#include "ReportText.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -79,14 +81,11 @@ QString LevelingJob::statusText() const {
         if (!m_report) {
             return QStringLiteral("Done");
         }
-        QString elapsed;
+        std::optional<double> elapsedSeconds;
         if (m_startedAt.isValid() && m_finishedAt.isValid()) {
-            elapsed = QStringLiteral(" in ") +
-                      format(static_cast<double>(m_startedAt.msecsTo(m_finishedAt)) / 1000.0);
+            elapsedSeconds = static_cast<double>(m_startedAt.msecsTo(m_finishedAt)) / 1000.0;
         }
-        return QString::number(m_report->inputLoudness, 'f', 1) + QStringLiteral(" \u2192 ") +
-               QString::number(m_report->outputLoudness, 'f', 1) + QStringLiteral(" LUFS \u00b7 ") +
-               format(m_report->duration) + QStringLiteral(" leveled") + elapsed;
+        return ReportText::finishedLine(*m_report, elapsedSeconds);
     }
     case State::Kind::failed:
         return m_state.message;

@@ -107,7 +107,8 @@ LoudnessPreset presetNamed(const std::string& name) {
     }
     std::vector<LoudnessPreset> matches;
     for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-        if (!wanted.empty() && normalized(preset.name.toStdString()).find(wanted) != std::string::npos) {
+        if (!wanted.empty() &&
+            normalized(preset.name.toStdString()).find(wanted) != std::string::npos) {
             matches.push_back(preset);
         }
     }
@@ -180,9 +181,11 @@ Options parse(std::span<const std::string> args) {
         } else if (option == "--wav-sidecar") {
             options.wavSidecar = true;
         } else if (option == "--target") {
-            options.target = number(option, valueOf(option, inlineValue), minTargetLufs, maxTargetLufs);
+            options.target =
+                number(option, valueOf(option, inlineValue), minTargetLufs, maxTargetLufs);
         } else if (option == "--ceiling") {
-            options.ceiling = number(option, valueOf(option, inlineValue), minCeilingDb, maxCeilingDb);
+            options.ceiling =
+                number(option, valueOf(option, inlineValue), minCeilingDb, maxCeilingDb);
         } else if (option == "--preset") {
             options.preset = presetNamed(valueOf(option, inlineValue));
         } else if (option == "--output" || option == "-o") {
@@ -297,8 +300,8 @@ fs::path destinationFor(const Options& options, const fs::path& source) {
     return OutputNaming::leveledLocation(source, folder);
 }
 
-void levelOne(const Options& options, const fs::path& source, std::ostream& out,
-                     std::ostream& err, const CliEnvironment& environment) {
+void levelOne(const Options& options, const fs::path& source, std::ostream& out, std::ostream& err,
+              const CliEnvironment& environment) {
     const fs::path destination = destinationFor(options, source);
     std::optional<fs::path> sidecar;
     if (options.wavSidecar && OutputNaming::isVideoSource(source)) {
@@ -306,8 +309,8 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
     }
     const double target = options.target.value_or(
         options.preset ? options.preset->loudness : LevelingParameters{}.targetLoudness);
-    const double ceiling = options.ceiling.value_or(options.preset ? options.preset->ceiling
-                                                                   : defaultCeilingDb);
+    const double ceiling =
+        options.ceiling.value_or(options.preset ? options.preset->ceiling : defaultCeilingDb);
 
     ProgressBar bar(err, environment.progressBar, source.filename().string());
     const auto started = std::chrono::steady_clock::now();
@@ -334,9 +337,8 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
         object["activeFraction"] = jsonNumber(report.activeFraction);
         printJson(out, object);
     } else {
-        out << source.string() << ": "
-            << ReportText::finishedLine(report, elapsed).toStdString() << "\n  "
-            << ReportText::detailLine(report).toStdString() << '\n';
+        out << source.string() << ": " << ReportText::finishedLine(report, elapsed).toStdString()
+            << "\n  " << ReportText::detailLine(report).toStdString() << '\n';
         if (report.audioSidecarURL) {
             out << "  WAV sidecar: " << report.audioSidecarURL->filename().string() << '\n';
         }
@@ -345,7 +347,7 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
 }
 
 void measureOne(const Options& options, const fs::path& source, std::ostream& out,
-                       std::ostream& err, const CliEnvironment& environment) {
+                std::ostream& err, const CliEnvironment& environment) {
     ProgressBar bar(err, environment.progressBar, source.filename().string());
     const LevelingEngine::Measurement m = LevelingEngine::measure(
         source, false, [&](const LevelingProgress& progress) { bar.update(progress); },
@@ -366,9 +368,8 @@ void measureOne(const Options& options, const fs::path& source, std::ostream& ou
         std::snprintf(line, sizeof line,
                       "%.1f LUFS \u00b7 true peak %.1f dBTP \u00b7 sample peak %.1f dBFS \u00b7 ",
                       m.integratedLoudness, m.truePeak, m.samplePeak);
-        out << source.string() << ": " << line
-            << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
-            << static_cast<long long>(m.sampleRate) << " Hz "
+        out << source.string() << ": " << line << LevelingJob::format(m.duration).toStdString()
+            << " \u00b7 " << static_cast<long long>(m.sampleRate) << " Hz "
             << (m.channels == 1 ? "mono" : "stereo") << '\n';
         out.flush();
     }

@@ -12,7 +12,9 @@ namespace {
 
 std::atomic<bool> interruptRequested{false};
 
-extern "C" void onInterrupt(int) { interruptRequested.store(true); }
+extern "C" void onInterrupt(int) {
+    interruptRequested.store(true);
+}
 
 } // namespace
 

@@ -133,7 +133,8 @@ FileType fileType(std::string_view extension) {
     return FileType::appleM4A;
 }
 
-LevelingReport process(const std::filesystem::path& source, const std::filesystem::path& destination,
+LevelingReport process(const std::filesystem::path& source,
+                       const std::filesystem::path& destination,
                        const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled) {
@@ -188,7 +189,8 @@ LevelingReport process(const std::filesystem::path& source, const std::filesyste
         const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
             const std::vector<const float*> block = offset(planar, from);
             outputAnalyzer.append(block, n);
-            const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
+            const MediaTime at =
+                startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
             output.appendAudio(block, n, at);
             if (sidecar) {
                 sidecar->appendAudio(block, n, at);
@@ -229,8 +231,9 @@ LevelingReport process(const std::filesystem::path& source, const std::filesyste
 
         // The tail: the last samples still in the limiter's delay line.
         const std::int64_t latency = limiter.latency();
-        std::vector<std::vector<float>> tail(static_cast<std::size_t>(channels),
-                                             std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
+        std::vector<std::vector<float>> tail(
+            static_cast<std::size_t>(channels),
+            std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
         std::vector<float*> tailPointers;
         for (auto& channel : tail) {
             tailPointers.push_back(channel.data());
@@ -263,7 +266,8 @@ LevelingReport process(const std::filesystem::path& source, const std::filesyste
     report.outputLoudness = Loudness::integrated(outputAnalyzer.kPower());
     report.limiterGainReduction = limiter.maxGainReduction();
     if (!curve.gainDB.empty()) {
-        const auto [lowest, highest] = std::minmax_element(curve.gainDB.begin(), curve.gainDB.end());
+        const auto [lowest, highest] =
+            std::minmax_element(curve.gainDB.begin(), curve.gainDB.end());
         report.minGain = *lowest;
         report.maxGain = *highest;
     }
@@ -302,7 +306,8 @@ Measurement measure(const std::filesystem::path& source, bool forceMono,
     meter.process(tail, TruePeakMeter::firDelay, peaks);
 
     const auto decibels = [](double amplitude) {
-        return amplitude > 0.0 ? 20.0 * std::log10(amplitude) : -std::numeric_limits<double>::infinity();
+        return amplitude > 0.0 ? 20.0 * std::log10(amplitude)
+                               : -std::numeric_limits<double>::infinity();
     };
     Measurement m;
     m.integratedLoudness = Loudness::integrated(analyzer.kPower());

@@ -28,7 +28,8 @@ using CancelCheck = std::function<bool()>;
 
 // Throws OstrandError (cancelled when isCancelled() turned true). On failure
 // no output and no sidecar is left behind.
-LevelingReport process(const std::filesystem::path& source, const std::filesystem::path& destination,
+LevelingReport process(const std::filesystem::path& source,
+                       const std::filesystem::path& destination,
                        const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled);

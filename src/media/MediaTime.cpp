@@ -6,9 +6,11 @@ extern "C" {
 
 namespace ostrand {
 
-MediaTime MediaTime::advancedBySamples(std::int64_t samples, std::int32_t sampleRate) const noexcept {
+MediaTime MediaTime::advancedBySamples(std::int64_t samples,
+                                       std::int32_t sampleRate) const noexcept {
     // Expressed at the sample rate so that consecutive blocks stay exact.
-    const std::int64_t start = av_rescale_q(value, AVRational{1, timescale}, AVRational{1, sampleRate});
+    const std::int64_t start =
+        av_rescale_q(value, AVRational{1, timescale}, AVRational{1, sampleRate});
     return {start + samples, sampleRate};
 }
 

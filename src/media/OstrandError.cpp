@@ -40,8 +40,14 @@ OstrandError OstrandError::writerFailed(std::string message) {
 OstrandError OstrandError::exportFailed(std::string message) {
     return {Kind::exportFailed, std::move(message)};
 }
-OstrandError OstrandError::noAudioTrack() { return {Kind::noAudioTrack, {}}; }
-OstrandError OstrandError::cancelled() { return {Kind::cancelled, {}}; }
-OstrandError OstrandError::destinationUnavailable() { return {Kind::destinationUnavailable, {}}; }
+OstrandError OstrandError::noAudioTrack() {
+    return {Kind::noAudioTrack, {}};
+}
+OstrandError OstrandError::cancelled() {
+    return {Kind::cancelled, {}};
+}
+OstrandError OstrandError::destinationUnavailable() {
+    return {Kind::destinationUnavailable, {}};
+}
 
 } // namespace ostrand

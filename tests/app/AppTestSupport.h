@@ -1,171 +1,73 @@
 #pragma once
 
 #include "app/DestinationPanels.h"
-#include "app/FileRevealer.h"
-#include "app/FolderAccess.h"
-#include "app/JobQueue.h"
+#include "app/FilePaths.h"
 #include "app/OstrandSettings.h"
-#include "app/SleepInhibitor.h"
 #include "support/TempDir.h"
 
-#include <QList>
-#include <QMap>
-#include <QSet>
-#include <QString>
-#include <QUrl>
+#include <QFile>
 
-#include <atomic>
-#include <chrono>
-#include <deque>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <vector>
+#include <fstream>
 
 namespace ostrand::test {
 
-QUrl urlOf(const std::filesystem::path& path);
-std::filesystem::path pathOf(const QUrl& url);
-// Creates (or truncates) a file with a few bytes.
-void touch(const std::filesystem::path& path);
+inline QUrl urlOf(const std::filesystem::path& path) {
+    return FilePaths::toUrl(path);
+}
 
-// A settings object over an INI file of its own in a fresh temporary folder.
-struct TestSettings {
-    explicit TestSettings(FolderAccess* access = nullptr);
-    std::unique_ptr<QSettings> openStore() const;
-    // The INI file's text, as written to disk.
-    QString fileText() const;
-
-    TempDir dir;
-    std::filesystem::path file;
-    std::unique_ptr<OstrandSettings> settings;
-};
-
-// Answers panel requests from a script: each answer is a location or nothing
-// (dismissed). Without a scripted answer a request stays pending until
-// answerPending(). Records every request.
-class TestPanels : public DestinationPanels {
-public:
-    struct Shown {
-        bool isSavePanel = false;
-        SavePanelRequest save;
-        FolderPanelRequest folder;
-    };
-
-    void askForFile(const SavePanelRequest& request, Answer answer) override;
-    void askForFolder(const FolderPanelRequest& request, Answer answer) override;
-    void answerPending(std::optional<QUrl> location);
-
-    std::deque<std::optional<QUrl>> script;
-    bool answerFromEventLoop = false;
-    QList<Shown> shown;
-    std::vector<Answer> pending;
-
-private:
-    void respond(Answer answer);
-};
-
-// Counts every access start and stop; pretends the listed folders cannot be
-// written and the listed items cannot be opened.
+// The real file system, except that the listed folders count as read-only and
+// the listed bookmarks as broken (root may write anywhere). `open` holds, per
+// standardized path, the accesses started minus those stopped.
 class CountingFolderAccess : public FolderAccess {
 public:
-    bool startAccessing(const QUrl& item) override;
-    void stopAccessing(const QUrl& item) override;
-    bool isWritable(const QUrl& folder) override;
-    std::optional<QUrl> resolveBookmark(const QByteArray& bookmark) override;
+    bool startAccessing(const QUrl& item) override {
+        const bool started = FolderAccess::startAccessing(item);
+        open[FilePaths::standardizedPath(item)] += started ? 1 : 0;
+        return started;
+    }
+    void stopAccessing(const QUrl& item) override { --open[FilePaths::standardizedPath(item)]; }
+    bool isWritable(const QUrl& folder) override {
+        return !readOnly.contains(FilePaths::standardizedPath(folder)) &&
+               FolderAccess::isWritable(folder);
+    }
+    std::optional<QUrl> resolveBookmark(const QByteArray& bookmark) override {
+        return broken.contains(bookmark) ? std::nullopt : FolderAccess::resolveBookmark(bookmark);
+    }
+    bool isBalanced() const { return open.values().count(0) == open.size(); }
 
-    // Per item: started minus stopped; every value is 0 when all is balanced.
-    QMap<QString, int> balance() const;
-    bool isBalanced() const;
-
-    QSet<QString> readOnlyFolders;    // standardized paths
-    QSet<QString> failingStarts;      // standardized paths
-    QSet<QByteArray> brokenBookmarks; // never resolve
-    int starts = 0;                   // successful ones
-    int stops = 0;
-    QList<QString> startedOrder;
-
-private:
-    QMap<QString, int> m_open;
+    QStringList readOnly;
+    QStringList broken;
+    QMap<QString, int> open;
 };
 
-class CountingInhibitor : public SleepInhibitor {
-public:
-    Cookie begin(const QString& reason) override;
-    void end(Cookie cookie) override;
+// Settings over an INI file of their own, with counted folder access.
+struct TestSettings {
+    std::unique_ptr<QSettings> store() const {
+        return std::make_unique<QSettings>(QFile::decodeName(file.c_str()), QSettings::IniFormat);
+    }
 
-    int begun = 0;
-    int ended = 0;
-    int unknownEnds = 0; // ends of cookies not held: a double end
-    QString lastReason;
-    QSet<Cookie> held;
-
-private:
-    Cookie m_next = 0;
-};
-
-class RecordingRevealer : public FileRevealer {
-public:
-    void reveal(const QUrl& file) override { revealed.append(file); }
-    QList<QUrl> revealed;
-};
-
-// A stand-in for the engine: works in blocks of `blockTime`, reporting
-// progress and checking the cancel flag before each block, then writes the
-// destination (and the sidecar) and returns a report. `blocks` < 0 runs until
-// cancelled. Sources whose stem is listed in `failures` throw that error
-// after the first block. Records every call with its start and end order.
-class FakeEngine {
-public:
-    struct Call {
-        std::filesystem::path source;
-        std::filesystem::path destination;
-        std::optional<std::filesystem::path> sidecar;
-        LevelingParameters parameters;
-        double truePeakCeiling = 0.0;
-        bool forceMono = false;
-        int startedAs = 0; // sequence numbers over starts and ends of all calls
-        int endedAs = -1;
-    };
-    struct State {
-        std::mutex mutex;
-        std::vector<Call> calls;
-        int sequence = 0;
-        int running = 0;
-        int mostAtOnce = 0;
-        int blocks = 4;
-        std::chrono::milliseconds blockTime{5};
-        std::map<std::string, std::function<void()>> failures; // throwers by source stem
-    };
-
-    FakeEngine();
-    JobQueue::Engine engine() const;
-    std::vector<Call> calls() const;
-    void setBlocks(int blocks, std::chrono::milliseconds blockTime);
-    void failWith(const std::string& sourceStem, std::function<void()> thrower);
-    int mostAtOnce() const;
-
-    std::shared_ptr<State> state = std::make_shared<State>();
-};
-
-// The small world a queue test runs in: settings on a file of their own,
-// counting services, panels that answer from a script and a fake engine.
-struct QueueFixture {
-    QueueFixture();
-    // A queue over the fake engine, or over `engine` when one is given.
-    std::unique_ptr<JobQueue> makeQueue(JobQueue::Engine engine = {});
-    OstrandSettings& t() { return *settings.settings; }
-
-    TempDir media;
+    TempDir dir;
+    std::filesystem::path file = dir / "settings.ini";
     CountingFolderAccess access;
-    TestSettings settings{&access};
-    CountingInhibitor inhibitor;
-    RecordingRevealer revealer;
-    TestPanels panels;
-    FakeEngine fake;
+    OstrandSettings settings{store(), &access};
+};
+
+// Answers each panel with the next scripted location (dismissed once the
+// script is used up) and records a save panel's suggested name or "folder".
+class TestPanels : public DestinationPanels {
+public:
+    void askForFile(const SavePanelRequest& r, Answer a) override { respond(r.fileName, a); }
+    void askForFolder(const FolderPanelRequest&, Answer a) override { respond("folder", a); }
+
+    QList<std::optional<QUrl>> script;
+    QStringList shown;
+
+private:
+    void respond(const QString& panel, const Answer& answer) {
+        shown << panel;
+        const auto location = script.isEmpty() ? std::nullopt : script.takeFirst();
+        answer(location);
+    }
 };
 
 } // namespace ostrand::test

@@ -69,20 +69,20 @@ TEST(CliTest, JsonCarriesEveryReportField) {
     const test::TempDir dir;
     const fs::path video = test::videoFile(dir / "clip.mov");
     const CliRun r = run({"level", "--json", "--wav-sidecar", "--preset", "broadcast",
-                       "--output-dir", (dir / "out").string(), video.string()},
-                      {});
+                          "--output-dir", (dir / "out").string(), video.string()},
+                         {});
     // --output-dir must exist: a usage error first.
     EXPECT_EQ(r.status, exitUsage);
     fs::create_directory(dir / "out");
     const CliRun ok = run({"level", "--json", "--wav-sidecar", "--preset", "broadcast",
-                        "--output-dir", (dir / "out").string(), video.string()});
+                           "--output-dir", (dir / "out").string(), video.string()});
     ASSERT_EQ(ok.status, exitSuccess) << ok.err;
     const std::vector<QJsonObject> lines = jsonLines(ok.out);
     ASSERT_EQ(lines.size(), 1u);
     const QJsonObject& o = lines[0];
-    for (const char* key : {"source", "outputURL", "audioSidecarURL", "duration", "inputLoudness",
-                            "outputLoudness", "limiterGainReduction", "minGain", "maxGain",
-                            "activeFraction"}) {
+    for (const char* key :
+         {"source", "outputURL", "audioSidecarURL", "duration", "inputLoudness", "outputLoudness",
+          "limiterGainReduction", "minGain", "maxGain", "activeFraction"}) {
         EXPECT_TRUE(o.contains(key)) << key;
     }
     EXPECT_EQ(o["outputURL"].toString().toStdString(), (dir / "out" / "clip leveled.mov").string());
@@ -167,19 +167,17 @@ TEST_P(CliUsage, IsRefusedWithStatus2) {
 
 INSTANTIATE_TEST_SUITE_P(
     Mistakes, CliUsage,
-    testing::Values(Usage{"nothing", {}, "no command given"},
-                    Usage{"noFiles", {"level"}, "no files given"},
-                    Usage{"unknownCommand", {"squash", "a.wav"}, "unknown command"},
-                    Usage{"unknownOption", {"level", "--loud", "a.wav"}, "unknown option --loud"},
-                    Usage{"badNumber", {"level", "--target", "loud", "a.wav"}, "needs a number"},
-                    Usage{"outOfRange", {"level", "--ceiling", "3", "a.wav"}, "must lie between"},
-                    Usage{"missingValue", {"level", "a.wav", "--target"}, "needs a value"},
-                    Usage{"unknownPreset", {"level", "--preset", "radio", "a.wav"}, "unknown preset"},
-                    Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"},
-                          "exactly one input"},
-                    Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"},
-                          "must end in .wav"},
-                    Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes only"}),
+    testing::Values(
+        Usage{"nothing", {}, "no command given"}, Usage{"noFiles", {"level"}, "no files given"},
+        Usage{"unknownCommand", {"squash", "a.wav"}, "unknown command"},
+        Usage{"unknownOption", {"level", "--loud", "a.wav"}, "unknown option --loud"},
+        Usage{"badNumber", {"level", "--target", "loud", "a.wav"}, "needs a number"},
+        Usage{"outOfRange", {"level", "--ceiling", "3", "a.wav"}, "must lie between"},
+        Usage{"missingValue", {"level", "a.wav", "--target"}, "needs a value"},
+        Usage{"unknownPreset", {"level", "--preset", "radio", "a.wav"}, "unknown preset"},
+        Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"}, "exactly one input"},
+        Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
+        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes only"}),
     [](const auto& p) { return std::string(p.param.name); });
 
 TEST(CliTest, HelpAndVersion) {

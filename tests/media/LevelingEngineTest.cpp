@@ -3,380 +3,285 @@
 #include "media/OstrandError.h"
 #include "support/MediaFixtures.h"
 #include "support/ReferenceMeters.h"
-#include "support/Signals.h"
 #include "support/TempDir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cmath>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <csignal>
+#include <sys/resource.h>
 
-namespace ostrand {
+namespace ostrand::test {
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr double target = -16.0;
 constexpr double ceiling = -1.0;
-// Measured by libebur128 on the decoded output: WAV is exact but for the
-// limiter's departures from the plan's model of it; AAC adds its own error.
-constexpr double wavLoudnessToleranceLu = 0.3;
-constexpr double aacLoudnessToleranceLu = 0.5;
-// Our shelf design reads speech a little lower than libebur128 does.
-constexpr double meterOffsetAllowanceLu = 0.1;
-// The 4x estimate under-reads peaks between samples a little.
-constexpr double wavTruePeakOvershootDb = 0.3;
-// 24-bit quantisation of a WAV output.
+// libebur128 on the decoded output: WAV misses only where the limiter departs
+// from the plan's model of it; several dB of limiting, or AAC's own error, add
+// to that.
+constexpr double wavToleranceLu = 0.3;
+constexpr double looseToleranceLu = 0.5;
+// Our shelf filter reads speech a little lower than libebur128 does.
+constexpr double meterOffsetLu = 0.1;
+// The soxr reference finds peaks between samples that the limiter's 4x estimate misses.
+constexpr double truePeakOvershootDb = 0.3;
+// One step of a 24-bit WAV output.
 constexpr float pcm24Step = 1.0f / 8388608.0f;
+// Where ffprobe reports the display matrix's rotation.
+constexpr const char* rotation = "side_data_list.side_data.0.rotation";
 
-std::string fileBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+const auto byName = [](const auto& info) { return std::string(info.param.name); };
+
+struct Options {
+    std::optional<fs::path> sidecar;
+    double targetLufs = target;
+    bool forceMono = false;
+    LevelingEngine::ProgressHandler progress;
+    LevelingEngine::CancelCheck cancelled;
+};
+
+LevelingReport level(const fs::path& source, const fs::path& destination, const Options& o = {}) {
+    return LevelingEngine::process(source, destination, LevelingParameters::forTarget(o.targetLufs),
+                                   ceiling, o.forceMono, o.sidecar, o.progress, o.cancelled);
 }
 
-LevelingReport level(const fs::path& source, const fs::path& destination,
-                     const std::optional<fs::path>& sidecar = std::nullopt, bool mono = false,
-                     std::vector<LevelingProgress>* progress = nullptr) {
-    return LevelingEngine::process(
-        source, destination, LevelingParameters::forTarget(target), ceiling, mono, sidecar,
-        [&](const LevelingProgress& p) {
-            if (progress) {
-                progress->push_back(p);
-            }
-        },
-        [] { return false; });
-}
+struct LoudnessCase {
+    const char* name;
+    bool withVideo; // then AAC in MP4, else a 24-bit WAV
+    double targetLufs;
+    double toleranceLu;
+    double minLimitingDb;
+};
 
-// Speech-like programme with phrases at different levels, as a float WAV.
-fs::path speechWav(const test::TempDir& dir, const std::string& name, double seconds = 30.0) {
-    return test::floatWav(dir / name, test::speechLike(48000.0, 2, seconds, 42));
-}
+class LoudnessTest : public ::testing::TestWithParam<LoudnessCase> {};
 
-// The same programme encoded into another container by ffmpeg, optionally
-// with a test-pattern video track.
-fs::path encoded(const fs::path& wav, const fs::path& path, bool withVideo) {
-    std::string command = "ffmpeg -nostdin -v error -y -i " + test::shellQuote(wav.string());
-    if (withVideo) {
-        command +=
-            " -f lavfi -i testsrc=size=160x120:rate=25 -c:v libx264 -preset ultrafast -shortest";
+TEST_P(LoudnessTest, HitsTheTargetUnderTheCeilingWithSteadyProgress) {
+    const TempDir dir;
+    const LoudnessCase& c = GetParam();
+    const fs::path wav = floatWav(dir / "talk.wav", speechLike(48000.0, 2, 30.0, 42));
+    const fs::path source =
+        c.withVideo ? makeMedia(dir / "talk.mp4", {{{.seconds = 30}}, {{.from = wav}}}) : wav;
+    const fs::path output = dir / (c.withVideo ? "out.mp4" : "out.wav");
+    std::vector<LevelingProgress> seen;
+    const LevelingReport report =
+        level(source, output,
+              {.targetLufs = c.targetLufs, .progress = [&](auto p) { seen.push_back(p); }});
+
+    const PlanarAudio out = decodeAudio(output);
+    EXPECT_NEAR(ebur128Integrated(out), c.targetLufs, c.toleranceLu + meterOffsetLu);
+    EXPECT_NEAR(report.outputLoudness, c.targetLufs, c.toleranceLu);
+    if (!c.withVideo) { // AAC adds overshoot of its own
+        EXPECT_LE(oversampledPeakDb(out), ceiling + truePeakOvershootDb);
     }
-    command += " -c:a aac -b:a 192k " + test::shellQuote(path.string());
-    test::runCommand(command);
-    return path;
+    EXPECT_GE(report.limiterGainReduction, c.minLimitingDb);
+    EXPECT_LT(report.minGain, report.maxGain) << "one gain for phrases at different levels";
+
+    EXPECT_GT(seen.size(), 50u);
+    EXPECT_LE(seen.size(), 410u) << "too many reports for a user interface";
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end(), [](auto a, auto b) {
+        return a.fraction < b.fraction || a.phase < b.phase;
+    }));
+    for (const auto& p : seen) {
+        EXPECT_TRUE(p.phase == LevelingPhase::analyzing ? p.fraction <= 0.3 : p.fraction >= 0.3);
+    }
+    EXPECT_EQ(seen.back(), (LevelingProgress{LevelingPhase::leveling, 1.0}));
 }
 
-TEST(LevelingEngineTest, WavOutputHitsTheTargetAndStaysUnderTheCeiling) {
-    const test::TempDir dir;
-    const fs::path source = speechWav(dir, "talk.wav");
-    const LevelingReport report = level(source, dir / "talk leveled.wav");
+INSTANTIATE_TEST_SUITE_P(
+    Speech, LoudnessTest,
+    ::testing::Values(LoudnessCase{"Wav", false, target, wavToleranceLu, 0.0},
+                      LoudnessCase{"AacWithVideo", true, target, looseToleranceLu, 0.0},
+                      LoudnessCase{"LoudWavNeedsLimiting", false, -9.0, looseToleranceLu, 3.0}),
+    byName);
 
-    const test::PlanarAudio out = test::decodeAudio(dir / "talk leveled.wav");
-    const double loudness = test::ebur128Integrated(out);
-    const double peak = test::oversampledPeakDb(out);
-    std::printf("[ engine] WAV: libebur128 %.2f LUFS, own %.2f LUFS, true peak %+.2f dBTP\n",
-                loudness, report.outputLoudness, peak);
-    EXPECT_NEAR(loudness, target, wavLoudnessToleranceLu + meterOffsetAllowanceLu);
-    EXPECT_NEAR(report.outputLoudness, target, wavLoudnessToleranceLu);
-    EXPECT_LE(peak, ceiling + wavTruePeakOvershootDb);
-    EXPECT_LT(report.minGain, report.maxGain);
-    EXPECT_GT(report.activeFraction, 0.3);
-    EXPECT_LT(report.activeFraction, 1.0);
-    EXPECT_NEAR(report.duration, 30.0, 0.01);
-}
-
-TEST(LevelingEngineTest, AacOutputWithVideoHitsTheTarget) {
-    const test::TempDir dir;
-    const fs::path source = encoded(speechWav(dir, "talk.wav"), dir / "talk.mp4", true);
-    const LevelingReport report = level(source, dir / "talk leveled.mp4");
-    const test::PlanarAudio out = test::decodeAudio(report.outputURL);
-    const double loudness = test::ebur128Integrated(out);
-    const double peak = test::oversampledPeakDb(out);
-    std::printf("[ engine] AAC: libebur128 %.2f LUFS, true peak %+.2f dBTP (AAC adds overshoot)\n",
-                loudness, peak);
-    EXPECT_NEAR(loudness, target, aacLoudnessToleranceLu + meterOffsetAllowanceLu);
-}
-
-TEST(LevelingEngineTest, WavOutputIsSampleAccurate) {
-    // A steady tone: one gain throughout, no limiting, so every output
-    // sample is the source sample times that gain, the latency removed.
-    const test::TempDir dir;
-    const test::PlanarAudio input = test::sine(44100.0, 2, 3.0, 1000.0, -30.0, 0.5);
-    const fs::path source = test::floatWav(dir / "tone.wav", input);
-    const LevelingReport report = level(source, dir / "tone leveled.wav");
-    ASSERT_NEAR(report.minGain, report.maxGain, 1e-9);
-    const auto gain = static_cast<float>(std::pow(10.0, report.minGain / 20.0));
-
-    const test::PlanarAudio out = test::decodeAudio(report.outputURL);
-    ASSERT_EQ(out.frames(), input.frames());
-    EXPECT_NEAR(out.channels[0][0], input.channels[0][0] * gain, pcm24Step);
+// A steady tone gets one gain and no limiting: every output sample is the
+// source's times that gain, the limiter's latency removed.
+TEST(LevelingEngineTest, WavOutputIsTheSourceTimesTheGain) {
+    const TempDir dir;
+    const PlanarAudio input = sine(44100.0, 2, 3.0, 1000.0, -30.0, 0.5);
+    const fs::path output = textFile(dir / "out.wav", std::string(100000, 'x')); // replaced
+    const LevelingReport report = level(floatWav(dir / "tone.wav", input), output);
+    ASSERT_EQ(report.minGain, report.maxGain);
+    PlanarAudio expected = input;
+    expected.applyGainDb(report.minGain);
+    const PlanarAudio out = decodeAudio(output);
     for (std::size_t c = 0; c < 2; ++c) {
-        for (std::size_t i = 0; i < input.channels[c].size(); ++i) {
-            ASSERT_NEAR(out.channels[c][i], input.channels[c][i] * gain, pcm24Step) << i;
-        }
+        EXPECT_THAT(out.channels[c],
+                    ::testing::Pointwise(::testing::FloatNear(pcm24Step), expected.channels[c]));
     }
-    EXPECT_EQ(test::probeMedia(report.outputURL).streams.at(0).codecName, "pcm_s24le");
 }
 
-TEST(LevelingEngineTest, ShortSourceIsWrittenWhole) {
-    // Shorter than one analysis frame: no plan, unity gain.
-    const test::TempDir dir;
-    const test::PlanarAudio input = test::sine(48000.0, 1, 100.0 / 48000.0, 1000.0, -20.0);
-    const fs::path source = test::floatWav(dir / "blip.wav", input);
-    const LevelingReport report = level(source, dir / "blip leveled.wav");
-    EXPECT_EQ(report.minGain, 0.0);
-    EXPECT_EQ(report.maxGain, 0.0);
-    // Shorter than the limiter's latency: written as that many samples.
-    EXPECT_EQ(test::decodeAudio(report.outputURL).frames(), 246);
-}
-
-TEST(LevelingEngineTest, ProgressRisesThroughBothPassesToOne) {
-    const test::TempDir dir;
-    const fs::path source = speechWav(dir, "talk.wav", 20.0);
-    std::vector<LevelingProgress> progress;
-    level(source, dir / "out.wav", std::nullopt, false, &progress);
-    ASSERT_GT(progress.size(), 50u);
-    EXPECT_LE(progress.size(), 410u);
-    double last = 0.0;
-    bool leveling = false;
-    for (const LevelingProgress& p : progress) {
-        EXPECT_GE(p.fraction, last);
-        last = p.fraction;
-        if (p.phase == LevelingPhase::leveling) {
-            leveling = true;
-            EXPECT_GE(p.fraction, 0.3);
-        } else {
-            EXPECT_FALSE(leveling);
-            EXPECT_LE(p.fraction, 0.3);
-        }
-    }
-    EXPECT_EQ(progress.back(), (LevelingProgress{LevelingPhase::leveling, 1.0}));
-}
-
-struct Container {
+struct ContainerCase {
     const char* name;
-    const char* sourceName;
-    const char* outputName;
-    const char* expectedCodec;
-    int expectedChannels;
-    std::int64_t expectedBitRate; // 0: not checked
-    fs::path (*make)(const fs::path& path);
+    const char* source;
+    MediaRecipe recipe;
+    const char* audio; // codec, rate and channels as ffprobe names them
+    double bitRate;
+    bool forceMono = false;
 };
 
-class LevelingEngineContainers : public testing::TestWithParam<Container> {};
+class ContainerTest : public ::testing::TestWithParam<ContainerCase> {};
 
-TEST_P(LevelingEngineContainers, OutputFollowsTheSource) {
-    const test::TempDir dir;
-    const Container& c = GetParam();
-    const fs::path source = c.make(dir / c.sourceName);
-    const fs::path destination =
-        dir / (std::string("out.") + LevelingEngine::outputExtension(source));
-    EXPECT_EQ(destination.filename().string(), c.outputName);
-    level(source, destination);
-    const auto audio = test::probeMedia(destination).ofType("audio");
+// Audio encoded as the source's container calls for; video packets, rotation
+// and tags copied untouched; a 24-bit WAV sidecar beside video only.
+TEST_P(ContainerTest, OutputFollowsTheSource) {
+    const TempDir dir;
+    const ContainerCase& c = GetParam();
+    const fs::path source = makeMedia(dir / c.source, c.recipe);
+    const fs::path output = dir / ("out." + LevelingEngine::outputExtension(source));
+    const LevelingReport report =
+        level(source, output, {.sidecar = dir / "side.wav", .forceMono = c.forceMono});
+    ProbeInfo before = probeMedia(source);
+    ProbeInfo after = probeMedia(output);
+    auto audio = after.ofType("audio");
     ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].codecName, c.expectedCodec);
-    EXPECT_EQ(audio[0].channels, c.expectedChannels);
-    if (c.expectedBitRate > 0) {
-        EXPECT_NEAR(static_cast<double>(audio[0].bitRate), static_cast<double>(c.expectedBitRate),
-                    0.15 * static_cast<double>(c.expectedBitRate));
+    auto& f = audio[0].fields;
+    EXPECT_EQ(f["codec_name"] + " " + f["sample_rate"] + " " + f["channels"], c.audio);
+    // AAC's rate control stays near its target on noise.
+    EXPECT_NEAR(std::stod(f["bit_rate"]), c.bitRate, 0.1 * c.bitRate);
+    EXPECT_EQ(after.tags["title"], before.tags["title"]);
+
+    auto videoBefore = before.ofType("video");
+    auto videoAfter = after.ofType("video");
+    std::erase_if(videoBefore, [](auto& s) { return s.fields["disposition.attached_pic"] == "1"; });
+    ASSERT_EQ(videoAfter.size(), videoBefore.size());
+    for (std::size_t v = 0; v < videoBefore.size(); ++v) {
+        // The fixture must be rotated as asked, or the comparison proves nothing.
+        ASSERT_EQ(videoBefore[v].fields.contains(rotation), c.recipe.video[v].rotationDegrees != 0);
+        EXPECT_EQ(videoAfter[v].packets, videoBefore[v].packets);
+        for (const char* field : {"tags.language", rotation}) {
+            EXPECT_EQ(videoAfter[v].fields[field], videoBefore[v].fields[field]) << field;
+        }
     }
+    const fs::path sidecar = dir / "side.wav";
+    EXPECT_EQ(report.audioSidecarURL.has_value(), !videoBefore.empty());
+    EXPECT_EQ(fs::exists(sidecar) ? probeMedia(sidecar).streams.at(0).fields["codec_name"] : "none",
+              videoBefore.empty() ? "none" : "pcm_s24le");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Sources, LevelingEngineContainers,
-    testing::Values(
-        Container{"aiff", "in.aiff", "out.wav", "pcm_s24le", 2, 0,
-                  [](const fs::path& p) { return test::noiseFile(p, 44100, "stereo", 3.0); }},
-        Container{"mp3", "in.mp3", "out.m4a", "aac", 2, 256000,
-                  [](const fs::path& p) { return test::noiseFile(p, 44100, "stereo", 3.0); }},
-        Container{"monoAac", "in.m4a", "out.m4a", "aac", 1, 160000,
-                  [](const fs::path& p) { return test::noiseFile(p, 48000, "mono", 3.0); }},
-        Container{"surround", "in.mov", "out.mov", "aac", 2, 0,
-                  [](const fs::path& p) { return test::surroundFile(p, 3.0); }},
-        Container{"twoTracks", "in.mp4", "out.mp4", "aac", 2, 0,
-                  [](const fs::path& p) { return test::twoTrackFile(p); }},
-        Container{"qt", "in.qt", "out.mov", "aac", 2, 0,
-                  [](const fs::path& p) { return test::videoFile(p); }}),
-    [](const auto& p) { return std::string(p.param.name); });
+const AudioRecipe noise{.sampleRate = 44100, .seconds = 3.0, .frequencyHz = 0.0};
+const AudioRecipe monoNoise{.layout = "mono", .seconds = 3.0, .frequencyHz = 0.0};
+const AudioRecipe surroundNoise{.layout = "5.1", .seconds = 3.0, .frequencyHz = 0.0};
+const char* const title = "Ostrand fixture";
+const VideoRecipe rotated{.rotationDegrees = 270, .language = "fra"};
 
-class LevelingEngineVideo : public testing::TestWithParam<const char*> {};
+const ContainerCase containers[] = {
+    {"AiffToWav", "a.aiff", {.audio = {noise}}, "pcm_s24le 44100 2", 2116800},
+    {"Mp3ToM4a", "a.mp3", {.audio = {noise}}, "aac 44100 2", 256000},
+    {"Mp3CoverArtIsNoVideo", "a.mp3", {{{.coverArt = true}}, {noise}}, "aac 44100 2", 256000},
+    {"MonoAac", "a.m4a", {.audio = {monoNoise}}, "aac 48000 1", 160000},
+    {"SurroundToStereo", "a.m4a", {.audio = {surroundNoise}}, "aac 48000 2", 256000},
+    {"HighestRateAnyStereo", "a.mp4", {.audio = {noise, monoNoise}}, "aac 48000 2", 256000},
+    {"QtToMov", "a.qt", {{{.language = "eng"}}, {noise}, title}, "aac 44100 2", 256000},
+    {"RotatedMp4", "a.mp4", {{rotated}, {noise}, title}, "aac 44100 2", 256000},
+    {"TwoVideosForcedMono", "a.mov", {{{}, rotated}, {noise}, title}, "aac 44100 1", 160000, true}};
 
-TEST_P(LevelingEngineVideo, VideoPacketsAreCopiedBitExactWithTheirRotation) {
-    const test::TempDir dir;
-    const fs::path source = test::rotatedVideo(dir / (std::string("clip.") + GetParam()), 90);
-    const fs::path destination = dir / (std::string("clip leveled.") + GetParam());
-    const fs::path sidecar = dir / "clip leveled.wav";
-    const LevelingReport report = level(source, destination, sidecar);
+INSTANTIATE_TEST_SUITE_P(Sources, ContainerTest, ::testing::ValuesIn(containers), byName);
 
-    const auto before = test::videoPacketDigests(source);
-    const auto after = test::videoPacketDigests(destination);
-    ASSERT_EQ(after.size(), before.size());
-    for (std::size_t i = 0; i < before.size(); ++i) {
-        EXPECT_EQ(after[i].md5, before[i].md5) << "packet " << i;
-        EXPECT_NEAR(after[i].ptsSeconds, before[i].ptsSeconds, 1e-3) << "packet " << i;
-    }
-    const auto video = test::probeMedia(destination).ofType("video");
-    ASSERT_EQ(video.size(), 1u);
-    ASSERT_TRUE(video[0].rotationDegrees.has_value());
-    EXPECT_NEAR(std::fabs(*video[0].rotationDegrees), 90.0, 0.01);
-
-    ASSERT_TRUE(report.audioSidecarURL.has_value());
-    EXPECT_EQ(*report.audioSidecarURL, sidecar);
-    const auto sidecarAudio = test::probeMedia(sidecar).ofType("audio");
-    ASSERT_EQ(sidecarAudio.size(), 1u);
-    EXPECT_EQ(sidecarAudio[0].codecName, "pcm_s24le");
-}
-
-INSTANTIATE_TEST_SUITE_P(Containers, LevelingEngineVideo, testing::Values("mp4", "mov"));
-
-TEST(LevelingEngineTest, SidecarOnlyBesideVideo) {
-    const test::TempDir dir;
-    const fs::path source = test::noiseFile(dir / "talk.wav");
-    const LevelingReport report = level(source, dir / "talk leveled.wav", dir / "side.wav");
-    EXPECT_FALSE(report.audioSidecarURL.has_value());
-    EXPECT_FALSE(fs::exists(dir / "side.wav"));
-}
-
-TEST(LevelingEngineTest, MonoVideoGetsMonoAacAndSidecar) {
-    const test::TempDir dir;
-    const fs::path source = test::videoFile(dir / "clip.mov");
-    LevelingEngine::process(source, dir / "out.mov", LevelingParameters::forTarget(target), ceiling,
-                            true, dir / "out.wav", nullptr, nullptr);
-    const auto audio = test::probeMedia(dir / "out.mov").ofType("audio");
-    ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].channels, 1);
-    EXPECT_EQ(test::probeMedia(dir / "out.wav").ofType("audio").at(0).channels, 1);
-}
-
-struct Failure {
+struct FailureCase {
     const char* name;
-    fs::path (*make)(const test::TempDir& dir); // returns the source
-    const char* expectedStart;
+    fs::path (*source)(const TempDir& dir); // made in `dir`, which also holds "out"
+    const char* message;                    // a regular expression
+    const char* destination = "out/leveled.mp4";
+    std::optional<LevelingPhase> cancelIn = std::nullopt;
+    rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk below that
 };
 
-class LevelingEngineFailures : public testing::TestWithParam<Failure> {};
+class FailureTest : public ::testing::TestWithParam<FailureCase> {};
 
-TEST_P(LevelingEngineFailures, FailWithAMessageAndLeaveNothing) {
-    const test::TempDir dir;
-    const fs::path source = GetParam().make(dir);
-    const std::string before = fs::exists(source) ? fileBytes(source) : std::string();
-    const fs::path destination = dir / "out" / "result.mp4";
+// Every file and folder under `dir`, with the files' sizes.
+std::map<fs::path, std::uintmax_t> listing(const fs::path& dir) {
+    std::map<fs::path, std::uintmax_t> files;
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        files[entry.path()] = entry.is_regular_file() ? entry.file_size() : 0;
+    }
+    return files;
+}
+
+TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
+    const TempDir dir;
+    const FailureCase& c = GetParam();
     fs::create_directory(dir / "out");
+    const fs::path source = c.source(dir);
+    const auto before = listing(dir.path());
+    int reports = 0;
+    const Options options{.sidecar = dir / "out/leveled.wav",
+                          .progress = [&](auto p) { reports += p.phase == c.cancelIn; },
+                          .cancelled = [&] { return reports >= 2; }};
+    rlimit original{};
+    ::getrlimit(RLIMIT_FSIZE, &original);
+    std::signal(SIGXFSZ, SIG_IGN); // writing past a limit then fails with EFBIG
+    const rlimit limited{std::min(c.fileSizeLimit, original.rlim_cur), original.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limited);
     try {
-        level(source, destination, dir / "out" / "result.wav");
-        FAIL() << "no error";
+        level(source, dir / c.destination, options);
+        ADD_FAILURE() << "no error";
     } catch (const OstrandError& error) {
-        EXPECT_EQ(error.errorDescription().rfind(GetParam().expectedStart, 0), 0u)
-            << error.errorDescription();
+        EXPECT_THAT(error.what(), ::testing::ContainsRegex(c.message));
     }
-    EXPECT_TRUE(fs::is_empty(dir / "out"));
-    if (fs::exists(source)) {
-        EXPECT_EQ(fileBytes(source), before);
-    }
+    ::setrlimit(RLIMIT_FSIZE, &original);
+    EXPECT_EQ(listing(dir.path()), before);
 }
+
+const auto clip = [](const TempDir& d) { return videoFile(d / "clip.mp4", 4.0); };
+const auto talk = [](const TempDir& d) { return noiseFile(d / "talk.wav"); };
 
 INSTANTIATE_TEST_SUITE_P(
-    BadSources, LevelingEngineFailures,
-    testing::Values(
-        Failure{"truncated",
-                [](const test::TempDir& dir) {
-                    return test::truncatedCopy(test::videoFile(dir / "whole.mp4", 4.0),
-                                               dir / "cut.mp4", 0.5);
-                },
-                "Couldn't read the file: "},
-        Failure{"text", [](const test::TempDir& dir) { return test::textFile(dir / "notes.mp4"); },
-                "Couldn't read the file: "},
-        Failure{"videoOnly",
-                [](const test::TempDir& dir) { return test::videoOnly(dir / "silent.mp4"); },
-                "This file has no audio track to level."},
-        Failure{"missing", [](const test::TempDir& dir) { return dir / "nothing.mp4"; },
-                "Couldn't read the file: "}),
-    [](const auto& p) { return std::string(p.param.name); });
+    Cases, FailureTest,
+    ::testing::Values(
+        FailureCase{"TruncatedMp4",
+                    [](const auto& d) { return truncatedCopy(clip(d), d / "cut.mp4", 0.5); },
+                    "^Couldn't read the file: .*not an audio or video file"},
+        FailureCase{
+            "Mp3CutShort",
+            [](const auto& d) { return truncatedCopy(noiseFile(d / "a.mp3"), d / "b.mp3", .5); },
+            "^Couldn't read the file: .*cut short"},
+        FailureCase{"TextNamedMp4", [](const auto& d) { return textFile(d / "notes.mp4"); },
+                    "^Couldn't read the file: .*not an audio or video file"},
+        FailureCase{"Missing", [](const auto& d) { return d / "nothing.mp4"; },
+                    "^Couldn't read the file: .*No such file"},
+        FailureCase{"VideoWithoutAudio", [](const auto& d) { return videoOnly(d / "v.mp4"); },
+                    "^This file has no audio track to level\\.$"},
+        FailureCase{"UnwritableDestination", talk, "^Couldn't write .*Not a directory",
+                    "talk.wav/leveled.wav"},
+        FailureCase{"DestinationIsTheSource", talk, "^Couldn't write .*source", "talk.wav"},
+        FailureCase{"FullDisk", talk, "^Couldn't write .*File too large", "out/leveled.wav",
+                    std::nullopt, 256 * 1024},
+        FailureCase{"CancelWhileAnalyzing", clip, "^Cancelled\\.$", "out/leveled.mp4",
+                    LevelingPhase::analyzing},
+        FailureCase{"CancelWhileLeveling", clip, "^Cancelled\\.$", "out/leveled.mp4",
+                    LevelingPhase::leveling}),
+    byName);
 
-TEST(LevelingEngineTest, UnwritableDestinationFailsAndLeavesNothing) {
-    const test::TempDir dir;
-    const fs::path source = test::noiseFile(dir / "talk.wav");
-    const std::string before = fileBytes(source);
-    // A path through a regular file cannot be created, even by root.
-    const fs::path blocker = test::textFile(dir / "blocker");
-    try {
-        level(source, blocker / "talk leveled.wav");
-        FAIL() << "no error";
-    } catch (const OstrandError& error) {
-        EXPECT_EQ(error.kind(), OstrandError::Kind::writerFailed) << error.errorDescription();
-    }
-    EXPECT_EQ(fileBytes(source), before);
-}
-
-TEST(LevelingEngineTest, RefusesToOverwriteItsSource) {
-    const test::TempDir dir;
-    const fs::path source = test::noiseFile(dir / "talk.wav");
-    const std::string before = fileBytes(source);
-    EXPECT_THROW(level(source, source), OstrandError);
-    EXPECT_EQ(fileBytes(source), before);
-}
-
-class LevelingEngineCancel : public testing::TestWithParam<LevelingPhase> {};
-
-TEST_P(LevelingEngineCancel, StopsAndLeavesNoFiles) {
-    const test::TempDir dir;
-    const fs::path source = test::videoFile(dir / "clip.mov", 4.0);
-    const std::string before = fileBytes(source);
-    std::atomic<bool> cancel{false};
-    try {
-        LevelingEngine::process(
-            source, dir / "clip leveled.mov", LevelingParameters::forTarget(target), ceiling, false,
-            dir / "clip leveled.wav",
-            [&](const LevelingProgress& p) {
-                if (p.phase == GetParam() &&
-                    p.fraction > (GetParam() == LevelingPhase::analyzing ? 0.1 : 0.5)) {
-                    cancel = true;
-                }
-            },
-            [&] { return cancel.load(); });
-        FAIL() << "not cancelled";
-    } catch (const OstrandError& error) {
-        EXPECT_EQ(error.kind(), OstrandError::Kind::cancelled);
-        EXPECT_EQ(error.errorDescription(), "Cancelled.");
-    }
-    EXPECT_FALSE(fs::exists(dir / "clip leveled.mov"));
-    EXPECT_FALSE(fs::exists(dir / "clip leveled.wav"));
-    EXPECT_EQ(fileBytes(source), before);
-}
-
-INSTANTIATE_TEST_SUITE_P(Passes, LevelingEngineCancel,
-                         testing::Values(LevelingPhase::analyzing, LevelingPhase::leveling));
-
-struct Naming {
+struct NamingCase {
     const char* source;
     const char* extension;
     FileType type;
 };
 
-class LevelingEngineNaming : public testing::TestWithParam<Naming> {};
+class NamingTest : public ::testing::TestWithParam<NamingCase> {};
 
-TEST_P(LevelingEngineNaming, ExtensionAndContainerFollowTheTable) {
+TEST_P(NamingTest, ExtensionAndContainerFollowTheSource) {
     const std::string extension = LevelingEngine::outputExtension(GetParam().source);
     EXPECT_EQ(extension, GetParam().extension);
     EXPECT_EQ(LevelingEngine::fileType(extension), GetParam().type);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, LevelingEngineNaming,
-                         testing::Values(Naming{"a.mp4", "mp4", FileType::mpeg4},
-                                         Naming{"a.M4V", "m4v", FileType::mpeg4},
-                                         Naming{"a.mov", "mov", FileType::quickTimeMovie},
-                                         Naming{"a.qt", "mov", FileType::quickTimeMovie},
-                                         Naming{"a.WAV", "wav", FileType::wave},
-                                         Naming{"a.aif", "wav", FileType::wave},
-                                         Naming{"a.aiff", "wav", FileType::wave},
-                                         Naming{"a.mp3", "m4a", FileType::appleM4A},
-                                         Naming{"a.m4a", "m4a", FileType::appleM4A},
-                                         Naming{"noextension", "m4a", FileType::appleM4A}));
+const NamingCase naming[] = {
+    {"a.mp4", "mp4", FileType::mpeg4},          {"a.M4V", "m4v", FileType::mpeg4},
+    {"a.mov", "mov", FileType::quickTimeMovie}, {"a.qt", "mov", FileType::quickTimeMovie},
+    {"a.WAV", "wav", FileType::wave},           {"a.aif", "wav", FileType::wave},
+    {"a.aiff", "wav", FileType::wave},          {"a.mp3", "m4a", FileType::appleM4A},
+    {"a.m4a", "m4a", FileType::appleM4A},       {"noextension", "m4a", FileType::appleM4A}};
+
+INSTANTIATE_TEST_SUITE_P(Table, NamingTest, ::testing::ValuesIn(naming), [](const auto& p) {
+    std::string name = p.param.source;
+    std::erase(name, '.');
+    return name;
+});
 
 } // namespace
-} // namespace ostrand
+} // namespace ostrand::test
