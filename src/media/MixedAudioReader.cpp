@@ -13,9 +13,14 @@ extern "C" {
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
+#include <deque>
+#include <exception>
 #include <limits>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 namespace ostrand {
 
@@ -483,6 +488,119 @@ MixedAudioReader::MixedAudioReader(MediaAsset asset, SourceAudioFormat format,
     , m_format(format)
     , m_tracks(std::move(tracks)) {}
 
+namespace {
+
+// Decoding runs one thread ahead of the caller's handler, so that decoding
+// and the caller's processing of the previous blocks overlap. Blocks are
+// copied into a small ring of buffers; the handler still sees them one at a
+// time and in order, on the calling thread.
+class ReadAhead {
+public:
+    static constexpr std::size_t depth = 8;
+
+    explicit ReadAhead(std::size_t channels)
+        : m_blocks(depth, Block{std::vector<std::vector<float>>(
+                                    channels, std::vector<float>(MixedAudioReader::blockSamples)),
+                                0,
+                                {}}) {}
+
+    // Producer side: copies a block in, waiting for room. Throws Stopped when
+    // the consumer gave up.
+    void push(std::span<float* const> planar, std::int64_t count, MediaTime time) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_stopped || m_size < depth; });
+        if (m_stopped) {
+            throw Stopped{};
+        }
+        Block& block = m_blocks[(m_first + m_size) % depth];
+        lock.unlock();
+        // The slot is the producer's until it is counted in m_size.
+        for (std::size_t c = 0; c < block.channels.size(); ++c) {
+            if (block.channels[c].size() < static_cast<std::size_t>(count)) {
+                block.channels[c].resize(static_cast<std::size_t>(count));
+            }
+            std::copy_n(planar[c], count, block.channels[c].data());
+        }
+        block.count = count;
+        block.time = time;
+        lock.lock();
+        ++m_size;
+        m_changed.notify_all();
+    }
+
+    void finish(std::exception_ptr error) {
+        const std::lock_guard lock(m_mutex);
+        m_done = true;
+        m_error = std::move(error);
+        m_changed.notify_all();
+    }
+
+    void stop() {
+        const std::lock_guard lock(m_mutex);
+        m_stopped = true;
+        m_changed.notify_all();
+    }
+
+    // Consumer side: hands each block to the handler until the producer is
+    // done, then rethrows its error if it had one.
+    void drain(const MixedAudioReader::BlockHandler& handler) {
+        std::vector<float*> pointers(m_blocks.front().channels.size());
+        for (;;) {
+            std::unique_lock lock(m_mutex);
+            m_changed.wait(lock, [&] { return m_size > 0 || m_done; });
+            if (m_size == 0) {
+                if (m_error) {
+                    std::rethrow_exception(m_error);
+                }
+                return;
+            }
+            Block& block = m_blocks[m_first];
+            lock.unlock();
+            for (std::size_t c = 0; c < pointers.size(); ++c) {
+                pointers[c] = block.channels[c].data();
+            }
+            handler(std::span<float* const>(pointers), block.count, block.time);
+            lock.lock();
+            m_first = (m_first + 1) % depth;
+            --m_size;
+            m_changed.notify_all();
+        }
+    }
+
+    struct Stopped {};
+
+private:
+    struct Block {
+        std::vector<std::vector<float>> channels;
+        std::int64_t count;
+        MediaTime time;
+    };
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Block> m_blocks;
+    std::size_t m_first = 0;
+    std::size_t m_size = 0;
+    bool m_done = false;
+    bool m_stopped = false;
+    std::exception_ptr m_error;
+};
+
+// The library's own failures become unreadable; ours pass unchanged.
+std::exception_ptr asReadError(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(std::move(error));
+    } catch (const OstrandError&) {
+        return std::current_exception();
+    } catch (const std::exception& e) {
+        return std::make_exception_ptr(OstrandError::unreadable(e.what()));
+    } catch (...) {
+        return std::make_exception_ptr(OstrandError::unreadable("unknown error"));
+    }
+}
+
+} // namespace
+
 void MixedAudioReader::read(const BlockHandler& handler) {
     if (m_format.channels < 1 || m_format.channels > 2) {
         throw OstrandError::unreadable("the mix must be mono or stereo");
@@ -490,16 +608,28 @@ void MixedAudioReader::read(const BlockHandler& handler) {
     if (!(m_format.sampleRate >= 1.0 && m_format.sampleRate <= INT_MAX)) {
         throw OstrandError::unreadable("unsupported sample rate");
     }
+    ReadAhead pipe(static_cast<std::size_t>(m_format.channels));
+    std::thread decoder([&] {
+        std::exception_ptr error;
+        try {
+            ReadSession session(m_asset, m_format, m_tracks,
+                                [&](std::span<float* const> planar, std::int64_t count,
+                                    MediaTime time) { pipe.push(planar, count, time); });
+            session.run();
+        } catch (const ReadAhead::Stopped&) {
+        } catch (...) {
+            error = asReadError(std::current_exception());
+        }
+        pipe.finish(error);
+    });
     try {
-        ReadSession session(m_asset, m_format, m_tracks, handler);
-        session.run();
-    } catch (const OstrandError&) {
-        throw;
-    } catch (const std::exception& error) {
-        throw OstrandError::unreadable(error.what());
+        pipe.drain(handler);
     } catch (...) {
-        throw OstrandError::unreadable("unknown error");
+        pipe.stop();
+        decoder.join();
+        throw;
     }
+    decoder.join();
 }
 
 } // namespace ostrand
