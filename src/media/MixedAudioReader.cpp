@@ -438,7 +438,7 @@ private:
         m_position = position + count;
     }
 
-    const MixedAudioReader::BlockHandler& m_handler;
+    MixedAudioReader::BlockHandler m_handler;
     int m_channels;
     int m_rate;
     AVChannelLayout m_layout{};
@@ -613,8 +613,8 @@ void MixedAudioReader::read(const BlockHandler& handler) {
         std::exception_ptr error;
         try {
             ReadSession session(m_asset, m_format, m_tracks,
-                                [&](std::span<float* const> planar, std::int64_t count,
-                                    MediaTime time) { pipe.push(planar, count, time); });
+                                [&pipe](std::span<float* const> planar, std::int64_t count,
+                                        MediaTime time) { pipe.push(planar, count, time); });
             session.run();
         } catch (const ReadAhead::Stopped&) {
         } catch (...) {

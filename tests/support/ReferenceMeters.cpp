@@ -64,17 +64,6 @@ double ebur128Integrated(const PlanarAudio& audio) {
     return lufs;
 }
 
-double ebur128TruePeakDb(const PlanarAudio& audio) {
-    const Ebur128Ptr state = measure(audio, EBUR128_MODE_TRUE_PEAK);
-    double peak = 0.0;
-    for (unsigned c = 0; c < audio.channels.size(); ++c) {
-        double channelPeak = 0.0;
-        ebur128_true_peak(state.get(), c, &channelPeak);
-        peak = std::max(peak, channelPeak);
-    }
-    return 20.0 * std::log10(peak);
-}
-
 void writeFloatWav(const std::filesystem::path& path, const PlanarAudio& audio) {
     const std::vector<float> samples = interleave(audio);
     const auto channels = static_cast<std::uint16_t>(audio.channels.size());

@@ -10,10 +10,6 @@ namespace ostrand::test {
 // Integrated loudness in LUFS by libebur128.
 double ebur128Integrated(const PlanarAudio& audio);
 
-// True peak in dBTP by libebur128 (its own 4x oversampler; it over-reads
-// tones near half the sample rate).
-double ebur128TruePeakDb(const PlanarAudio& audio);
-
 // Largest |sample| in dBFS after resampling to 192 kHz with ffmpeg's soxr at
 // very high precision: a long, steep interpolator, closer to the real
 // inter-sample peak than any short polyphase filter.
