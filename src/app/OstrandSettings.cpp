@@ -167,76 +167,54 @@ void OstrandSettings::write(const char* key, const QVariant& value) {
     m_store->sync();
 }
 
-void OstrandSettings::setTargetLoudness(double lufs) {
-    write(Keys::targetLoudness, lufs);
-    if (m_targetLoudness == lufs) {
+template <typename T>
+void OstrandSettings::assign(const char* key, const QVariant& stored, T& field, const T& value,
+                             void (OstrandSettings::*changed)()) {
+    write(key, stored);
+    if (field == value) {
         return;
     }
-    m_targetLoudness = lufs;
-    emit targetLoudnessChanged();
+    field = value;
+    emit(this->*changed)();
+}
+
+void OstrandSettings::setTargetLoudness(double lufs) {
+    assign(Keys::targetLoudness, lufs, m_targetLoudness, lufs,
+           &OstrandSettings::targetLoudnessChanged);
 }
 
 void OstrandSettings::setTruePeakCeiling(double dbtp) {
-    write(Keys::truePeakCeiling, dbtp);
-    if (m_truePeakCeiling == dbtp) {
-        return;
-    }
-    m_truePeakCeiling = dbtp;
-    emit truePeakCeilingChanged();
+    assign(Keys::truePeakCeiling, dbtp, m_truePeakCeiling, dbtp,
+           &OstrandSettings::truePeakCeilingChanged);
 }
 
 void OstrandSettings::setSaveMode(SaveMode mode) {
-    write(Keys::saveMode, rawValue(mode));
-    if (m_saveMode == mode) {
-        return;
-    }
-    m_saveMode = mode;
-    emit saveModeChanged();
+    assign(Keys::saveMode, rawValue(mode), m_saveMode, mode, &OstrandSettings::saveModeChanged);
 }
 
 void OstrandSettings::setRevealWhenDone(bool reveal) {
-    write(Keys::revealWhenDone, reveal);
-    if (m_revealWhenDone == reveal) {
-        return;
-    }
-    m_revealWhenDone = reveal;
-    emit revealWhenDoneChanged();
+    assign(Keys::revealWhenDone, reveal, m_revealWhenDone, reveal,
+           &OstrandSettings::revealWhenDoneChanged);
 }
 
 void OstrandSettings::setOutputChannels(OutputChannels channels) {
-    write(Keys::outputChannels, rawValue(channels));
-    if (m_outputChannels == channels) {
-        return;
-    }
-    m_outputChannels = channels;
-    emit outputChannelsChanged();
+    assign(Keys::outputChannels, rawValue(channels), m_outputChannels, channels,
+           &OstrandSettings::outputChannelsChanged);
 }
 
 void OstrandSettings::setExportWAVWithVideo(bool exportWAV) {
-    write(Keys::exportWAVWithVideo, exportWAV);
-    if (m_exportWAVWithVideo == exportWAV) {
-        return;
-    }
-    m_exportWAVWithVideo = exportWAV;
-    emit exportWAVWithVideoChanged();
+    assign(Keys::exportWAVWithVideo, exportWAV, m_exportWAVWithVideo, exportWAV,
+           &OstrandSettings::exportWAVWithVideoChanged);
 }
 
 void OstrandSettings::setFixedFolderBookmark(const std::optional<QByteArray>& bookmark) {
-    write(Keys::fixedFolderBookmark, bookmark ? QVariant(*bookmark) : QVariant());
-    if (m_fixedFolderBookmark == bookmark) {
-        return;
-    }
-    m_fixedFolderBookmark = bookmark;
-    emit fixedFolderBookmarkChanged();
+    assign(Keys::fixedFolderBookmark, bookmark ? QVariant(*bookmark) : QVariant(),
+           m_fixedFolderBookmark, bookmark, &OstrandSettings::fixedFolderBookmarkChanged);
 }
 
 void OstrandSettings::setFolderGrants(const Grants& grants) {
-    write(Keys::folderGrants, toVariantMap(grants));
-    if (m_folderGrants == grants) {
-        return;
-    }
-    m_folderGrants = grants;
-    emit folderGrantsChanged();
+    assign(Keys::folderGrants, toVariantMap(grants), m_folderGrants, grants,
+           &OstrandSettings::folderGrantsChanged);
 }
 
 void OstrandSettings::apply(const LoudnessPreset& preset) {

@@ -150,6 +150,10 @@ signals:
 
 private:
     void write(const char* key, const QVariant& value);
+    // Writes the key, then stores and signals only a changed value.
+    template <typename T>
+    void assign(const char* key, const QVariant& stored, T& field, const T& value,
+                void (OstrandSettings::*changed)());
     void load();
 
     std::unique_ptr<QSettings> m_store;

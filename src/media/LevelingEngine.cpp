@@ -95,14 +95,21 @@ bool sameFile(const std::filesystem::path& a, const std::filesystem::path& b) {
     return std::filesystem::equivalent(a, b, error) && !error;
 }
 
-// Pointers to the channels of a block, advanced past samples already used.
-std::vector<const float*> offset(std::span<float* const> planar, std::int64_t skip) {
-    std::vector<const float*> out(planar.size());
-    for (std::size_t c = 0; c < planar.size(); ++c) {
-        out[c] = planar[c] + skip;
+// Read-only pointers to a block's channels, advanced past samples already
+// used; one per pass, reused for every block.
+class ChannelView {
+public:
+    std::span<const float* const> of(std::span<float* const> planar, std::int64_t skip) {
+        m_pointers.resize(planar.size());
+        for (std::size_t c = 0; c < planar.size(); ++c) {
+            m_pointers[c] = planar[c] + skip;
+        }
+        return m_pointers;
     }
-    return out;
-}
+
+private:
+    std::vector<const float*> m_pointers;
+};
 
 } // namespace
 
@@ -154,9 +161,10 @@ LevelingReport process(const std::filesystem::path& source,
     {
         PassProgress pass(progress, LevelingPhase::analyzing, expectedSamples, 0.0, analysisShare);
         MixedAudioReader reader(asset, opened.format, opened.tracks);
+        ChannelView view;
         reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
             checkCancelled(isCancelled);
-            analyzer.append(offset(planar, 0), count);
+            analyzer.append(view.of(planar, 0), count);
             pass.advance(count);
         });
     }
@@ -186,8 +194,9 @@ LevelingReport process(const std::filesystem::path& source,
         std::int64_t skip = limiter.latency();
         std::optional<MediaTime> startTime;
         std::vector<float> gain;
+        ChannelView view;
         const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
-            const std::vector<const float*> block = offset(planar, from);
+            const std::span<const float* const> block = view.of(planar, from);
             outputAnalyzer.append(block, n);
             const MediaTime at =
                 startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
@@ -288,9 +297,10 @@ Measurement measure(const std::filesystem::path& source, bool forceMono,
     PassProgress pass(progress, LevelingPhase::analyzing,
                       std::max(rate * opened.asset.durationSeconds, 1.0), 0.0, 1.0);
     MixedAudioReader reader(opened.asset, opened.format, opened.tracks);
+    ChannelView view;
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
-        const std::vector<const float*> block = offset(planar, 0);
+        const std::span<const float* const> block = view.of(planar, 0);
         analyzer.append(block, count);
         peaks.resize(std::max(peaks.size(), static_cast<std::size_t>(count)));
         meter.process(block, count, peaks);
