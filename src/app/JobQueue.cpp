@@ -3,8 +3,8 @@
 #include "DBusFileRevealer.h"
 #include "DBusSleepInhibitor.h"
 #include "FilePaths.h"
-#include "OutputNaming.h"
 #include "media/OstrandError.h"
+#include "media/OutputNaming.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -55,6 +55,7 @@ bool isAudioVisual(const QMimeType& type) {
 // here, so no exception crosses the thread pool.
 EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesystem::path& source,
                             const std::filesystem::path& destination,
+                            OutputNaming::ExistingFile existing,
                             const LevelingParameters& parameters, double truePeakCeiling,
                             bool forceMono, const std::optional<std::filesystem::path>& sidecar,
                             const LevelingEngine::ProgressHandler& progress,
@@ -67,8 +68,8 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
         if (std::filesystem::equivalent(source, destination, error)) {
             throw OstrandError::exportFailed("The destination is the source file itself.");
         }
-        outcome.report = engine(source, destination, parameters, truePeakCeiling, forceMono,
-                                sidecar, progress, isCancelled);
+        outcome.report = engine(source, destination, existing, parameters, truePeakCeiling,
+                                forceMono, sidecar, progress, isCancelled);
         outcome.kind = EngineOutcome::Kind::finished;
     } catch (const OstrandError& error) {
         if (error.kind() == OstrandError::Kind::cancelled) {
@@ -281,9 +282,10 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     };
     m_engineWatcher->setFuture(QtConcurrent::run(
         QThreadPool::globalInstance(),
-        [engine = m_services.engine, source, destination, parameters, truePeakCeiling, forceMono,
-         sidecar, progress = std::move(progress), isCancelled = std::move(isCancelled)] {
-            return levelOnWorker(engine, source, destination, parameters, truePeakCeiling,
+        [engine = m_services.engine, source, destination, existing = resolution.existing,
+         parameters, truePeakCeiling, forceMono, sidecar, progress = std::move(progress),
+         isCancelled = std::move(isCancelled)] {
+            return levelOnWorker(engine, source, destination, existing, parameters, truePeakCeiling,
                                  forceMono, sidecar, progress, isCancelled);
         }));
 }

@@ -1,8 +1,8 @@
 #include "OutputDestination.h"
 
 #include "FilePaths.h"
-#include "OutputNaming.h"
 #include "media/LevelingEngine.h"
+#include "media/OutputNaming.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -66,7 +66,7 @@ void OutputDestination::resolveDestination(const QUrl& source, QList<QUrl> scope
     case SaveMode::askEveryTime:
         askForFile(name, extension, sourceDir,
                    [scopes = std::move(scopes), done = std::move(done)](std::optional<QUrl> file) {
-                       done({std::move(file), scopes});
+                       done({std::move(file), scopes, OutputNaming::ExistingFile::replace});
                    });
         return;
     case SaveMode::fixedFolder:
@@ -96,7 +96,7 @@ void OutputDestination::resolveBesideSource(const QUrl& source, const QUrl& sour
             if (!picked) {
                 // Not final: the user may still pick a file by hand.
                 askForFile(name, extension, sourceDir, [scopes, done](std::optional<QUrl> file) {
-                    done({std::move(file), scopes});
+                    done({std::move(file), scopes, OutputNaming::ExistingFile::replace});
                 });
                 return;
             }

@@ -2,6 +2,7 @@
 
 #include "DestinationPanels.h"
 #include "OstrandSettings.h"
+#include "media/OutputNaming.h"
 
 #include <QList>
 #include <QObject>
@@ -19,6 +20,9 @@ namespace ostrand {
 struct DestinationResolution {
     std::optional<QUrl> destination;
     QList<QUrl> scopes;
+    // A file the user picked in a save panel (which asked before replacing)
+    // replaces what is there; a name made here moves on to the next free one.
+    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::keepAndNumber;
 };
 
 // Decides where each leveled file goes, following the save mode: beside the

@@ -2,10 +2,10 @@
 
 #include "app/LevelingJob.h"
 #include "app/OstrandSettings.h"
-#include "app/OutputNaming.h"
 #include "app/ReportText.h"
 #include "media/LevelingEngine.h"
 #include "media/OstrandError.h"
+#include "media/OutputNaming.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -314,13 +314,20 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
 
     ProgressBar bar(err, environment.progressBar, source.filename().string());
     const auto started = std::chrono::steady_clock::now();
+    // --output names the file exactly; the naming rule's names move on to
+    // the next free number if another run takes them first.
+    const auto existing = options.output ? OutputNaming::ExistingFile::replace
+                                         : OutputNaming::ExistingFile::keepAndNumber;
     const LevelingReport report = LevelingEngine::process(
-        source, destination, LevelingParameters::forTarget(target), ceiling, options.mono, sidecar,
-        [&](const LevelingProgress& progress) { bar.update(progress); },
+        source, destination, existing, LevelingParameters::forTarget(target), ceiling, options.mono,
+        sidecar, [&](const LevelingProgress& progress) { bar.update(progress); },
         [&] { return environment.interrupted && environment.interrupted(); });
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     bar.clear();
+    for (const std::string& note : report.notes) {
+        err << source.string() << ": note: " << note << '\n';
+    }
 
     if (options.json) {
         QJsonObject object;

@@ -39,10 +39,12 @@ struct FifoDeleter {
 };
 using FifoPtr = std::unique_ptr<AVAudioFifo, FifoDeleter>;
 
-// A muxer context owns its I/O only by convention: close that first.
+// A muxer context owns its I/O only by convention: close that first, unless
+// the I/O is a custom one that its own owner frees.
 struct OutputContextDeleter {
     void operator()(AVFormatContext* context) const noexcept {
-        if (context->oformat != nullptr && (context->oformat->flags & AVFMT_NOFILE) == 0) {
+        if (context->oformat != nullptr && (context->oformat->flags & AVFMT_NOFILE) == 0 &&
+            (context->flags & AVFMT_FLAG_CUSTOM_IO) == 0) {
             avio_closep(&context->pb);
         }
         avformat_free_context(context);
@@ -50,11 +52,21 @@ struct OutputContextDeleter {
 };
 using OutputContextPtr = std::unique_ptr<AVFormatContext, OutputContextDeleter>;
 
+// An I/O context made with avio_alloc_context, with its buffer.
+struct IoContextDeleter {
+    void operator()(AVIOContext* context) const noexcept {
+        av_freep(&context->buffer);
+        avio_context_free(&context);
+    }
+};
+using IoContextPtr = std::unique_ptr<AVIOContext, IoContextDeleter>;
+
 // FFmpeg's plain-text description of an error code, e.g. "Permission denied".
+// A code FFmpeg has no words for is never shown as a number.
 inline std::string avErrorText(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     if (av_strerror(code, text, sizeof text) < 0) {
-        return "error " + std::to_string(code);
+        return "an unexpected error in the media library";
     }
     return text;
 }

@@ -3,6 +3,7 @@
 #include "MediaAsset.h"
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
+#include "OutputFormat.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/Loudness.h"
@@ -21,16 +22,6 @@
 namespace ostrand::LevelingEngine {
 
 namespace {
-
-std::string lowerExtension(const std::filesystem::path& path) {
-    std::string ext = path.extension().string();
-    if (!ext.empty() && ext.front() == '.') {
-        ext.erase(0, 1);
-    }
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return ext;
-}
 
 // Reports a pass's progress when it has moved by more than half a percent,
 // so a pass sends at most about 200 reports.
@@ -77,8 +68,9 @@ struct OpenedSource {
     std::vector<MediaAsset::AudioTrack> tracks;
 };
 
-OpenedSource openSource(const std::filesystem::path& source, bool forceMono) {
-    MediaAsset asset = MediaAsset::open(source);
+OpenedSource openSource(const std::filesystem::path& source, bool forceMono,
+                        const CancelCheck& isCancelled) {
+    MediaAsset asset = MediaAsset::open(source, isCancelled);
     auto [format, tracks] = MixedAudioReader::probe(asset, forceMono);
     // The rate becomes the time scale of the written audio.
     if (!FrameAnalyzer::supportsFormat(format.sampleRate, format.channels) ||
@@ -114,44 +106,33 @@ private:
 } // namespace
 
 std::string outputExtension(const std::filesystem::path& source) {
-    const std::string ext = lowerExtension(source);
-    if (ext == "mp4" || ext == "m4v" || ext == "mov") {
-        return ext;
-    }
-    if (ext == "qt") {
-        return "mov";
-    }
-    if (ext == "wav" || ext == "aif" || ext == "aiff") {
-        return "wav";
-    }
-    return "m4a";
+    return OutputFormat::forSource(source).extension;
 }
 
 FileType fileType(std::string_view extension) {
-    if (extension == "mp4" || extension == "m4v") {
-        return FileType::mpeg4;
-    }
-    if (extension == "mov" || extension == "qt") {
-        return FileType::quickTimeMovie;
-    }
-    if (extension == "wav") {
-        return FileType::wave;
-    }
-    return FileType::appleM4A;
+    return OutputFormat::forOutputExtension(extension).container;
 }
 
-LevelingReport process(const std::filesystem::path& source,
-                       const std::filesystem::path& destination,
-                       const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
-                       const std::optional<std::filesystem::path>& audioSidecar,
-                       const ProgressHandler& progress, const CancelCheck& isCancelled) {
-    // A writer empties its location first: never let that be the source.
+namespace {
+
+LevelingReport level(const std::filesystem::path& source, const std::filesystem::path& destination,
+                     OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
+                     double truePeakCeiling, bool forceMono,
+                     const std::optional<std::filesystem::path>& audioSidecar,
+                     const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    // Refused before anything is opened, though the writer would never
+    // replace the source either.
     if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
         throw OstrandError::writerFailed("the destination is the source file itself");
     }
 
-    const OpenedSource opened = openSource(source, forceMono);
+    OpenedSource opened = openSource(source, forceMono, isCancelled);
     const MediaAsset& asset = opened.asset;
+    const OutputFormat::Rule rule = OutputFormat::forSource(source);
+    const MediaWriter::Encoding encoding = rule.audioFor(!asset.videoTracks.empty());
+    // Read at the rate the output codec takes (Opus: 48 kHz), so the plan and
+    // the limiter see exactly what is encoded.
+    opened.format.sampleRate = OutputFormat::encodedSampleRate(encoding, opened.format.sampleRate);
     const double rate = opened.format.sampleRate;
     const std::int64_t channels = opened.format.channels;
     const double expectedSamples = std::max(rate * asset.durationSeconds, 1.0);
@@ -160,7 +141,7 @@ LevelingReport process(const std::filesystem::path& source,
     FrameAnalyzer analyzer(rate, channels);
     {
         PassProgress pass(progress, LevelingPhase::analyzing, expectedSamples, 0.0, analysisShare);
-        MixedAudioReader reader(asset, opened.format, opened.tracks);
+        MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
         ChannelView view;
         reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
             checkCancelled(isCancelled);
@@ -172,20 +153,17 @@ LevelingReport process(const std::filesystem::path& source,
                                                     truePeakCeiling, limiterReleaseMs / 1000.0);
 
     // Writers. From here on every failure removes what was written.
-    const std::string extension = outputExtension(source);
-    const MediaWriter::Encoding encoding = asset.videoTracks.empty() && extension == "wav"
-                                               ? MediaWriter::Encoding::pcm24
-                                               : MediaWriter::Encoding::aac;
-    MediaWriter output(destination, fileType(extension), rate, channels, encoding, asset,
-                       asset.videoTracks);
+    MediaWriter output(destination, existing, rule.container, rate, channels, encoding, asset,
+                       asset.videoTracks, true);
     std::unique_ptr<MediaWriter> sidecar;
     TruePeakLimiter limiter(channels, rate, truePeakCeiling, limiterLookaheadMs, limiterReleaseMs);
     FrameAnalyzer outputAnalyzer(rate, channels);
     try {
         if (!asset.videoTracks.empty() && audioSidecar) {
-            sidecar = std::make_unique<MediaWriter>(*audioSidecar, FileType::wave, rate, channels,
-                                                    MediaWriter::Encoding::pcm24, asset,
-                                                    std::vector<MediaAsset::VideoTrack>{});
+            sidecar = std::make_unique<MediaWriter>(
+                *audioSidecar, OutputNaming::ExistingFile::keepAndNumber, FileType::wave, rate,
+                channels, MediaWriter::Encoding::pcm24, asset,
+                std::vector<MediaAsset::VideoTrack>{});
         }
 
         const auto timeScale = static_cast<std::int32_t>(rate);
@@ -209,7 +187,7 @@ LevelingReport process(const std::filesystem::path& source,
 
         PassProgress pass(progress, LevelingPhase::leveling, expectedSamples, analysisShare,
                           1.0 - analysisShare);
-        MixedAudioReader reader(asset, opened.format, opened.tracks);
+        MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
         reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
             checkCancelled(isCancelled);
             if (!startTime) {
@@ -250,9 +228,26 @@ LevelingReport process(const std::filesystem::path& source,
         limiter.process(tailPointers, latency);
         write(tailPointers, 0, latency);
 
+        // Both files complete before either takes a name, so a failure
+        // leaves neither. The sidecar follows an output that had to move on
+        // to another name.
+        output.complete();
+        if (sidecar) {
+            sidecar->complete();
+        }
         output.finish();
         if (sidecar) {
-            sidecar->finish();
+            try {
+                if (output.url() != destination) {
+                    std::filesystem::path beside = output.url();
+                    sidecar->setURL(beside.replace_extension(OutputNaming::sidecarExtension));
+                }
+                sidecar->finish();
+            } catch (...) {
+                std::error_code ignored;
+                std::filesystem::remove(output.url(), ignored);
+                throw;
+            }
         }
     } catch (...) {
         output.cancel();
@@ -266,10 +261,11 @@ LevelingReport process(const std::filesystem::path& source,
     }
 
     LevelingReport report;
-    report.outputURL = destination;
+    report.outputURL = output.url();
     if (sidecar) {
-        report.audioSidecarURL = *audioSidecar;
+        report.audioSidecarURL = sidecar->url();
     }
+    report.notes = output.notes();
     report.duration = asset.durationSeconds;
     report.inputLoudness = curve.inputLoudness;
     report.outputLoudness = Loudness::integrated(outputAnalyzer.kPower());
@@ -284,9 +280,37 @@ LevelingReport process(const std::filesystem::path& source,
     return report;
 }
 
-Measurement measure(const std::filesystem::path& source, bool forceMono,
-                    const ProgressHandler& progress, const CancelCheck& isCancelled) {
-    const OpenedSource opened = openSource(source, forceMono);
+// Memory and file-system failures reach the user in words.
+template <typename Work>
+auto inWords(Work&& work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        throw OstrandError::unreadable("there is not enough memory to level it");
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw OstrandError::writerFailed(error.code().message());
+    }
+}
+
+} // namespace
+
+LevelingReport process(const std::filesystem::path& source,
+                       const std::filesystem::path& destination,
+                       OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
+                       double truePeakCeiling, bool forceMono,
+                       const std::optional<std::filesystem::path>& audioSidecar,
+                       const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    return inWords([&] {
+        return level(source, destination, existing, parameters, truePeakCeiling, forceMono,
+                     audioSidecar, progress, isCancelled);
+    });
+}
+
+namespace {
+
+Measurement measureSource(const std::filesystem::path& source, bool forceMono,
+                          const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    const OpenedSource opened = openSource(source, forceMono, isCancelled);
     const double rate = opened.format.sampleRate;
     const std::int64_t channels = opened.format.channels;
 
@@ -296,7 +320,7 @@ Measurement measure(const std::filesystem::path& source, bool forceMono,
     float samplePeak = 0.0f;
     PassProgress pass(progress, LevelingPhase::analyzing,
                       std::max(rate * opened.asset.durationSeconds, 1.0), 0.0, 1.0);
-    MixedAudioReader reader(opened.asset, opened.format, opened.tracks);
+    MixedAudioReader reader(opened.asset, opened.format, opened.tracks, isCancelled);
     ChannelView view;
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
@@ -327,6 +351,13 @@ Measurement measure(const std::filesystem::path& source, bool forceMono,
     m.sampleRate = rate;
     m.channels = channels;
     return m;
+}
+
+} // namespace
+
+Measurement measure(const std::filesystem::path& source, bool forceMono,
+                    const ProgressHandler& progress, const CancelCheck& isCancelled) {
+    return inWords([&] { return measureSource(source, forceMono, progress, isCancelled); });
 }
 
 } // namespace ostrand::LevelingEngine

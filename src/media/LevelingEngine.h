@@ -2,6 +2,7 @@
 
 #include "LevelingReport.h"
 #include "MediaWriter.h"
+#include "OutputNaming.h"
 #include "dsp/LevelingParameters.h"
 
 #include <array>
@@ -18,7 +19,6 @@
 // must not be a UI thread; `progress` and `isCancelled` are called from it.
 namespace ostrand::LevelingEngine {
 
-inline constexpr std::array<std::string_view, 4> videoExtensions{"mp4", "m4v", "mov", "qt"};
 inline constexpr double limiterLookaheadMs = 5.0;
 inline constexpr double limiterReleaseMs = 200.0;
 inline constexpr double analysisShare = 0.3; // of the job's progress
@@ -26,11 +26,16 @@ inline constexpr double analysisShare = 0.3; // of the job's progress
 using ProgressHandler = std::function<void(const LevelingProgress&)>;
 using CancelCheck = std::function<bool()>;
 
-// Throws OstrandError (cancelled when isCancelled() turned true). On failure
-// no output and no sidecar is left behind.
+// Writes the output at `destination`, or, when a file takes that name by the
+// time the output is complete and `existing` says so, at the next free
+// numbered name; the report names the file written. The sidecar follows the
+// output's final name. Throws OstrandError (cancelled when isCancelled()
+// turned true). On failure no output and no sidecar is left behind, and no
+// file that was already there is touched.
 LevelingReport process(const std::filesystem::path& source,
                        const std::filesystem::path& destination,
-                       const LevelingParameters& parameters, double truePeakCeiling, bool forceMono,
+                       OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
+                       double truePeakCeiling, bool forceMono,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled);
 
@@ -49,7 +54,8 @@ struct Measurement {
 Measurement measure(const std::filesystem::path& source, bool forceMono,
                     const ProgressHandler& progress, const CancelCheck& isCancelled);
 
-// The output's extension for a source ("mp4", "m4v", "mov", "wav" or "m4a").
+// The output's extension for a source ("mp4", "mov", "wav", "mkv", "m4a", ...)
+// and the container an output extension stands for (OutputFormat's table).
 std::string outputExtension(const std::filesystem::path& source);
 FileType fileType(std::string_view extension);
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ostrand {
 
@@ -31,6 +32,9 @@ struct LevelingReport {
     double minGain = 0.0;              // dB, smallest planned gain
     double maxGain = 0.0;              // dB, largest planned gain
     double activeFraction = 0.0;       // share of frames judged active
+    // What of the source the output could not keep (subtitles, cover art,
+    // chapters ...), one plain sentence each; empty when everything was kept.
+    std::vector<std::string> notes = {};
 
     friend bool operator==(const LevelingReport&, const LevelingReport&) = default;
 };

@@ -24,10 +24,26 @@ double durationOf(const AVFormatContext& context) {
     return longest;
 }
 
+const char* otherKind(const AVStream& stream) {
+    switch (stream.codecpar->codec_type) {
+    case AVMEDIA_TYPE_VIDEO:
+        return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0 ? "cover art" : nullptr;
+    case AVMEDIA_TYPE_SUBTITLE:
+        return "subtitles";
+    case AVMEDIA_TYPE_ATTACHMENT:
+        return "attachment";
+    case AVMEDIA_TYPE_DATA:
+        return "data";
+    default:
+        return nullptr;
+    }
+}
+
 } // namespace
 
-MediaAsset MediaAsset::open(const std::filesystem::path& url) {
-    const InputContextPtr context = openMediaInput(url);
+MediaAsset MediaAsset::open(const std::filesystem::path& url,
+                            const std::function<bool()>& interrupted) {
+    const InputContextPtr context = openMediaInput(url, &interrupted);
     MediaAsset asset;
     asset.url = url;
     asset.durationSeconds = durationOf(*context);
@@ -48,10 +64,13 @@ MediaAsset MediaAsset::open(const std::filesystem::path& url) {
                  std::max(parameters.ch_layout.nb_channels, 0)});
         } else if (parameters.codec_type == AVMEDIA_TYPE_VIDEO &&
                    (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0) {
-            // Cover art is a still picture stored as a video stream, not a track.
             asset.videoTracks.push_back({index});
+        } else if (const char* kind = otherKind(stream)) {
+            // Cover art is a still picture stored as a video stream, not a track.
+            asset.otherStreams.push_back({index, kind, avcodec_get_name(parameters.codec_id)});
         }
     }
+    asset.chapterCount = context->nb_chapters;
     return asset;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,6 +21,13 @@ struct MediaAsset {
     struct VideoTrack {
         int streamIndex = -1;
     };
+    // A stream that is kept beside the audio where the output container can
+    // hold it: subtitles, cover art, attachments (fonts), data.
+    struct OtherStream {
+        int streamIndex = -1;
+        std::string kind;  // "subtitles", "cover art", "attachment", "data"
+        std::string codec; // FFmpeg's name, e.g. "mov_text"
+    };
 
     std::filesystem::path url;
     double durationSeconds = 0.0; // 0 when unknown
@@ -28,10 +36,14 @@ struct MediaAsset {
     std::map<std::string, std::string> metadata;
     std::vector<AudioTrack> audioTracks;
     std::vector<VideoTrack> videoTracks;
+    std::vector<OtherStream> otherStreams;
+    std::int64_t chapterCount = 0;
 
     // Opens and inspects the file. Throws OstrandError::unreadable with a
     // plain-English reason when it is missing or not a media file.
-    static MediaAsset open(const std::filesystem::path& url);
+    // `interrupted` (see openMediaInput) breaks off a blocking open.
+    static MediaAsset open(const std::filesystem::path& url,
+                           const std::function<bool()>& interrupted = {});
 };
 
 } // namespace ostrand

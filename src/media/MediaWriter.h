@@ -2,37 +2,48 @@
 
 #include "MediaAsset.h"
 #include "MediaTime.h"
+#include "OutputFormat.h"
+#include "OutputNaming.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace ostrand {
 
-enum class FileType { mpeg4, quickTimeMovie, appleM4A, wave };
+using FileType = OutputFormat::Container;
 
-// Writes one output file: a new audio track from planar float blocks (AAC at
-// 256 kbit/s stereo or 160 kbit/s mono, or 24-bit PCM) plus, for a video
-// source, every given video track copied packet for packet (codec
+// Writes one output file: a new audio track from planar float blocks (AAC,
+// Opus, FLAC or 24-bit PCM at the rates of the output format) plus, for a
+// video source, every given video track copied packet for packet (codec
 // parameters, time base, rotation, language and title kept) and interleaved
-// with the audio by time. The source's container tags are carried over.
+// with the audio by time. The source's container tags are carried over; with
+// `keepOtherStreams` so are its subtitles, cover art, attachments and
+// chapters, wherever the container can hold them (notes() lists what it
+// cannot).
 //
-// Any file at `url` is removed first (never the source itself); cancel(),
-// a failed construction and destruction without finish() remove the partial
-// file. One thread drives it. Encoding and muxing run on a thread of the
-// writer's own, fed through a queue of a few blocks: appendAudio() copies the
-// block and returns unless the queue is full, and an error of that thread
-// surfaces as OstrandError::writerFailed from the next appendAudio() or
-// finish().
+// The file is written unnamed in the destination's folder and appears under
+// its name only when finish() has completed and flushed it (AtomicFile): a
+// failure, cancel() or destruction without finish() leaves nothing behind and
+// never touches a file already at `url`. finish() replaces such a file or
+// moves on to the next free numbered name, as `existing` says; url() is then
+// the name used. The source is never replaced.
+//
+// One thread drives it. Encoding and muxing run on a thread of the writer's
+// own, fed through a pipe of a few blocks: appendAudio() copies the block and
+// returns unless the pipe is full, and an error of that thread surfaces as
+// OstrandError::writerFailed from the next appendAudio() or finish().
 class MediaWriter {
 public:
-    enum class Encoding { aac = 0, pcm24 = 1 };
+    using Encoding = OutputFormat::AudioCodec;
 
-    MediaWriter(std::filesystem::path url, FileType fileType, double sampleRate,
-                std::int64_t channels, Encoding encoding, const MediaAsset& asset,
-                std::vector<MediaAsset::VideoTrack> videoTracks);
+    MediaWriter(std::filesystem::path url, OutputNaming::ExistingFile existing, FileType fileType,
+                double sampleRate, std::int64_t channels, Encoding encoding,
+                const MediaAsset& asset, std::vector<MediaAsset::VideoTrack> videoTracks,
+                bool keepOtherStreams = false);
     ~MediaWriter();
     MediaWriter(const MediaWriter&) = delete;
     MediaWriter& operator=(const MediaWriter&) = delete;
@@ -41,14 +52,23 @@ public:
     // audio starts, the others follow it sample by sample. count < 1 does
     // nothing. Throws OstrandError::writerFailed.
     void appendAudio(std::span<const float* const> planar, std::int64_t count, MediaTime at);
-    // Completes the file, the rest of the video included. Throws
-    // OstrandError::writerFailed (a full disk among the causes); the writer
-    // then stays unfinished and cancel() or destruction removes the file.
+    // Where finish() will put the file; only before finish().
+    void setURL(std::filesystem::path url);
+    // Completes and flushes the file, the rest of the video included, still
+    // without a name. Throws OstrandError::writerFailed (a full disk among
+    // the causes); the writer then stays unfinished and cancel() or
+    // destruction removes the file.
+    void complete();
+    // Completes the file if that is still to do, then gives it its name.
+    // Throws OstrandError::writerFailed, as complete().
     void finish();
-    // Abandons the file and deletes it. Never throws.
+    // Abandons the file. Never throws.
     void cancel() noexcept;
 
     const std::filesystem::path& url() const noexcept;
+    // What of the source could not be kept, one plain sentence each, e.g.
+    // "the subtitles (hdmv_pgs_subtitle) cannot be kept in MP4".
+    const std::vector<std::string>& notes() const noexcept;
 
 private:
     class Impl;

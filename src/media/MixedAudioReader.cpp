@@ -1,6 +1,7 @@
 #include "MixedAudioReader.h"
 
 #include "AvPtr.h"
+#include "BlockPipe.h"
 #include "MediaInput.h"
 #include "OstrandError.h"
 #include "PlanarQueue.h"
@@ -11,11 +12,11 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
-#include <deque>
 #include <exception>
 #include <limits>
 #include <mutex>
@@ -39,6 +40,17 @@ constexpr double trackLagSeconds = 5.0;
 // A track whose decoded audio stops this much before the end its container
 // declares was cut short (a truncated download or copy).
 constexpr double truncationToleranceSeconds = 1.0;
+
+// A time stamp that jumps further than the container's duration allows (plus
+// this much) is damaged: its audio is read on from where the track stands
+// instead of after hours of silence. Without a known duration, only gaps up
+// to this long are filled.
+constexpr double durationSlackSeconds = 1.0;
+constexpr double maxBlindGapSeconds = 10.0;
+
+// A decoded sample beyond +24 dBFS is damage, not sound: left as it is, it
+// would dominate the loudness and hold the limiter down for seconds.
+constexpr float maxSampleMagnitude = 16.0f;
 
 // Damaged packets are skipped as FFmpeg's own tools do, but a track where
 // more than this share fails is too broken to level.
@@ -95,16 +107,21 @@ class ReadSession {
 public:
     ReadSession(const MediaAsset& asset, const SourceAudioFormat& format,
                 const std::vector<MediaAsset::AudioTrack>& tracks,
-                const MixedAudioReader::BlockHandler& handler)
+                const MixedAudioReader::BlockHandler& handler, std::function<bool()> interrupted)
         : m_handler(handler)
         , m_channels(static_cast<int>(format.channels))
         , m_rate(static_cast<int>(std::lround(format.sampleRate)))
-        , m_input(openMediaInput(asset.url))
+        , m_interrupted(std::move(interrupted))
+        , m_input(openMediaInput(asset.url, &m_interrupted))
         , m_packet(allocatePacket())
         , m_frame(allocateFrame()) {
         av_channel_layout_default(&m_layout, m_channels);
         m_gapTolerance = std::llround(gapToleranceSeconds * m_rate);
         m_lagAllowance = std::llround(trackLagSeconds * m_rate);
+        m_durationSamples =
+            asset.durationSeconds > 0.0
+                ? std::llround((asset.durationSeconds + durationSlackSeconds) * m_rate)
+                : std::optional<std::int64_t>{};
         m_trackOfStream.assign(m_input->nb_streams, -1);
         m_tracks.reserve(tracks.size());
         for (const auto& track : tracks) {
@@ -133,6 +150,9 @@ public:
             }
             if (read == AVERROR(EAGAIN)) {
                 continue;
+            }
+            if (read == AVERROR_EXIT) {
+                throw OstrandError::cancelled();
             }
             if (read < 0) {
                 throw OstrandError::unreadable("the file is damaged or cut short (" +
@@ -195,8 +215,10 @@ private:
     void advanceClock(const Track& track, const AVPacket& packet) {
         const std::int64_t stamp = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
         if (stamp != AV_NOPTS_VALUE) {
-            m_clock =
-                std::max(m_clock, toPosition(stamp + packet.duration, track.stream->time_base));
+            const std::int64_t reach = toPosition(stamp + packet.duration, track.stream->time_base);
+            if (isPlausible(track, reach)) {
+                m_clock = std::max(m_clock, reach);
+            }
         }
     }
 
@@ -250,8 +272,8 @@ private:
         } else if (position) {
             const std::int64_t expected =
                 track.queueEnd() + swr_get_delay(track.resampler.get(), m_rate);
-            if (*position - expected > m_gapTolerance) {
-                track.queue.appendSilence(*position - expected);
+            if (*position - expected > m_gapTolerance && isPlausible(track, *position)) {
+                fillGap(track, *position - expected);
             }
         }
         const int room = swr_get_out_samples(track.resampler.get(), frame.nb_samples);
@@ -266,6 +288,31 @@ private:
             throw OstrandError::unreadable("cannot convert the audio: " + avErrorText(converted));
         }
         track.queue.commit(converted);
+    }
+
+    // Whether a track can reach `position` in a file of the container's
+    // duration.
+    bool isPlausible(const Track& track, std::int64_t position) const {
+        const auto start = track.knownStart();
+        if (!start) {
+            return true;
+        }
+        if (m_durationSamples) {
+            return position - *start <= *m_durationSamples;
+        }
+        return position - std::max(track.queueEnd(), *start) <=
+               std::llround(maxBlindGapSeconds * m_rate);
+    }
+
+    // Silence a block at a time, handing out what is ready in between, so a
+    // long hole never sits in memory at once.
+    void fillGap(Track& track, std::int64_t samples) {
+        while (samples > 0) {
+            const std::int64_t n = std::min(samples, MixedAudioReader::blockSamples);
+            track.queue.appendSilence(n);
+            samples -= n;
+            deliverReadyBlocks(false);
+        }
     }
 
     void setUpResampler(Track& track, const AVFrame& frame) {
@@ -434,6 +481,14 @@ private:
             track.queue.consume(n);
             track.queueStart += n;
         }
+        for (auto& samples : m_mix) {
+            for (std::int64_t i = 0; i < count; ++i) {
+                const float x = samples[static_cast<std::size_t>(i)];
+                samples[static_cast<std::size_t>(i)] =
+                    std::isfinite(x) ? std::clamp(x, -maxSampleMagnitude, maxSampleMagnitude)
+                                     : 0.0f;
+            }
+        }
         m_handler(std::span<float* const>(m_mixPointers), count, MediaTime{position, m_rate});
         m_position = position + count;
     }
@@ -441,6 +496,8 @@ private:
     MixedAudioReader::BlockHandler m_handler;
     int m_channels;
     int m_rate;
+    std::function<bool()> m_interrupted; // polled by FFmpeg's blocking calls
+    std::optional<std::int64_t> m_durationSamples;
     AVChannelLayout m_layout{};
     std::int64_t m_gapTolerance = 0;
     std::int64_t m_lagAllowance = 0;
@@ -483,108 +540,18 @@ MixedAudioReader::probe(const MediaAsset& asset, bool forceMono) {
 }
 
 MixedAudioReader::MixedAudioReader(MediaAsset asset, SourceAudioFormat format,
-                                   std::vector<MediaAsset::AudioTrack> tracks)
+                                   std::vector<MediaAsset::AudioTrack> tracks,
+                                   std::function<bool()> isCancelled)
     : m_asset(std::move(asset))
     , m_format(format)
-    , m_tracks(std::move(tracks)) {}
+    , m_tracks(std::move(tracks))
+    , m_isCancelled(std::move(isCancelled)) {}
 
 namespace {
 
-// Decoding runs one thread ahead of the caller's handler, so that decoding
-// and the caller's processing of the previous blocks overlap. Blocks are
-// copied into a small ring of buffers; the handler still sees them one at a
-// time and in order, on the calling thread.
-class ReadAhead {
-public:
-    static constexpr std::size_t depth = 8;
-
-    explicit ReadAhead(std::size_t channels)
-        : m_blocks(depth, Block{std::vector<std::vector<float>>(
-                                    channels, std::vector<float>(MixedAudioReader::blockSamples)),
-                                0,
-                                {}}) {}
-
-    // Producer side: copies a block in, waiting for room. Throws Stopped when
-    // the consumer gave up.
-    void push(std::span<float* const> planar, std::int64_t count, MediaTime time) {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_stopped || m_size < depth; });
-        if (m_stopped) {
-            throw Stopped{};
-        }
-        Block& block = m_blocks[(m_first + m_size) % depth];
-        lock.unlock();
-        // The slot is the producer's until it is counted in m_size.
-        for (std::size_t c = 0; c < block.channels.size(); ++c) {
-            if (block.channels[c].size() < static_cast<std::size_t>(count)) {
-                block.channels[c].resize(static_cast<std::size_t>(count));
-            }
-            std::copy_n(planar[c], count, block.channels[c].data());
-        }
-        block.count = count;
-        block.time = time;
-        lock.lock();
-        ++m_size;
-        m_changed.notify_all();
-    }
-
-    void finish(std::exception_ptr error) {
-        const std::lock_guard lock(m_mutex);
-        m_done = true;
-        m_error = std::move(error);
-        m_changed.notify_all();
-    }
-
-    void stop() {
-        const std::lock_guard lock(m_mutex);
-        m_stopped = true;
-        m_changed.notify_all();
-    }
-
-    // Consumer side: hands each block to the handler until the producer is
-    // done, then rethrows its error if it had one.
-    void drain(const MixedAudioReader::BlockHandler& handler) {
-        std::vector<float*> pointers(m_blocks.front().channels.size());
-        for (;;) {
-            std::unique_lock lock(m_mutex);
-            m_changed.wait(lock, [&] { return m_size > 0 || m_done; });
-            if (m_size == 0) {
-                if (m_error) {
-                    std::rethrow_exception(m_error);
-                }
-                return;
-            }
-            Block& block = m_blocks[m_first];
-            lock.unlock();
-            for (std::size_t c = 0; c < pointers.size(); ++c) {
-                pointers[c] = block.channels[c].data();
-            }
-            handler(std::span<float* const>(pointers), block.count, block.time);
-            lock.lock();
-            m_first = (m_first + 1) % depth;
-            --m_size;
-            m_changed.notify_all();
-        }
-    }
-
-    struct Stopped {};
-
-private:
-    struct Block {
-        std::vector<std::vector<float>> channels;
-        std::int64_t count;
-        MediaTime time;
-    };
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Block> m_blocks;
-    std::size_t m_first = 0;
-    std::size_t m_size = 0;
-    bool m_done = false;
-    bool m_stopped = false;
-    std::exception_ptr m_error;
-};
+// Decoding runs this many blocks ahead of the caller's handler, so that
+// decoding and the caller's processing of the previous blocks overlap.
+constexpr std::size_t readAheadBlocks = 8;
 
 // The library's own failures become unreadable; ours pass unchanged.
 std::exception_ptr asReadError(std::exception_ptr error) {
@@ -592,6 +559,9 @@ std::exception_ptr asReadError(std::exception_ptr error) {
         std::rethrow_exception(std::move(error));
     } catch (const OstrandError&) {
         return std::current_exception();
+    } catch (const std::bad_alloc&) {
+        return std::make_exception_ptr(
+            OstrandError::unreadable("there is not enough memory to read it"));
     } catch (const std::exception& e) {
         return std::make_exception_ptr(OstrandError::unreadable(e.what()));
     } catch (...) {
@@ -608,24 +578,35 @@ void MixedAudioReader::read(const BlockHandler& handler) {
     if (!(m_format.sampleRate >= 1.0 && m_format.sampleRate <= INT_MAX)) {
         throw OstrandError::unreadable("unsupported sample rate");
     }
-    ReadAhead pipe(static_cast<std::size_t>(m_format.channels));
+    // The handler still sees the blocks one at a time, in order, on the
+    // calling thread.
+    BlockPipe pipe(static_cast<std::size_t>(m_format.channels), readAheadBlocks);
+    std::atomic<bool> abandoned{false};
+    const auto interrupted = [&] {
+        return abandoned.load(std::memory_order_relaxed) || (m_isCancelled && m_isCancelled());
+    };
     std::thread decoder([&] {
-        std::exception_ptr error;
         try {
-            ReadSession session(m_asset, m_format, m_tracks,
-                                [&pipe](std::span<float* const> planar, std::int64_t count,
-                                        MediaTime time) { pipe.push(planar, count, time); });
+            ReadSession session(
+                m_asset, m_format, m_tracks,
+                [&pipe](std::span<float* const> planar, std::int64_t count, MediaTime time) {
+                    pipe.push(planar, count, time);
+                },
+                interrupted);
             session.run();
-        } catch (const ReadAhead::Stopped&) {
+            pipe.close();
+        } catch (const BlockPipe::Abandoned&) {
+            pipe.close();
         } catch (...) {
-            error = asReadError(std::current_exception());
+            pipe.close(asReadError(std::current_exception()));
         }
-        pipe.finish(error);
     });
     try {
-        pipe.drain(handler);
+        while (pipe.pop(handler)) {
+        }
     } catch (...) {
-        pipe.stop();
+        abandoned = true;
+        pipe.abandon();
         decoder.join();
         throw;
     }

@@ -41,14 +41,20 @@ public:
     static std::pair<SourceAudioFormat, std::vector<MediaAsset::AudioTrack>>
     probe(const MediaAsset& asset, bool forceMono);
 
+    // `isCancelled` (callable from any thread) also breaks off a read that
+    // blocks inside FFmpeg; the read then fails with OstrandError::cancelled.
     MixedAudioReader(MediaAsset asset, SourceAudioFormat format,
-                     std::vector<MediaAsset::AudioTrack> tracks);
+                     std::vector<MediaAsset::AudioTrack> tracks,
+                     std::function<bool()> isCancelled = {});
 
     // Reads the whole stream, block by block, in order, with a demuxer of its
     // own. The first block's time is the earliest audio start; a track that
     // starts later or ends earlier is silent outside its span. Errors other
     // than OstrandError become OstrandError::unreadable, as does a file that
-    // ends well before the length its container declares (cut short).
+    // ends well before the length its container declares (cut short). Holes
+    // in a track's time stamps become silence, unless they jump past the
+    // container's duration (damaged stamps: the audio is then read on
+    // contiguously). Samples that are not finite become silence.
     void read(const BlockHandler& handler);
 
     const SourceAudioFormat& format() const noexcept { return m_format; }
@@ -57,6 +63,7 @@ private:
     MediaAsset m_asset;
     SourceAudioFormat m_format;
     std::vector<MediaAsset::AudioTrack> m_tracks;
+    std::function<bool()> m_isCancelled;
 };
 
 } // namespace ostrand

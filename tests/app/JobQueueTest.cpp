@@ -32,17 +32,17 @@ public:
 
 // The real engine, pausing after each progress report (about 20 per second of
 // audio) so that a run lasts long enough for a test to act on it.
-const JobQueue::Engine slowedEngine = [](const std::filesystem::path& source,
-                                         const auto& destination, const auto& parameters,
-                                         double ceiling, bool mono, const auto& sidecar,
-                                         const auto& progress, const auto& isCancelled) {
-    const auto pausing = [&progress](const LevelingProgress& value) {
-        progress(value);
-        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+const JobQueue::Engine slowedEngine =
+    [](const std::filesystem::path& source, const auto& destination, auto existing,
+       const auto& parameters, double ceiling, bool mono, const auto& sidecar, const auto& progress,
+       const auto& isCancelled) {
+        const auto pausing = [&progress](const LevelingProgress& value) {
+            progress(value);
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        };
+        return LevelingEngine::process(source, destination, existing, parameters, ceiling, mono,
+                                       sidecar, pausing, isCancelled);
     };
-    return LevelingEngine::process(source, destination, parameters, ceiling, mono, sidecar, pausing,
-                                   isCancelled);
-};
 
 struct World {
     World()

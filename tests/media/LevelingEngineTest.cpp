@@ -38,6 +38,7 @@ const auto byName = [](const auto& info) { return std::string(info.param.name); 
 
 struct Options {
     std::optional<fs::path> sidecar;
+    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
     double targetLufs = target;
     bool forceMono = false;
     LevelingEngine::ProgressHandler progress;
@@ -45,8 +46,9 @@ struct Options {
 };
 
 LevelingReport level(const fs::path& source, const fs::path& destination, const Options& o = {}) {
-    return LevelingEngine::process(source, destination, LevelingParameters::forTarget(o.targetLufs),
-                                   ceiling, o.forceMono, o.sidecar, o.progress, o.cancelled);
+    return LevelingEngine::process(source, destination, o.existing,
+                                   LevelingParameters::forTarget(o.targetLufs), ceiling,
+                                   o.forceMono, o.sidecar, o.progress, o.cancelled);
 }
 
 struct LoudnessCase {
@@ -132,8 +134,8 @@ struct ContainerCase {
 
 class ContainerTest : public ::testing::TestWithParam<ContainerCase> {};
 
-// Audio encoded as the source's container calls for; video packets, rotation
-// and tags copied untouched; a 24-bit WAV sidecar beside video only.
+// Audio encoded as the source's container calls for; video packets, rotation,
+// tags and cover art copied untouched; a 24-bit WAV sidecar beside video only.
 TEST_P(ContainerTest, OutputFollowsTheSource) {
     const TempDir dir;
     const ContainerCase& c = GetParam();
@@ -153,7 +155,11 @@ TEST_P(ContainerTest, OutputFollowsTheSource) {
 
     auto videoBefore = before.ofType("video");
     auto videoAfter = after.ofType("video");
-    std::erase_if(videoBefore, [](auto& s) { return s.fields["disposition.attached_pic"] == "1"; });
+    const auto isCover = [](auto& s) { return s.fields["disposition.attached_pic"] == "1"; };
+    EXPECT_EQ(std::count_if(videoAfter.begin(), videoAfter.end(), isCover),
+              c.recipe.video.empty() || !c.recipe.video[0].coverArt ? 0 : 1);
+    std::erase_if(videoBefore, isCover);
+    std::erase_if(videoAfter, isCover);
     ASSERT_EQ(videoAfter.size(), videoBefore.size());
     for (std::size_t v = 0; v < videoBefore.size(); ++v) {
         // The fixture must be rotated as asked, or the comparison proves nothing.

@@ -15,12 +15,12 @@ TEST(MediaWriterTest, DestroyedUnfinishedLeavesNoFile) {
     const MediaAsset asset = MediaAsset::open(videoFile(dir / "source.mp4", 3.0));
     const PlanarAudio audio = whiteNoise(48000, 2, 1.0, -20, 1);
     {
-        MediaWriter writer(dir / "out.mp4", FileType::mpeg4, 48000, 2, MediaWriter::Encoding::aac,
-                           asset, asset.videoTracks);
+        MediaWriter writer(dir / "out.mp4", OutputNaming::ExistingFile::replace, FileType::mpeg4,
+                           48000, 2, MediaWriter::Encoding::aac, asset, asset.videoTracks);
         writer.appendAudio(audio.constPointers(), audio.frames(), {});
-        ASSERT_TRUE(std::filesystem::exists(dir / "out.mp4"));
     }
     EXPECT_FALSE(std::filesystem::exists(dir / "out.mp4"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
 } // namespace

@@ -5,9 +5,16 @@
 #include <string_view>
 
 // Where a leveled file goes inside a chosen folder, shared by the desktop
-// queue and the command line so that both name their outputs alike. Standard
-// library only; each existence test is made at the moment of the call.
+// queue, the command line and the writer that finally claims the name, so
+// that all name their outputs alike. Standard library only; each existence
+// test is made at the moment of the call, and only the writer's claim at the
+// end is binding.
 namespace ostrand::OutputNaming {
+
+// What a finished output does to a file that holds its name by then: replace
+// it (a name the user chose and confirmed), or leave it alone and take the
+// next free numbered name.
+enum class ExistingFile { replace, keepAndNumber };
 
 inline constexpr std::string_view leveledSuffix = " leveled";
 inline constexpr std::string_view sidecarExtension = "wav";
@@ -24,8 +31,13 @@ std::string leveledName(const std::filesystem::path& source);
 std::filesystem::path uniqueLocation(const std::filesystem::path& folder, std::string_view name,
                                      std::string_view extension);
 
+// The name `number` of the series that `first` starts: `first` itself for 1,
+// else its name with " N" before the extension, counted on from a number
+// `first` already carries ("talk leveled 2.wav", 3 gives "talk leveled 4.wav").
+std::filesystem::path numberedLocation(const std::filesystem::path& first, int number);
+
 // The unique location in `folder` for the leveled output of `source`, with the
-// extension LevelingEngine::outputExtension gives for it.
+// extension the output format gives it.
 std::filesystem::path leveledLocation(const std::filesystem::path& source,
                                       const std::filesystem::path& folder);
 
@@ -34,8 +46,8 @@ std::filesystem::path leveledLocation(const std::filesystem::path& source,
 // "talk leveled.wav", else "talk leveled 2.wav", …).
 std::filesystem::path sidecarLocation(const std::filesystem::path& destination);
 
-// Whether the source's lower-cased extension is one of the engine's video
-// extensions, i.e. whether a WAV sidecar may be written beside its output.
+// Whether the source's extension names a video container, i.e. whether a WAV
+// sidecar may be written beside its output.
 bool isVideoSource(const std::filesystem::path& source);
 
 } // namespace ostrand::OutputNaming

@@ -1,20 +1,13 @@
 #include "OutputNaming.h"
 
-#include "media/LevelingEngine.h"
+#include "OutputFormat.h"
 
-#include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <system_error>
 
 namespace ostrand::OutputNaming {
 
 namespace {
-
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 bool isTaken(const std::filesystem::path& candidate, bool& unknown) {
     std::error_code error;
@@ -36,19 +29,14 @@ std::string leveledName(const std::filesystem::path& source) {
 
 std::filesystem::path uniqueLocation(const std::filesystem::path& folder, std::string_view name,
                                      std::string_view extension) {
-    const auto fileName = [&](long long number) {
-        std::string result(name);
-        if (number > 1) {
-            result += ' ' + std::to_string(number);
-        }
-        if (!extension.empty()) {
-            result += '.';
-            result += extension;
-        }
-        return result;
-    };
-    for (long long number = 1;; ++number) {
-        auto candidate = folder / fileName(number);
+    std::string fileName(name);
+    if (!extension.empty()) {
+        fileName += '.';
+        fileName += extension;
+    }
+    const auto first = folder / fileName;
+    for (int number = 1;; ++number) {
+        auto candidate = numberedLocation(first, number);
         bool unknown = false;
         if (!isTaken(candidate, unknown) || unknown) {
             return candidate;
@@ -56,9 +44,29 @@ std::filesystem::path uniqueLocation(const std::filesystem::path& folder, std::s
     }
 }
 
+std::filesystem::path numberedLocation(const std::filesystem::path& first, int number) {
+    if (number <= 1) {
+        return first;
+    }
+    std::string stem = first.stem().string();
+    // A trailing " N" (N of 2 or more) is this series' own number.
+    const auto space = stem.rfind(' ');
+    if (space != std::string::npos && space + 1 < stem.size()) {
+        int already = 0;
+        const char* begin = stem.data() + space + 1;
+        const char* end = stem.data() + stem.size();
+        const auto [stop, error] = std::from_chars(begin, end, already);
+        if (error == std::errc{} && stop == end && already >= 2 && *begin != '0') {
+            stem.erase(space);
+            number += already - 1;
+        }
+    }
+    return first.parent_path() / (stem + ' ' + std::to_string(number) + first.extension().string());
+}
+
 std::filesystem::path leveledLocation(const std::filesystem::path& source,
                                       const std::filesystem::path& folder) {
-    return uniqueLocation(folder, leveledName(source), LevelingEngine::outputExtension(source));
+    return uniqueLocation(folder, leveledName(source), OutputFormat::forSource(source).extension);
 }
 
 std::filesystem::path sidecarLocation(const std::filesystem::path& destination) {
@@ -67,13 +75,7 @@ std::filesystem::path sidecarLocation(const std::filesystem::path& destination) 
 }
 
 bool isVideoSource(const std::filesystem::path& source) {
-    auto extension = source.extension().string();
-    if (extension.empty()) {
-        return false;
-    }
-    extension = lowercased(extension.substr(1));
-    const auto& video = LevelingEngine::videoExtensions;
-    return std::find(video.begin(), video.end(), extension) != video.end();
+    return OutputFormat::forSource(source).video;
 }
 
 } // namespace ostrand::OutputNaming

@@ -1,0 +1,199 @@
+#include "AtomicFile.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <random>
+#include <system_error>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace ostrand {
+
+namespace {
+
+// Names tried before giving up on finding a free one.
+constexpr int maxCandidates = 100000;
+
+[[noreturn]] void throwErrno(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string hostName() {
+    std::array<char, 256> name{};
+    if (::gethostname(name.data(), name.size() - 1) != 0 || name[0] == '\0') {
+        return "localhost";
+    }
+    return name.data();
+}
+
+std::string hiddenPrefixOf(const std::string& host) {
+    return ".ostrand-" + host + "-";
+}
+
+std::string randomSuffix() {
+    thread_local std::mt19937_64 generator{std::random_device{}()};
+    char text[24];
+    std::snprintf(text, sizeof text, "%012llx",
+                  static_cast<unsigned long long>(generator() & 0xffffffffffffULL));
+    return text;
+}
+
+// Hidden files of this host whose process no longer runs are left over from
+// a killed run.
+void clearLeftovers(const std::filesystem::path& folder) {
+    const std::string prefix = hiddenPrefixOf(hostName());
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name.compare(0, prefix.size(), prefix) != 0 || !entry.is_regular_file(error)) {
+            continue;
+        }
+        long pid = 0;
+        const char* first = name.data() + prefix.size();
+        const auto [end, parsed] = std::from_chars(first, name.data() + name.size(), pid);
+        if (parsed != std::errc{} || end == first || *end != '-' || pid <= 0) {
+            continue;
+        }
+        if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+            std::filesystem::remove(entry.path(), error);
+        }
+    }
+}
+
+bool unnamedFilesUsable() {
+    // Linking an unnamed file needs its /proc entry.
+    struct stat info {};
+    return ::stat("/proc/self/fd", &info) == 0;
+}
+
+std::string procPath(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
+} // namespace
+
+std::string AtomicFile::hiddenPrefix() {
+    return hiddenPrefixOf(hostName()) + std::to_string(::getpid()) + "-";
+}
+
+AtomicFile::AtomicFile(const std::filesystem::path& folder)
+    : m_folder(folder.empty() ? std::filesystem::path(".") : folder) {
+    clearLeftovers(m_folder);
+    if (unnamedFilesUsable()) {
+        m_fd = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+        if (m_fd >= 0) {
+            return;
+        }
+        // Only a file system without unnamed files falls back; a folder that
+        // is missing or read-only fails the same either way.
+        if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
+            throwErrno("cannot create a file in " + m_folder.string());
+        }
+    }
+    for (int attempt = 0; m_fd < 0; ++attempt) {
+        m_hidden = m_folder / (hiddenPrefix() + randomSuffix() + ".part");
+        m_fd = ::open(m_hidden.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
+        if (m_fd < 0 && (errno != EEXIST || attempt > 100)) {
+            throwErrno("cannot create a file in " + m_folder.string());
+        }
+    }
+}
+
+AtomicFile::~AtomicFile() {
+    discard();
+}
+
+void AtomicFile::flush() {
+    if (m_fd < 0) {
+        throw std::system_error(EBADF, std::generic_category(), "the file is already closed");
+    }
+    if (::fsync(m_fd) != 0) {
+        throwErrno("cannot flush the file to disk");
+    }
+}
+
+bool AtomicFile::linkAt(const std::filesystem::path& path) {
+    if (m_hidden.empty()) {
+        if (::linkat(AT_FDCWD, procPath(m_fd).c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) ==
+            0) {
+            return true;
+        }
+        if (errno == EEXIST) {
+            return false;
+        }
+        throwErrno("cannot name the file " + path.filename().string());
+    }
+    if (::link(m_hidden.c_str(), path.c_str()) == 0) {
+        std::error_code ignored;
+        std::filesystem::remove(m_hidden, ignored);
+        m_hidden.clear();
+        return true;
+    }
+    if (errno == EEXIST) {
+        return false;
+    }
+    // File systems without hard links still rename without replacing.
+    if (::renameat2(AT_FDCWD, m_hidden.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
+        m_hidden.clear();
+        return true;
+    }
+    if (errno == EEXIST) {
+        return false;
+    }
+    throwErrno("cannot name the file " + path.filename().string());
+}
+
+void AtomicFile::commitReplacing(const std::filesystem::path& path) {
+    flush();
+    if (m_hidden.empty()) {
+        // An unnamed file cannot be renamed over another: give it a hidden
+        // name first, then move that into place in one step.
+        std::filesystem::path hidden;
+        do {
+            hidden = m_folder / (hiddenPrefix() + randomSuffix() + ".part");
+        } while (!linkAt(hidden));
+        m_hidden = hidden;
+    }
+    if (::rename(m_hidden.c_str(), path.c_str()) != 0) {
+        throwErrno("cannot name the file " + path.filename().string());
+    }
+    m_hidden.clear();
+    m_committed = true;
+    closeDescriptor();
+}
+
+std::filesystem::path
+AtomicFile::commitUnique(const std::function<std::filesystem::path(int number)>& candidate) {
+    flush();
+    for (int number = 1; number <= maxCandidates; ++number) {
+        std::filesystem::path path = candidate(number);
+        if (linkAt(path)) {
+            m_committed = true;
+            closeDescriptor();
+            return path;
+        }
+    }
+    throw std::system_error(EEXIST, std::generic_category(), "no free name for the file");
+}
+
+void AtomicFile::discard() noexcept {
+    closeDescriptor();
+    if (!m_hidden.empty() && !m_committed) {
+        ::unlink(m_hidden.c_str());
+        m_hidden.clear();
+    }
+}
+
+void AtomicFile::closeDescriptor() noexcept {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
+    }
+}
+
+} // namespace ostrand

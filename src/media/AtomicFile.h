@@ -1,0 +1,57 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace ostrand {
+
+// A new file that appears under a visible name only once it is complete and
+// flushed to disk. It is written unnamed (O_TMPFILE) in the folder it will
+// live in; where the file system has no unnamed files, under a hidden name
+// that names this host and process, so a later AtomicFile in the folder can
+// clear it away once that process is gone. A kill, a failure or a cancel
+// therefore never leaves a partial file under a visible name, and never
+// touches a file that is already there.
+//
+// One owner, one thread. Errors are std::system_error with the system's words.
+class AtomicFile {
+public:
+    explicit AtomicFile(const std::filesystem::path& folder);
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    // For writing and seeking; owned by this object.
+    int descriptor() const noexcept { return m_fd; }
+
+    // Flushes the file and gives it the name `path`, replacing any file there
+    // in one step.
+    void commitReplacing(const std::filesystem::path& path);
+
+    // Flushes the file and links it under the first of candidate(1),
+    // candidate(2), ... that no file holds at that moment; another process
+    // that takes a name in between makes it move on to the next. Returns the
+    // name used.
+    std::filesystem::path
+    commitUnique(const std::function<std::filesystem::path(int number)>& candidate);
+
+    // Removes the file if it has no visible name yet. Never throws.
+    void discard() noexcept;
+
+    // The hidden names of this process's files start with this.
+    static std::string hiddenPrefix();
+
+private:
+    void flush();
+    // Links the file at `path`; false when a file is already there.
+    bool linkAt(const std::filesystem::path& path);
+    void closeDescriptor() noexcept;
+
+    std::filesystem::path m_folder;
+    std::filesystem::path m_hidden; // empty for an unnamed file
+    int m_fd = -1;
+    bool m_committed = false;
+};
+
+} // namespace ostrand
