@@ -59,7 +59,7 @@ measure: prints the integrated loudness (LUFS), true peak (dBTP) and sample
 peak (dBFS) of each file's mixed audio.
 
 Exit status: 0 when every file succeeded, 1 when any failed, 2 for a usage
-error, 130 when interrupted.
+error, 130 after Ctrl-C, 143 after SIGTERM.
 )usage";
 
 // Loudness targets and ceilings a user could mean; anything outside is a

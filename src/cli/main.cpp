@@ -10,10 +10,10 @@
 
 namespace {
 
-std::atomic<bool> interruptRequested{false};
+std::atomic<int> interruptSignal{0};
 
-extern "C" void onInterrupt(int) {
-    interruptRequested.store(true);
+extern "C" void onInterrupt(int signal) {
+    interruptSignal.store(signal);
 }
 
 } // namespace
@@ -23,10 +23,15 @@ int main(int argc, char** argv) {
     // its partial file instead of leaving it behind.
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
+    // Past a file-size limit, a write then fails with a message and the run
+    // cleans up, instead of the process dying mid-file.
+    std::signal(SIGXFSZ, SIG_IGN);
 
     const std::vector<std::string> args(argv + 1, argv + argc);
     ostrand::CliEnvironment environment;
     environment.progressBar = ::isatty(STDERR_FILENO) == 1;
-    environment.interrupted = [] { return interruptRequested.load(); };
-    return ostrand::runCli(args, std::cout, std::cerr, environment);
+    environment.interrupted = [] { return interruptSignal.load() != 0; };
+    const int status = ostrand::runCli(args, std::cout, std::cerr, environment);
+    // The shell's convention: 128 + the signal that ended the run.
+    return status == ostrand::exitInterrupted ? 128 + interruptSignal.load() : status;
 }

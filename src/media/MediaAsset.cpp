@@ -67,7 +67,12 @@ MediaAsset MediaAsset::open(const std::filesystem::path& url,
             asset.videoTracks.push_back({index});
         } else if (const char* kind = otherKind(stream)) {
             // Cover art is a still picture stored as a video stream, not a track.
-            asset.otherStreams.push_back({index, kind, avcodec_get_name(parameters.codec_id)});
+            // Data streams often have no codec, only a four-character tag.
+            char fourcc[AV_FOURCC_MAX_STRING_SIZE] = {};
+            const std::string codec = parameters.codec_id != AV_CODEC_ID_NONE
+                                          ? avcodec_get_name(parameters.codec_id)
+                                          : av_fourcc_make_string(fourcc, parameters.codec_tag);
+            asset.otherStreams.push_back({index, kind, codec});
         }
     }
     asset.chapterCount = context->nb_chapters;

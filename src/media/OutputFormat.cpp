@@ -136,10 +136,10 @@ bool holdsChapters(Container container) noexcept {
     case Container::appleM4A:
     case Container::matroska:
     case Container::webm:
+    case Container::flac: // as Vorbis comments
         return true;
     case Container::wave:
     case Container::mpegTS:
-    case Container::flac:
         return false;
     }
     return false;

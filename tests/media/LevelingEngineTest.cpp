@@ -194,6 +194,104 @@ const ContainerCase containers[] = {
 
 INSTANTIATE_TEST_SUITE_P(Sources, ContainerTest, ::testing::ValuesIn(containers), byName);
 
+struct RoundTripCase {
+    const char* name;
+    const char* source;
+    MediaRecipe recipe;
+    const char* extension; // of the output
+    const char* format;    // part of ffprobe's format name
+    const char* audio;     // codec and rate
+    const char* subtitles; // codec kept, or "" for none
+    bool coverArt = false; // kept
+    const char* note = ""; // what the report says was not kept
+};
+
+class RoundTripTest : public ::testing::TestWithParam<RoundTripCase> {};
+
+// Each container FFmpeg opens comes out in a container that holds what it
+// had: the audio in a codec it takes, video packets bit for bit, subtitles,
+// chapters and cover art, with their language tags.
+TEST_P(RoundTripTest, KeepsEveryStream) {
+    const TempDir dir;
+    const RoundTripCase& c = GetParam();
+    const fs::path source = makeMedia(dir / c.source, c.recipe);
+    const fs::path output = OutputNaming::leveledLocation(source, dir.path());
+    ASSERT_EQ(output.extension(), c.extension);
+    const LevelingReport report = level(source, output);
+    EXPECT_EQ(report.outputURL, output);
+    ProbeInfo before = probeMedia(source);
+    ProbeInfo after = probeMedia(output);
+    EXPECT_THAT(after.formatName, ::testing::HasSubstr(c.format));
+    auto audio = after.ofType("audio");
+    ASSERT_EQ(audio.size(), 1u);
+    EXPECT_EQ(audio[0].fields["codec_name"] + " " + audio[0].fields["sample_rate"], c.audio);
+
+    const auto isCover = [](auto& s) { return s.fields["disposition.attached_pic"] == "1"; };
+    auto videoBefore = before.ofType("video");
+    auto videoAfter = after.ofType("video");
+    EXPECT_EQ(std::count_if(videoAfter.begin(), videoAfter.end(), isCover), c.coverArt ? 1 : 0);
+    std::erase_if(videoBefore, isCover);
+    std::erase_if(videoAfter, isCover);
+    ASSERT_EQ(videoAfter.size(), videoBefore.size());
+    // Containers count time differently (AVI in frames); the data must not change.
+    const auto hashes = [](std::vector<std::string> packets) {
+        for (auto& p : packets) {
+            p = p.substr(p.find(' ') + 1);
+        }
+        return packets;
+    };
+    for (std::size_t v = 0; v < videoBefore.size(); ++v) {
+        EXPECT_EQ(hashes(videoAfter[v].packets), hashes(videoBefore[v].packets));
+    }
+    auto subtitles = after.ofType("subtitle");
+    EXPECT_EQ(subtitles.empty() ? "" : subtitles[0].fields["codec_name"], c.subtitles);
+    if (!subtitles.empty()) {
+        EXPECT_EQ(subtitles[0].fields["tags.language"], "deu");
+    }
+    EXPECT_EQ(after.chapters, *c.note ? 0 : before.chapters);
+    EXPECT_EQ(report.notes,
+              *c.note ? std::vector<std::string>{c.note} : std::vector<std::string>{});
+}
+
+const AudioRecipe tone{.seconds = 2.0};
+const VideoRecipe picture{.seconds = 2.0};
+const VideoRecipe cover{.coverArt = true};
+
+const RoundTripCase roundTrips[] = {
+    {"Matroska",
+     "a.mkv",
+     {{picture}, {tone}, "", true, 2},
+     ".mkv",
+     "matroska",
+     "aac 48000",
+     "subrip"},
+    {"MatroskaAudio",
+     "a.mka",
+     {{cover}, {tone}, "", false, 2},
+     ".mka",
+     "matroska",
+     "aac 48000",
+     "",
+     true},
+    {"WebM", "a.webm", {{picture}, {tone}, "", true, 2}, ".webm", "webm", "opus 48000", "webvtt"},
+    {"WebMFrom44k", "a.webm", {{}, {noise}}, ".webm", "webm", "opus 48000", ""},
+    {"TransportStream", "a.ts", {{picture}, {tone}}, ".ts", "mpegts", "aac 48000", ""},
+    {"Flac", "a.flac", {{cover}, {noise}, "", false, 2}, ".flac", "flac", "flac 44100", "", true},
+    {"AviBecomesMatroska", "a.avi", {{picture}, {tone}}, ".mkv", "matroska", "aac 48000", ""},
+    {"Mp4", "a.mp4", {{picture}, {tone}, "", true, 2}, ".mp4", "mp4", "aac 48000", "mov_text"},
+    {"TimecodeTrack",
+     "a.mov",
+     {{picture}, {tone}, "", false, 0, "01:00:00:00"},
+     ".mov",
+     "mov",
+     "aac 48000",
+     "",
+     false,
+     "the data (tmcd) cannot be kept in QuickTime"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Containers, RoundTripTest, ::testing::ValuesIn(roundTrips), byName);
+
 struct FailureCase {
     const char* name;
     fs::path (*source)(const TempDir& dir); // made in `dir`, which also holds "out"
@@ -214,10 +312,15 @@ std::map<fs::path, std::uintmax_t> listing(const fs::path& dir) {
     return files;
 }
 
+// Whatever fails, files already at the destination stay as they were and
+// nothing new appears, not even hidden.
 TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     const TempDir dir;
     const FailureCase& c = GetParam();
     fs::create_directory(dir / "out");
+    // Files a failed run must leave as they are, though it was told to replace them.
+    textFile(dir / "out/leveled.mp4", "an earlier take");
+    textFile(dir / "out/leveled.wav", "an earlier sidecar");
     const fs::path source = c.source(dir);
     const auto before = listing(dir.path());
     int reports = 0;

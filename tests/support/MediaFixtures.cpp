@@ -44,8 +44,26 @@ std::string run(const std::string& command) {
 std::string defaultCodec(const std::string& extension) {
     return extension == ".wav"                           ? "pcm_s16le"
            : extension == ".aif" || extension == ".aiff" ? "pcm_s16be"
-           : extension == ".mp3"                         ? "libmp3lame"
+           : extension == ".mp3" || extension == ".avi"  ? "libmp3lame"
+           : extension == ".webm"                        ? "libopus"
+           : extension == ".flac"                        ? "flac"
                                                          : "aac";
+}
+
+std::string videoCodec(const std::string& extension, const std::string& s) {
+    if (extension == ".webm") {
+        return " libvpx -deadline" + s + " realtime -cpu-used" + s + " 8";
+    }
+    if (extension == ".avi") {
+        return " mpeg4 -tag" + s + " XVID"; // what AVI files usually hold
+    }
+    return " libx264 -preset" + s + " ultrafast -pix_fmt" + s + " yuv420p -bf" + s + " 2";
+}
+
+std::string subtitleCodec(const std::string& extension) {
+    return extension == ".mkv" || extension == ".mka" ? "srt"
+           : extension == ".webm"                     ? "webvtt"
+                                                      : "mov_text";
 }
 
 std::string audioInput(const AudioRecipe& audio) {
@@ -69,15 +87,24 @@ fs::path makeMedia(const fs::path& path, const MediaRecipe& recipe) {
     std::string outputs;
     std::string rotations;
     int input = 0;
+    const bool matroska = extension == ".mkv" || extension == ".mka";
     for (std::size_t v = 0; v < recipe.video.size(); ++v, ++input) {
         const VideoRecipe& video = recipe.video[v];
+        if (video.coverArt && matroska) {
+            // Matroska keeps cover art as an attached file, not as a stream.
+            const fs::path jpeg = fs::path(path).replace_extension(".jpg");
+            run(ffmpeg + " -f lavfi -i testsrc2=size=160x120 -frames:v 1 " + quote(jpeg));
+            outputs += " -attach " + quote(jpeg) +
+                       " -metadata:s:t:0 mimetype=image/jpeg -metadata:s:t:0 filename=cover.jpg";
+            --input;
+            continue;
+        }
         const std::string s = ":v:" + std::to_string(v);
         inputs += " -f lavfi -i testsrc2=size=160x120:rate=25:duration=" +
                   std::to_string(video.coverArt ? 0.04 : video.seconds); // 0.04: one frame
         outputs += " -map " + std::to_string(input) + ":v -c" + s +
                    (video.coverArt ? " mjpeg -disposition" + s + " attached_pic"
-                                   : " libx264 -preset" + s + " ultrafast -pix_fmt" + s +
-                                         " yuv420p -bf" + s + " 2");
+                                   : videoCodec(extension, s));
         if (!video.language.empty()) {
             outputs += " -metadata:s" + s + " language=" + video.language;
         }
@@ -94,8 +121,31 @@ fs::path makeMedia(const fs::path& path, const MediaRecipe& recipe) {
         outputs += " -map " + std::to_string(input) + ":a -c:a:" + std::to_string(a) + " " +
                    (audio.codec.empty() ? defaultCodec(extension) : audio.codec);
     }
+    if (recipe.subtitles) {
+        const fs::path cues = fs::path(path).replace_extension(".srt");
+        textFile(cues, "1\n00:00:00,500 --> 00:00:01,000\nHello\n\n"
+                       "2\n00:00:01,500 --> 00:00:02,000\nWorld\n");
+        inputs += " -i " + quote(cues);
+        outputs += " -map " + std::to_string(input++) + ":s -c:s " + subtitleCodec(extension) +
+                   " -metadata:s:s:0 language=deu";
+    }
+    if (recipe.chapters > 0) {
+        std::string metadata = ";FFMETADATA1\n";
+        for (int c = 0; c < recipe.chapters; ++c) {
+            metadata += "[CHAPTER]\nTIMEBASE=1/1000\nSTART=" + std::to_string(c * 1000) +
+                        "\nEND=" + std::to_string(c * 1000 + 1000) + "\ntitle=Part " +
+                        std::to_string(c + 1) + "\n";
+        }
+        const fs::path chapters = fs::path(path).replace_extension(".chapters");
+        textFile(chapters, metadata);
+        inputs += " -f ffmetadata -i " + quote(chapters);
+        outputs += " -map_chapters " + std::to_string(input++);
+    }
     if (!recipe.title.empty()) {
         outputs += " -metadata title=" + quote(recipe.title);
+    }
+    if (!recipe.timecode.empty()) {
+        outputs += " -timecode " + recipe.timecode;
     }
     const std::string format = extension == ".qt" ? " -f mov " : " ";
     // An encoder drops the rotate tag; a stream copy turns it into the display matrix.
@@ -159,6 +209,7 @@ std::vector<StreamInfo> ProbeInfo::ofType(const std::string& codecType) const {
 
 ProbeInfo probeMedia(const fs::path& path) {
     std::istringstream lines(run("ffprobe -v error -of flat -show_format -show_streams "
+                                 "-show_chapters "
                                  "-show_entries packet=stream_index,pts_time,data_hash "
                                  "-show_data_hash md5 " +
                                  quote(path)));
@@ -182,6 +233,10 @@ ProbeInfo probeMedia(const fs::path& path) {
             info.streams[index].packets.push_back(pts + " " + value);
         } else if (key.starts_with("format.tags.")) {
             info.tags[key.substr(12)] = value;
+        } else if (key == "format.format_name") {
+            info.formatName = value;
+        } else if (key.starts_with("chapters.chapter.") && key.ends_with(".id")) {
+            ++info.chapters;
         }
     }
     return info;

@@ -34,11 +34,15 @@ struct VideoRecipe {
 struct MediaRecipe {
     std::vector<VideoRecipe> video; // stored first
     std::vector<AudioRecipe> audio;
-    std::string title; // container tag
+    std::string title;      // container tag
+    bool subtitles = false; // two text cues, in the container's own text format
+    int chapters = 0;       // of one second each
+    std::string timecode;   // "01:00:00:00" gives a QuickTime timecode track
 };
 
 // Writes `path` as described; the extension (lower case) picks the container
-// ("qt": mov).
+// ("qt": mov) and the codecs it usually holds (VP8 and Opus in WebM, FLAC in
+// FLAC, MP3 in AVI and MP3, H.264 and AAC elsewhere).
 std::filesystem::path makeMedia(const std::filesystem::path& path, const MediaRecipe& recipe);
 
 std::filesystem::path sineFile(const std::filesystem::path& path, int sampleRate = 48000,
@@ -66,6 +70,8 @@ struct StreamInfo {
 };
 
 struct ProbeInfo {
+    std::string formatName; // FFmpeg's, e.g. "matroska,webm"
+    int chapters = 0;
     std::map<std::string, std::string> tags; // the container's
     std::vector<StreamInfo> streams;
 

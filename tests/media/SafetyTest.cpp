@@ -1,0 +1,293 @@
+// A user's files survive whatever happens to a run: kills, races with
+// another run, hostile inputs. Runs in processes of their own where a test
+// needs one to die.
+#include "media/AtomicFile.h"
+#include "media/LevelingEngine.h"
+#include "media/OstrandError.h"
+
+#include "support/MediaFixtures.h"
+#include "support/TempDir.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <csignal>
+#include <fstream>
+#include <limits>
+#include <set>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace ostrand::test {
+namespace {
+
+namespace fs = std::filesystem;
+using OutputNaming::ExistingFile;
+
+constexpr double ceiling = -1.0;
+const auto byName = [](const auto& test) { return std::string(test.param.name); };
+
+LevelingReport level(const fs::path& source, const fs::path& destination,
+                     ExistingFile existing = ExistingFile::replace,
+                     const LevelingEngine::ProgressHandler& progress = {}) {
+    return LevelingEngine::process(source, destination, existing,
+                                   LevelingParameters::forTarget(-16.0), ceiling, false,
+                                   std::nullopt, progress, {});
+}
+
+std::set<fs::path> visibleAndHidden(const fs::path& dir) {
+    std::set<fs::path> names;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        names.insert(entry.path().filename());
+    }
+    return names;
+}
+
+std::string contents(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A child process that runs `work` and reports one byte through a pipe.
+struct Child {
+    pid_t pid = -1;
+    int fromChild = -1;
+
+    template <typename Work>
+    explicit Child(Work&& work) {
+        std::array<int, 2> pipe{};
+        if (::pipe(pipe.data()) != 0) {
+            throw std::runtime_error("pipe");
+        }
+        pid = ::fork();
+        if (pid == 0) {
+            ::close(pipe[0]);
+            const char result = work(pipe[1]);
+            [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
+            ::_exit(0);
+        }
+        ::close(pipe[1]);
+        fromChild = pipe[0];
+    }
+    std::string read() const {
+        std::string text;
+        char c = 0;
+        while (::read(fromChild, &c, 1) == 1) {
+            text += c;
+        }
+        return text;
+    }
+    int wait() {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        ::close(fromChild);
+        return status;
+    }
+};
+
+// SIGKILL in the middle of writing: the earlier file at the destination is
+// untouched and nothing else appears in the folder, not even a hidden file.
+TEST(SafetyTest, KilledWhileWritingLeavesNothing) {
+    const TempDir dir;
+    const fs::path source = videoFile(dir / "clip.mp4", 20.0);
+    fs::create_directory(dir / "out");
+    const fs::path destination = textFile(dir / "out/clip leveled.mp4", "an earlier take");
+    const auto before = visibleAndHidden(dir / "out");
+
+    Child child([&](int toParent) {
+        try {
+            level(source, destination, ExistingFile::replace, [&](const LevelingProgress& p) {
+                if (p.phase == LevelingPhase::leveling && p.fraction > 0.5) {
+                    [[maybe_unused]] const auto written = ::write(toParent, "w", 1);
+                    ::pause(); // until the kill
+                }
+            });
+        } catch (...) {
+        }
+        return 'x';
+    });
+    char c = 0;
+    ASSERT_EQ(::read(child.fromChild, &c, 1), 1);
+    ASSERT_EQ(c, 'w');
+    ::kill(child.pid, SIGKILL);
+    EXPECT_TRUE(WIFSIGNALED(child.wait()));
+    EXPECT_EQ(visibleAndHidden(dir / "out"), before);
+    EXPECT_EQ(contents(destination), "an earlier take");
+}
+
+// Two runs with same-named sources into one folder both start out meaning
+// "talk leveled.wav"; the second to finish takes the next free name, and
+// each report names the file it wrote.
+TEST(SafetyTest, TwoProcessesClaimTwoNames) {
+    const TempDir dir;
+    fs::create_directories(dir / "a");
+    fs::create_directories(dir / "b");
+    fs::create_directories(dir / "out");
+    const std::array<fs::path, 2> sources{noiseFile(dir / "a/talk.wav", 48000, "stereo", 2.0),
+                                          noiseFile(dir / "b/talk.wav", 48000, "stereo", 3.0)};
+    const fs::path destination = OutputNaming::leveledLocation(sources[0], dir / "out");
+    ASSERT_EQ(destination.filename(), "talk leveled.wav");
+
+    std::vector<Child> children;
+    for (const fs::path& source : sources) {
+        children.emplace_back([&](int toParent) {
+            try {
+                const auto report = level(source, destination, ExistingFile::keepAndNumber);
+                const std::string name = report.outputURL.filename().string();
+                [[maybe_unused]] const auto written = ::write(toParent, name.data(), name.size());
+                return '\n';
+            } catch (const std::exception& error) {
+                [[maybe_unused]] const auto w = ::write(toParent, error.what(), 10);
+                return '!';
+            }
+        });
+    }
+    std::vector<std::string> reported;
+    for (std::size_t i = 0; i < children.size(); ++i) {
+        reported.push_back(children[i].read());
+        EXPECT_EQ(children[i].wait(), 0);
+    }
+    EXPECT_THAT(reported,
+                ::testing::UnorderedElementsAre("talk leveled.wav\n", "talk leveled 2.wav\n"));
+    // Each file is whole and holds its own source's length.
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        const fs::path written = dir / "out" / reported[i].substr(0, reported[i].size() - 1);
+        EXPECT_EQ(decodeAudio(written).frames(), decodeAudio(sources[i]).frames());
+    }
+    EXPECT_EQ(visibleAndHidden(dir / "out").size(), 2u);
+}
+
+// A hidden file left by a run that was killed on a file system without
+// unnamed files is cleared by the next run in the folder; a live run's is not.
+TEST(SafetyTest, LeftoversOfDeadRunsAreCleared) {
+    const TempDir dir;
+    Child dead([](int) { return 'x'; });
+    dead.read();
+    dead.wait();
+    const std::string prefix = AtomicFile::hiddenPrefix();
+    const std::string host = prefix.substr(0, prefix.rfind('-', prefix.size() - 2) + 1);
+    const fs::path leftover = textFile(dir / (host + std::to_string(dead.pid) + "-1.part"), "x");
+    const fs::path ours = textFile(dir / (prefix + "2.part"), "x");
+    {
+        AtomicFile file(dir.path());
+        file.discard();
+    }
+    EXPECT_FALSE(fs::exists(leftover));
+    EXPECT_TRUE(fs::exists(ours));
+}
+
+// Shifts the presentation time of the `index`-th audio PES packet of an
+// MPEG-TS file by `seconds`: one damaged time stamp, as one changed byte
+// gives.
+void shiftTsTimestamp(const fs::path& path, int index, double seconds) {
+    std::string bytes = contents(path);
+    int seen = 0;
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        auto* p = reinterpret_cast<unsigned char*>(bytes.data() + at);
+        if (p[0] != 0x47 || (p[1] & 0x40) == 0) {
+            continue;
+        }
+        std::size_t payload = 4;
+        if (((p[3] >> 4) & 3) == 3) {
+            payload += 1 + p[4];
+        }
+        unsigned char* pes = p + payload;
+        if (pes[0] != 0 || pes[1] != 0 || pes[2] != 1 || (pes[3] & 0xE0) != 0xC0 ||
+            (pes[7] & 0x80) == 0 || seen++ != index) {
+            continue;
+        }
+        unsigned char* t = pes + 9;
+        std::int64_t pts = (static_cast<std::int64_t>((t[0] >> 1) & 7) << 30) | (t[1] << 22) |
+                           ((t[2] >> 1) << 15) | (t[3] << 7) | (t[4] >> 1);
+        pts = (pts + std::llround(seconds * 90000.0)) & ((std::int64_t{1} << 33) - 1);
+        t[0] = static_cast<unsigned char>((t[0] & 0xF1) | (((pts >> 30) & 7) << 1));
+        t[1] = static_cast<unsigned char>(pts >> 22);
+        t[2] = static_cast<unsigned char>((((pts >> 15) & 0x7F) << 1) | 1);
+        t[3] = static_cast<unsigned char>(pts >> 7);
+        t[4] = static_cast<unsigned char>(((pts & 0x7F) << 1) | 1);
+        std::ofstream(path, std::ios::binary) << bytes;
+        return;
+    }
+    throw std::runtime_error("no such audio packet");
+}
+
+struct JumpCase {
+    const char* name;
+    double seconds;
+};
+
+class TimestampJumpTest : public ::testing::TestWithParam<JumpCase> {};
+
+// A time stamp that jumps far past the file's length is damage: the audio is
+// read on as if it had not jumped, instead of hours of silence in memory.
+TEST_P(TimestampJumpTest, IsReadContiguously) {
+    const TempDir dir;
+    const fs::path source =
+        makeMedia(dir / "clip.ts", {.video = {{.seconds = 4.0}}, .audio = {{.seconds = 4.0}}});
+    const auto frames = decodeAudio(source).frames();
+    shiftTsTimestamp(source, 20, GetParam().seconds);
+    const LevelingReport report = level(source, dir / "out.ts");
+    const auto written = decodeAudio(report.outputURL).frames();
+    EXPECT_NEAR(static_cast<double>(written), static_cast<double>(frames), 0.5 * 48000);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damaged, TimestampJumpTest,
+                         ::testing::Values(JumpCase{"OneHour", 3600.0},
+                                           JumpCase{"OneDay", 86400.0}),
+                         byName);
+
+struct SampleCase {
+    const char* name;
+    float value;
+};
+
+class DamagedSampleTest : public ::testing::TestWithParam<SampleCase> {};
+
+// One absurd sample in a float WAV neither silences the rest of the output
+// nor holds the limiter down: two seconds on, the level is back.
+TEST_P(DamagedSampleTest, DoesNotSilenceTheRest) {
+    const TempDir dir;
+    PlanarAudio audio = sine(48000.0, 2, 5.0, 440.0, -20.0, 0.0);
+    audio.channels[0][48000] = GetParam().value;
+    const LevelingReport report = level(floatWav(dir / "damaged.wav", audio), dir / "out.wav");
+    const PlanarAudio out = decodeAudio(report.outputURL);
+    const auto rms = [&](double from, double to) {
+        double sum = 0.0;
+        const auto a = static_cast<std::size_t>(from * 48000);
+        const auto b = static_cast<std::size_t>(to * 48000);
+        for (std::size_t i = a; i < b; ++i) {
+            sum += static_cast<double>(out.channels[1][i]) * out.channels[1][i];
+        }
+        return 10.0 * std::log10(sum / static_cast<double>(b - a));
+    };
+    EXPECT_TRUE(std::isfinite(report.outputLoudness));
+    EXPECT_NEAR(rms(3.2, 4.0), rms(0.2, 0.8), 1.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Samples, DamagedSampleTest,
+    ::testing::Values(SampleCase{"Infinity", std::numeric_limits<float>::infinity()},
+                      SampleCase{"NotANumber", std::numeric_limits<float>::quiet_NaN()},
+                      SampleCase{"Huge", 1e20f}),
+    byName);
+
+// A pipe would block the open for ever; it is refused at once, as a device is.
+TEST(SafetyTest, OnlyRegularFilesAreOpened) {
+    const TempDir dir;
+    ASSERT_EQ(::mkfifo((dir / "pipe.wav").c_str(), 0600), 0);
+    for (const fs::path& source : {dir / "pipe.wav", fs::path("/dev/zero")}) {
+        try {
+            level(source, dir / "out.wav");
+            ADD_FAILURE() << source;
+        } catch (const OstrandError& error) {
+            EXPECT_THAT(error.what(), ::testing::HasSubstr("not a regular file")) << source;
+        }
+    }
+}
+
+} // namespace
+} // namespace ostrand::test
