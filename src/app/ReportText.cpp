@@ -1,5 +1,7 @@
 #include "ReportText.h"
 
+#include <QStringList>
+
 #include "LevelingJob.h"
 
 #include <QByteArray>
@@ -19,6 +21,18 @@ QString detailLine(const LevelingReport& report) {
     return QString::asprintf("gain %+.1f to %+.1f dB \u00b7 limiter %.1f dB \u00b7 ",
                              report.minGain, report.maxGain, report.limiterGainReduction) +
            QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
+}
+
+QString notesText(const LevelingReport& report) {
+    QStringList lines;
+    for (const std::string& note : report.notes) {
+        QString line = QString::fromStdString(note);
+        if (!line.isEmpty()) {
+            line[0] = line[0].toUpper();
+        }
+        lines.append(line + QLatin1Char('.'));
+    }
+    return lines.join(QLatin1Char('\n'));
 }
 
 } // namespace ostrand::ReportText

@@ -17,4 +17,8 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
 // "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov"
 QString detailLine(const LevelingReport& report);
 
+// What the output could not keep, one sentence a line ("The subtitles
+// (hdmv_pgs_subtitle) cannot be kept in MP4."); empty when it kept everything.
+QString notesText(const LevelingReport& report);
+
 } // namespace ostrand::ReportText

@@ -41,8 +41,10 @@ constexpr std::string_view usageText =
 
 level: evens out the loudness of the speech in each file and writes the
 result beside it as "NAME leveled.EXT" (" 2", " 3" ... when that exists).
-Video is copied untouched; audio is re-encoded (AAC, or 24-bit WAV for WAV
-and AIFF sources).
+The file keeps its container (AVI and other video files become Matroska,
+other audio files M4A); video, subtitles, chapters and cover art are copied
+untouched; audio is re-encoded (AAC; Opus in WebM; 24-bit WAV for WAV and
+AIFF; FLAC stays FLAC). The file appears only once it is complete.
   --target LUFS      integrated loudness to reach (default -16)
   --ceiling DBTP     true-peak ceiling (default -1)
   --preset NAME      loudness preset: "Apple Podcasts" (podcast, -16),

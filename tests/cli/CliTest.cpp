@@ -8,10 +8,16 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <fstream>
 #include <iterator>
+#include <thread>
+
 #include <sstream>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace ostrand {
@@ -183,6 +189,44 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(CliTest, HelpAndVersion) {
     EXPECT_NE(run({"--help"}).out.find("usage: ostrand-cli level"), std::string::npos);
     EXPECT_EQ(run({"--version"}).out.rfind("ostrand-cli ", 0), 0u);
+}
+
+// The real program, stopped by SIGTERM while it writes over an existing
+// file: it ends with 143 and the earlier file is as it was.
+TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
+    const test::TempDir dir;
+    // AAC encoding keeps the program busy for a few seconds.
+    const fs::path source = test::noiseFile(dir / "long.m4a", 48000, "stereo", 240.0, -30.0);
+    const fs::path output = test::textFile(dir / "take.m4a", "an earlier take");
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "--output", output.c_str(),
+                source.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // Writing has begun once the program holds an unnamed file in the folder.
+    const auto writing = [&] {
+        std::error_code error;
+        for (const auto& fd :
+             fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+            const auto target = fs::read_symlink(fd.path(), error).string();
+            if (target.starts_with(dir.path().string()) && target.ends_with("(deleted)")) {
+                return true;
+            }
+        }
+        return false;
+    };
+    for (int tries = 0; tries < 6000 && !writing(); ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(writing());
+    ::kill(pid, SIGTERM);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 143);
+    EXPECT_EQ(fileBytes(output), "an earlier take");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 2);
 }
 
 } // namespace
