@@ -1,10 +1,13 @@
 #include "Cli.h"
 
+#include "CliConsole.h"
+#include "CliOptions.h"
+#include "app/JobQueue.h"
 #include "app/LevelingJob.h"
-#include "app/OstrandSettings.h"
 #include "app/ReportText.h"
 #include "media/LevelingEngine.h"
 #include "media/OstrandError.h"
+#include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
 
 #include <QByteArray>
@@ -13,16 +16,21 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
+#include <QUrl>
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <optional>
-#include <string_view>
+#include <set>
+#include <sstream>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #ifndef OSTRAND_VERSION
@@ -34,196 +42,10 @@ namespace ostrand {
 namespace {
 
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 
-constexpr std::string_view usageText =
-    R"usage(usage: ostrand-cli level [options] FILE...
-       ostrand-cli measure [--json] FILE...
-
-level: evens out the loudness of the speech in each file and writes the
-result beside it as "NAME leveled.EXT" (" 2", " 3" ... when that exists).
-The file keeps its container (AVI and other video files become Matroska,
-other audio files M4A); video, subtitles, chapters and cover art are copied
-untouched; audio is re-encoded (AAC; Opus in WebM; 24-bit WAV for WAV and
-AIFF; FLAC stays FLAC). The file appears only once it is complete.
-  --target LUFS      integrated loudness to reach (default -16)
-  --ceiling DBTP     true-peak ceiling (default -1)
-  --preset NAME      loudness preset: "Apple Podcasts" (podcast, -16),
-                     "Match Corvane" (-15), "YouTube / Spotify" (streaming,
-                     -14), "Broadcast (EBU R128)" (broadcast, -23)
-  --mono             mix the audio down to one channel
-  --wav-sidecar      also write a 24-bit WAV of the leveled audio beside a
-                     leveled video
-  --output FILE      write the leveled file exactly here (one input only)
-  --output-dir DIR   write the leveled files into this folder
-  --json             print one JSON object per file (JSON Lines)
-
-measure: prints the integrated loudness (LUFS), true peak (dBTP) and sample
-peak (dBFS) of each file's mixed audio.
-
-Exit status: 0 when every file succeeded, 1 when any failed, 2 for a usage
-error, 130 after Ctrl-C, 143 after SIGTERM.
-)usage";
-
-// Loudness targets and ceilings a user could mean; anything outside is a
-// typing mistake rather than a wish.
-constexpr double minTargetLufs = -70.0;
-constexpr double maxTargetLufs = 0.0;
-constexpr double minCeilingDb = -20.0;
-constexpr double maxCeilingDb = 0.0;
-// The desktop application's defaults: the podcast target, -1 dBTP.
+// The desktop application's default ceiling.
 constexpr double defaultCeilingDb = -1.0;
-
-struct UsageError {
-    std::string message;
-};
-
-struct Options {
-    std::string command;
-    std::optional<double> target;
-    std::optional<double> ceiling;
-    std::optional<LoudnessPreset> preset;
-    bool mono = false;
-    bool wavSidecar = false;
-    std::optional<fs::path> output;
-    std::optional<fs::path> outputDir;
-    bool json = false;
-    bool help = false;
-    bool version = false;
-    std::vector<fs::path> files;
-};
-
-std::string normalized(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        if (std::isalnum(static_cast<unsigned char>(c))) {
-            out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-        }
-    }
-    return out;
-}
-
-LoudnessPreset presetNamed(const std::string& name) {
-    std::string wanted = normalized(name);
-    if (wanted == "streaming") {
-        wanted = "youtube";
-    }
-    std::vector<LoudnessPreset> matches;
-    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-        if (!wanted.empty() &&
-            normalized(preset.name.toStdString()).find(wanted) != std::string::npos) {
-            matches.push_back(preset);
-        }
-    }
-    if (matches.size() != 1) {
-        std::string known;
-        for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-            known += (known.empty() ? "\"" : ", \"") + preset.name.toStdString() + "\"";
-        }
-        throw UsageError{"unknown preset \"" + name + "\" (presets: " + known + ")"};
-    }
-    return matches.front();
-}
-
-double number(const std::string& option, const std::string& text, double lo, double hi) {
-    double value = 0.0;
-    const char* end = text.data() + text.size();
-    const auto [ptr, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || ptr != end || !std::isfinite(value)) {
-        throw UsageError{option + " needs a number, not \"" + text + "\""};
-    }
-    if (value < lo || value > hi) {
-        char range[64];
-        std::snprintf(range, sizeof range, "%g to %g", lo, hi);
-        throw UsageError{option + " must lie between " + range};
-    }
-    return value;
-}
-
-Options parse(std::span<const std::string> args) {
-    Options options;
-    std::size_t i = 0;
-    const auto valueOf = [&](const std::string& option, std::optional<std::string> inlineValue) {
-        if (inlineValue) {
-            return *inlineValue;
-        }
-        if (i + 1 >= args.size()) {
-            throw UsageError{option + " needs a value"};
-        }
-        return args[++i];
-    };
-    bool onlyFiles = false;
-    for (; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (onlyFiles || arg.empty() || arg[0] != '-' || arg == "-") {
-            if (options.command.empty() && !onlyFiles) {
-                options.command = arg;
-            } else {
-                options.files.emplace_back(arg);
-            }
-            continue;
-        }
-        if (arg == "--") {
-            onlyFiles = true;
-            continue;
-        }
-        std::string option = arg;
-        std::optional<std::string> inlineValue;
-        if (const auto eq = arg.find('='); eq != std::string::npos && arg.rfind("--", 0) == 0) {
-            option = arg.substr(0, eq);
-            inlineValue = arg.substr(eq + 1);
-        }
-        if (option == "-h" || option == "--help") {
-            options.help = true;
-        } else if (option == "--version") {
-            options.version = true;
-        } else if (option == "--json") {
-            options.json = true;
-        } else if (option == "--mono") {
-            options.mono = true;
-        } else if (option == "--wav-sidecar") {
-            options.wavSidecar = true;
-        } else if (option == "--target") {
-            options.target =
-                number(option, valueOf(option, inlineValue), minTargetLufs, maxTargetLufs);
-        } else if (option == "--ceiling") {
-            options.ceiling =
-                number(option, valueOf(option, inlineValue), minCeilingDb, maxCeilingDb);
-        } else if (option == "--preset") {
-            options.preset = presetNamed(valueOf(option, inlineValue));
-        } else if (option == "--output" || option == "-o") {
-            options.output = fs::path(valueOf(option, inlineValue));
-        } else if (option == "--output-dir") {
-            options.outputDir = fs::path(valueOf(option, inlineValue));
-        } else {
-            throw UsageError{"unknown option " + option};
-        }
-    }
-    if (options.help || options.version) {
-        return options;
-    }
-    if (options.command != "level" && options.command != "measure") {
-        throw UsageError{options.command.empty() ? "no command given"
-                                                 : "unknown command \"" + options.command + "\""};
-    }
-    if (options.files.empty()) {
-        throw UsageError{"no files given"};
-    }
-    const bool levelOnly = options.target || options.ceiling || options.preset || options.mono ||
-                           options.wavSidecar || options.output || options.outputDir;
-    if (options.command == "measure" && levelOnly) {
-        throw UsageError{"measure takes only --json and files"};
-    }
-    if (options.output && options.outputDir) {
-        throw UsageError{"--output and --output-dir exclude each other"};
-    }
-    if (options.output && options.files.size() != 1) {
-        throw UsageError{"--output takes exactly one input file"};
-    }
-    if (options.outputDir && !fs::is_directory(*options.outputDir)) {
-        throw UsageError{"--output-dir: " + options.outputDir->string() + " is not a folder"};
-    }
-    return options;
-}
 
 QString decoded(const fs::path& path) {
     return QFile::decodeName(QByteArray::fromStdString(path.string()));
@@ -233,9 +55,8 @@ QJsonValue jsonNumber(double value) {
     return std::isfinite(value) ? QJsonValue(value) : QJsonValue(QJsonValue::Null);
 }
 
-void printJson(std::ostream& out, const QJsonObject& object) {
-    out << QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString() << '\n';
-    out.flush();
+std::string jsonLine(const QJsonObject& object) {
+    return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString() + '\n';
 }
 
 std::string errorText(const std::exception& error) {
@@ -245,193 +66,452 @@ std::string errorText(const std::exception& error) {
     return error.what();
 }
 
-// A one-line bar on a terminal, redrawn when the percentage changes.
-class ProgressBar {
-public:
-    ProgressBar(std::ostream& err, bool enabled, std::string name)
-        : m_err(err)
-        , m_enabled(enabled)
-        , m_name(std::move(name)) {}
-    ~ProgressBar() { clear(); }
+std::string elapsedText(Clock::time_point since) {
+    return LevelingJob::format(std::chrono::duration<double>(Clock::now() - since).count())
+        .toStdString();
+}
 
-    void update(const LevelingProgress& progress) {
-        const int percent = static_cast<int>(std::clamp(progress.fraction, 0.0, 1.0) * 100.0);
-        if (!m_enabled || (percent == m_percent && progress.phase == m_phase)) {
-            return;
+// --- Inputs ----------------------------------------------------------------
+
+std::vector<fs::path> readList(std::istream& in, bool nulSeparated) {
+    std::vector<fs::path> paths;
+    for (std::string line; std::getline(in, line, nulSeparated ? '\0' : '\n');) {
+        if (!nulSeparated && !line.empty() && line.back() == '\r') {
+            line.pop_back();
         }
-        m_percent = percent;
-        m_phase = progress.phase;
-        constexpr int width = 30;
-        const int filled = percent * width / 100;
-        m_err << "\r\033[K[" << std::string(static_cast<std::size_t>(filled), '#')
-              << std::string(static_cast<std::size_t>(width - filled), '.') << "] "
-              << rawValue(progress.phase) << "\u2026 " << percent << "%  " << m_name << std::flush;
-        m_drawn = true;
+        if (!line.empty()) {
+            paths.emplace_back(line);
+        }
+    }
+    return paths;
+}
+
+bool isMediaFile(const fs::path& path) {
+    return JobQueue::isAcceptable(QUrl::fromLocalFile(decoded(path)));
+}
+
+// The media files under a folder, in name order; hidden files and folders
+// (a file manager's or another program's own) are left out.
+std::vector<fs::path> mediaFilesIn(const fs::path& folder) {
+    std::vector<fs::path> files;
+    std::error_code error;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                        error);
+    if (error) {
+        throw OstrandError::unreadable(folder.string() + ": " + error.message());
+    }
+    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (error) {
+            break;
+        }
+        const std::string name = it->path().filename().string();
+        if (!name.empty() && name.front() == '.') {
+            if (it->is_directory(error)) {
+                it.disable_recursion_pending();
+            }
+            continue;
+        }
+        if (it->is_regular_file(error) && isMediaFile(it->path())) {
+            files.push_back(it->path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+struct Inputs {
+    std::vector<fs::path> files;
+    std::string notes; // lines for standard error
+};
+
+Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
+    std::vector<fs::path> given;
+    bool readStandardInput = false;
+    const auto addList = [&](std::istream& in) {
+        const auto listed = readList(in, options.nulSeparated);
+        given.insert(given.end(), listed.begin(), listed.end());
+    };
+    for (const fs::path& input : options.inputs) {
+        if (input == "-") {
+            if (!std::exchange(readStandardInput, true)) {
+                addList(standardInput);
+            }
+        } else {
+            given.push_back(input);
+        }
+    }
+    if (options.inputList) {
+        std::ifstream list(*options.inputList);
+        if (!list) {
+            throw UsageError{"--input-list: cannot read " + options.inputList->string() + ": " +
+                             std::strerror(errno)};
+        }
+        addList(list);
     }
 
-    void clear() {
-        if (m_drawn) {
-            m_err << "\r\033[K" << std::flush;
-            m_drawn = false;
+    Inputs inputs;
+    std::set<fs::path> seen;
+    const auto take = [&](const fs::path& file) {
+        std::error_code error;
+        const fs::path key = fs::weakly_canonical(file, error);
+        if (!seen.insert(error ? file : key).second) {
+            return;
         }
+        if (!options.includeLeveled && OutputNaming::isLeveledName(file)) {
+            inputs.notes +=
+                file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
+            return;
+        }
+        inputs.files.push_back(file);
+    };
+    for (const fs::path& path : given) {
+        std::error_code error;
+        if (fs::is_directory(path, error)) {
+            if (!options.recursive) {
+                throw UsageError{path.string() + " is a folder; add -r to take the media files " +
+                                 "in it"};
+            }
+            for (const fs::path& file : mediaFilesIn(path)) {
+                take(file);
+            }
+        } else {
+            take(path);
+        }
+    }
+    return inputs;
+}
+
+// --- Where each output goes -----------------------------------------------
+
+struct Plan {
+    fs::path destination;
+    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::keepAndNumber;
+    std::optional<fs::path> sidecar;
+    std::string skipped; // why the file is left alone, if it is
+};
+
+Plan planFor(const CliOptions& options, const fs::path& source) {
+    Plan plan;
+    const std::string extension = LevelingEngine::outputExtension(source);
+    if (options.output) {
+        std::error_code error;
+        // The source itself is left to the engine, which refuses it in its words.
+        if (fs::exists(*options.output, error) && !options.force &&
+            !fs::equivalent(*options.output, source, error)) {
+            throw OstrandError::exportFailed(options.output->string() +
+                                             " exists; add --force to replace it");
+        }
+        plan.destination = *options.output;
+        plan.existing = OutputNaming::ExistingFile::replace;
+    } else {
+        const fs::path folder =
+            options.outputDir ? *options.outputDir : fs::absolute(source).parent_path();
+        const std::string name = OutputNaming::leveledName(source);
+        const fs::path first = folder / (name + "." + extension);
+        std::error_code error;
+        if (options.force) {
+            plan.destination = first;
+            plan.existing = OutputNaming::ExistingFile::replace;
+        } else if (options.skipExisting && fs::exists(fs::symlink_status(first, error))) {
+            plan.skipped = first.filename().string() + " exists";
+            return plan;
+        } else {
+            plan.destination = OutputNaming::uniqueLocation(folder, name, extension);
+        }
+    }
+    if (options.wavSidecar && OutputNaming::isVideoSource(source)) {
+        plan.sidecar = OutputNaming::sidecarLocation(plan.destination);
+    }
+    return plan;
+}
+
+void checkOutputExtension(const CliOptions& options, const fs::path& source) {
+    const std::string extension = LevelingEngine::outputExtension(source);
+    if (OutputFormat::lowerExtension(*options.output) != extension) {
+        throw UsageError{"--output must end in ." + extension + " for " +
+                         source.filename().string() + " (its container follows the source)"};
+    }
+}
+
+// --- One file ----------------------------------------------------------------
+
+enum class Outcome { done, skipped, failed };
+
+class Batch {
+public:
+    Batch(const CliOptions& options, const std::vector<fs::path>& files, CliConsole& console,
+          const CliEnvironment& environment)
+        : m_options(options)
+        , m_files(files)
+        , m_console(console)
+        , m_environment(environment) {}
+
+    void run() {
+        const std::size_t workers =
+            std::min(static_cast<std::size_t>(std::max(m_options.jobs, 1)), m_files.size());
+        std::vector<std::thread> threads;
+        for (std::size_t slot = 1; slot < workers; ++slot) {
+            threads.emplace_back([this, slot] { work(static_cast<int>(slot)); });
+        }
+        work(0);
+        for (auto& thread : threads) {
+            thread.join();
+        }
+    }
+
+    int count(Outcome outcome) const { return m_counts[static_cast<std::size_t>(outcome)]; }
+
+    bool stopped() const {
+        return m_console.outputFailed() ||
+               (m_environment.interrupted && m_environment.interrupted());
     }
 
 private:
-    std::ostream& m_err;
-    bool m_enabled;
-    std::string m_name;
-    int m_percent = -1;
-    LevelingPhase m_phase = LevelingPhase::analyzing;
-    bool m_drawn = false;
+    void work(int slot) {
+        while (!stopped()) {
+            const std::size_t index = m_next++;
+            if (index >= m_files.size()) {
+                return;
+            }
+            const Outcome outcome = processOne(slot, m_files[index]);
+            ++m_counts[static_cast<std::size_t>(outcome)];
+        }
+    }
+
+    Outcome processOne(int slot, const fs::path& source) {
+        try {
+            if (m_options.command == "measure") {
+                measure(slot, source);
+                return Outcome::done;
+            }
+            return level(slot, source);
+        } catch (const std::exception& error) {
+            m_console.ended(slot);
+            const std::string message = errorText(error);
+            m_console.message(source.string() + ": " + message + '\n');
+            if (m_options.json) {
+                QJsonObject object;
+                object["source"] = decoded(source);
+                object["error"] = QString::fromStdString(message);
+                m_console.report(jsonLine(object));
+            }
+            return Outcome::failed;
+        }
+    }
+
+    LevelingEngine::CancelCheck cancelCheck() const {
+        return [this] { return stopped(); };
+    }
+
+    Outcome level(int slot, const fs::path& source) {
+        const Plan plan = planFor(m_options, source);
+        if (!plan.skipped.empty()) {
+            if (!m_options.quiet) {
+                m_console.message(source.string() + ": skipped, " + plan.skipped + '\n');
+            }
+            if (m_options.json) {
+                QJsonObject object;
+                object["source"] = decoded(source);
+                object["skipped"] = QString::fromStdString(plan.skipped);
+                m_console.report(jsonLine(object));
+            }
+            return Outcome::skipped;
+        }
+        if (m_options.dryRun) {
+            printDryRun(source, plan);
+            return Outcome::done;
+        }
+        if (m_options.verbose) {
+            m_console.message(source.string() + ": leveling into " + plan.destination.string() +
+                              '\n');
+        }
+        const double target = m_options.target.value_or(
+            m_options.preset ? m_options.preset->loudness : LevelingParameters{}.targetLoudness);
+        const double ceiling = m_options.ceiling.value_or(
+            m_options.preset ? m_options.preset->ceiling : defaultCeilingDb);
+
+        m_console.started(slot, source.filename().string());
+        const auto started = Clock::now();
+        const LevelingReport report = LevelingEngine::process(
+            source, plan.destination, plan.existing, LevelingParameters::forTarget(target), ceiling,
+            m_options.mono, plan.sidecar,
+            [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+            cancelCheck());
+        const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+        m_console.ended(slot);
+        if (!m_options.quiet) {
+            std::string notes;
+            for (const std::string& note : report.notes) {
+                notes += source.string() + ": note: " + note + '\n';
+            }
+            if (!notes.empty()) {
+                m_console.message(notes);
+            }
+        }
+        if (m_options.json) {
+            QJsonObject object;
+            object["source"] = decoded(source);
+            object["outputURL"] = decoded(report.outputURL);
+            object["audioSidecarURL"] = report.audioSidecarURL
+                                            ? QJsonValue(decoded(*report.audioSidecarURL))
+                                            : QJsonValue();
+            object["duration"] = jsonNumber(report.duration);
+            object["inputLoudness"] = jsonNumber(report.inputLoudness);
+            object["outputLoudness"] = jsonNumber(report.outputLoudness);
+            object["limiterGainReduction"] = jsonNumber(report.limiterGainReduction);
+            object["minGain"] = jsonNumber(report.minGain);
+            object["maxGain"] = jsonNumber(report.maxGain);
+            object["activeFraction"] = jsonNumber(report.activeFraction);
+            m_console.report(jsonLine(object));
+        } else if (!m_options.quiet) {
+            std::string lines = source.string() + ": " +
+                                ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
+                                ReportText::detailLine(report).toStdString() + '\n';
+            if (report.audioSidecarURL) {
+                lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
+            }
+            m_console.report(lines);
+        }
+        return Outcome::done;
+    }
+
+    void printDryRun(const fs::path& source, const Plan& plan) {
+        std::error_code error;
+        const bool replaces = plan.existing == OutputNaming::ExistingFile::replace &&
+                              fs::exists(plan.destination, error);
+        if (m_options.json) {
+            QJsonObject object;
+            object["source"] = decoded(source);
+            object["outputURL"] = decoded(plan.destination);
+            object["audioSidecarURL"] =
+                plan.sidecar ? QJsonValue(decoded(*plan.sidecar)) : QJsonValue();
+            object["replaces"] = replaces;
+            object["dryRun"] = true;
+            m_console.report(jsonLine(object));
+        } else if (!m_options.quiet) {
+            std::string line = source.string() + " \u2192 " + plan.destination.string();
+            if (plan.sidecar) {
+                line += " + " + plan.sidecar->filename().string();
+            }
+            m_console.report(line + (replaces ? " (replaces it)\n" : "\n"));
+        }
+    }
+
+    void measure(int slot, const fs::path& source) {
+        m_console.started(slot, source.filename().string());
+        const LevelingEngine::Measurement m = LevelingEngine::measure(
+            source, false,
+            [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+            cancelCheck());
+        m_console.ended(slot);
+        if (m_options.json) {
+            QJsonObject object;
+            object["source"] = decoded(source);
+            object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
+            object["truePeak"] = jsonNumber(m.truePeak);
+            object["samplePeak"] = jsonNumber(m.samplePeak);
+            object["duration"] = jsonNumber(m.duration);
+            object["sampleRate"] = jsonNumber(m.sampleRate);
+            object["channels"] = static_cast<qint64>(m.channels);
+            m_console.report(jsonLine(object));
+        } else if (!m_options.quiet) {
+            char line[256];
+            std::snprintf(
+                line, sizeof line,
+                "%.1f LUFS \u00b7 true peak %.1f dBTP \u00b7 sample peak %.1f dBFS \u00b7 ",
+                m.integratedLoudness, m.truePeak, m.samplePeak);
+            std::ostringstream text;
+            text << source.string() << ": " << line << LevelingJob::format(m.duration).toStdString()
+                 << " \u00b7 " << static_cast<long long>(m.sampleRate) << " Hz "
+                 << (m.channels == 1 ? "mono" : "stereo") << '\n';
+            m_console.report(text.str());
+        }
+    }
+
+    const CliOptions& m_options;
+    const std::vector<fs::path>& m_files;
+    CliConsole& m_console;
+    const CliEnvironment& m_environment;
+    std::atomic<std::size_t> m_next{0};
+    std::array<std::atomic<int>, 3> m_counts{};
 };
 
-fs::path destinationFor(const Options& options, const fs::path& source) {
-    const std::string extension = LevelingEngine::outputExtension(source);
-    if (options.output) {
-        std::string given = options.output->extension().string();
-        std::transform(given.begin(), given.end(), given.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        if (given != "." + extension) {
-            throw UsageError{"--output must end in ." + extension + " for " +
-                             source.filename().string() + " (its container follows the source)"};
-        }
-        return *options.output;
-    }
-    const fs::path folder =
-        options.outputDir ? *options.outputDir : fs::absolute(source).parent_path();
-    return OutputNaming::leveledLocation(source, folder);
-}
-
-void levelOne(const Options& options, const fs::path& source, std::ostream& out, std::ostream& err,
-              const CliEnvironment& environment) {
-    const fs::path destination = destinationFor(options, source);
-    std::optional<fs::path> sidecar;
-    if (options.wavSidecar && OutputNaming::isVideoSource(source)) {
-        sidecar = OutputNaming::sidecarLocation(destination);
-    }
-    const double target = options.target.value_or(
-        options.preset ? options.preset->loudness : LevelingParameters{}.targetLoudness);
-    const double ceiling =
-        options.ceiling.value_or(options.preset ? options.preset->ceiling : defaultCeilingDb);
-
-    ProgressBar bar(err, environment.progressBar, source.filename().string());
-    const auto started = std::chrono::steady_clock::now();
-    // --output names the file exactly; the naming rule's names move on to
-    // the next free number if another run takes them first.
-    const auto existing = options.output ? OutputNaming::ExistingFile::replace
-                                         : OutputNaming::ExistingFile::keepAndNumber;
-    const LevelingReport report = LevelingEngine::process(
-        source, destination, existing, LevelingParameters::forTarget(target), ceiling, options.mono,
-        sidecar, [&](const LevelingProgress& progress) { bar.update(progress); },
-        [&] { return environment.interrupted && environment.interrupted(); });
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    bar.clear();
-    for (const std::string& note : report.notes) {
-        err << source.string() << ": note: " << note << '\n';
-    }
-
-    if (options.json) {
-        QJsonObject object;
-        object["source"] = decoded(source);
-        object["outputURL"] = decoded(report.outputURL);
-        object["audioSidecarURL"] =
-            report.audioSidecarURL ? QJsonValue(decoded(*report.audioSidecarURL)) : QJsonValue();
-        object["duration"] = jsonNumber(report.duration);
-        object["inputLoudness"] = jsonNumber(report.inputLoudness);
-        object["outputLoudness"] = jsonNumber(report.outputLoudness);
-        object["limiterGainReduction"] = jsonNumber(report.limiterGainReduction);
-        object["minGain"] = jsonNumber(report.minGain);
-        object["maxGain"] = jsonNumber(report.maxGain);
-        object["activeFraction"] = jsonNumber(report.activeFraction);
-        printJson(out, object);
-    } else {
-        out << source.string() << ": " << ReportText::finishedLine(report, elapsed).toStdString()
-            << "\n  " << ReportText::detailLine(report).toStdString() << '\n';
-        if (report.audioSidecarURL) {
-            out << "  WAV sidecar: " << report.audioSidecarURL->filename().string() << '\n';
-        }
-        out.flush();
-    }
-}
-
-void measureOne(const Options& options, const fs::path& source, std::ostream& out,
-                std::ostream& err, const CliEnvironment& environment) {
-    ProgressBar bar(err, environment.progressBar, source.filename().string());
-    const LevelingEngine::Measurement m = LevelingEngine::measure(
-        source, false, [&](const LevelingProgress& progress) { bar.update(progress); },
-        [&] { return environment.interrupted && environment.interrupted(); });
-    bar.clear();
-    if (options.json) {
-        QJsonObject object;
-        object["source"] = decoded(source);
-        object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
-        object["truePeak"] = jsonNumber(m.truePeak);
-        object["samplePeak"] = jsonNumber(m.samplePeak);
-        object["duration"] = jsonNumber(m.duration);
-        object["sampleRate"] = jsonNumber(m.sampleRate);
-        object["channels"] = static_cast<qint64>(m.channels);
-        printJson(out, object);
-    } else {
-        char line[256];
-        std::snprintf(line, sizeof line,
-                      "%.1f LUFS \u00b7 true peak %.1f dBTP \u00b7 sample peak %.1f dBFS \u00b7 ",
-                      m.integratedLoudness, m.truePeak, m.samplePeak);
-        out << source.string() << ": " << line << LevelingJob::format(m.duration).toStdString()
-            << " \u00b7 " << static_cast<long long>(m.sampleRate) << " Hz "
-            << (m.channels == 1 ? "mono" : "stereo") << '\n';
-        out.flush();
-    }
+int defaultJobs() {
+    return static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 }
 
 } // namespace
 
 int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& err,
            const CliEnvironment& environment) {
-    Options options;
+    const auto started = Clock::now();
+    CliOptions options;
+    Inputs inputs;
     try {
-        options = parse(args);
+        options = parseCliOptions(args, defaultJobs());
+        if (options.help || options.version || options.command == "help" ||
+            options.command == "presets") {
+            out << (options.version ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+                    : options.command == "presets" ? presetsText()
+                                                   : helpText(options.helpTopic));
+            out.flush();
+            if (!out) {
+                err << "ostrand-cli: cannot write to standard output: " << std::strerror(errno)
+                    << '\n';
+                return exitFailure;
+            }
+            return exitSuccess;
+        }
+        inputs = collectInputs(options, environment.input ? *environment.input : std::cin);
+        if (options.output) {
+            for (const fs::path& source : inputs.files) {
+                checkOutputExtension(options, source);
+            }
+        }
     } catch (const UsageError& error) {
-        err << "ostrand-cli: " << error.message << "\nTry 'ostrand-cli --help'.\n";
+        err << "ostrand-cli: " << error.message << "\nTry 'ostrand-cli help'.\n";
         return exitUsage;
+    } catch (const std::exception& error) {
+        err << "ostrand-cli: " << errorText(error) << '\n';
+        return exitFailure;
     }
-    if (options.help) {
-        out << usageText;
-        return exitSuccess;
+    if (!options.quiet) {
+        err << inputs.notes << std::flush;
     }
-    if (options.version) {
-        out << "ostrand-cli " << OSTRAND_VERSION << '\n';
-        return exitSuccess;
-    }
-
-    int status = exitSuccess;
-    for (const fs::path& source : options.files) {
-        try {
-            if (options.command == "level") {
-                levelOne(options, source, out, err, environment);
-            } else {
-                measureOne(options, source, out, err, environment);
-            }
-        } catch (const UsageError& error) {
-            err << "ostrand-cli: " << error.message << '\n';
-            return exitUsage;
-        } catch (const std::exception& error) {
-            const bool interrupted = environment.interrupted && environment.interrupted();
-            const std::string message = errorText(error);
-            err << source.string() << ": " << message << '\n';
-            if (options.json) {
-                QJsonObject object;
-                object["source"] = decoded(source);
-                object["error"] = QString::fromStdString(message);
-                printJson(out, object);
-            }
-            if (interrupted) {
-                return exitInterrupted;
-            }
-            status = exitFailure;
+    if (options.outputDir && !options.dryRun) {
+        std::error_code error;
+        fs::create_directories(*options.outputDir, error);
+        if (error) {
+            err << "ostrand-cli: cannot make the folder " << options.outputDir->string() << ": "
+                << error.message() << '\n';
+            return exitFailure;
         }
     }
-    return status;
+
+    CliConsole console(out, err, environment.progressBar && !options.quiet,
+                       environment.terminalWidth, inputs.files.size());
+    Batch batch(options, inputs.files, console, environment);
+    batch.run();
+    console.finish();
+
+    const bool interrupted = environment.interrupted && environment.interrupted();
+    const int done = batch.count(Outcome::done);
+    const int skipped =
+        batch.count(Outcome::skipped) +
+        static_cast<int>(std::count(inputs.notes.begin(), inputs.notes.end(), '\n'));
+    const int failed = batch.count(Outcome::failed);
+    if (!options.quiet && (inputs.files.size() > 1 || skipped > 0 || interrupted)) {
+        const char* verb = options.command == "measure" ? "measured"
+                           : options.dryRun             ? "to level"
+                                                        : "leveled";
+        err << "ostrand-cli: " << (interrupted ? "interrupted; " : "") << done << ' ' << verb
+            << ", " << skipped << " skipped, " << failed << " failed in " << elapsedText(started)
+            << '\n';
+    }
+    if (interrupted) {
+        return exitInterrupted;
+    }
+    return failed > 0 || console.outputFailed() ? exitFailure : exitSuccess;
 }
 
 } // namespace ostrand

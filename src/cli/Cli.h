@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <istream>
 #include <ostream>
 #include <span>
 #include <string>
@@ -10,14 +11,19 @@ namespace ostrand {
 // What the command line needs from its surroundings, so that tests can run
 // it in-process.
 struct CliEnvironment {
-    // Draw a progress bar on the error stream (it is a terminal).
+    // Draw a progress line on the error stream (it is a terminal).
     bool progressBar = false;
-    // Polled while a file is processed; true stops the run (Ctrl-C).
+    // The terminal's width in columns, asked at each redraw (it may change).
+    std::function<int()> terminalWidth;
+    // Polled while a file is processed (from several threads); true stops
+    // the run (Ctrl-C).
     std::function<bool()> interrupted;
+    // Where "-" reads its list of files; standard input when null.
+    std::istream* input = nullptr;
 };
 
-// Exit status: 0 when every file succeeded, 1 when any failed, 2 for a usage
-// error, 130 when interrupted.
+// Exit status: 0 when every file succeeded or was skipped, 1 when any
+// failed, 2 for a usage error, 130 when interrupted.
 inline constexpr int exitSuccess = 0;
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -26,10 +27,16 @@ int main(int argc, char** argv) {
     // Past a file-size limit, a write then fails with a message and the run
     // cleans up, instead of the process dying mid-file.
     std::signal(SIGXFSZ, SIG_IGN);
+    // A closed pipe on standard output is then a write error with a message.
+    std::signal(SIGPIPE, SIG_IGN);
 
     const std::vector<std::string> args(argv + 1, argv + argc);
     ostrand::CliEnvironment environment;
     environment.progressBar = ::isatty(STDERR_FILENO) == 1;
+    environment.terminalWidth = [] {
+        winsize size{};
+        return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+    };
     environment.interrupted = [] { return interruptSignal.load() != 0; };
     const int status = ostrand::runCli(args, std::cout, std::cerr, environment);
     // The shell's convention: 128 + the signal that ended the run.

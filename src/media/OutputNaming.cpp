@@ -74,6 +74,20 @@ std::filesystem::path sidecarLocation(const std::filesystem::path& destination) 
                           sidecarExtension);
 }
 
+bool isLeveledName(const std::filesystem::path& file) {
+    std::string stem = file.stem().string();
+    const auto space = stem.rfind(' ');
+    if (space != std::string::npos && space + 1 < stem.size()) {
+        int number = 0;
+        const char* end = stem.data() + stem.size();
+        const auto [stop, error] = std::from_chars(stem.data() + space + 1, end, number);
+        if (error == std::errc{} && stop == end && number >= 2) {
+            stem.erase(space);
+        }
+    }
+    return stem.ends_with(leveledSuffix);
+}
+
 bool isVideoSource(const std::filesystem::path& source) {
     return OutputFormat::forSource(source).video;
 }

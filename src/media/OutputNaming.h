@@ -46,6 +46,10 @@ std::filesystem::path leveledLocation(const std::filesystem::path& source,
 // "talk leveled.wav", else "talk leveled 2.wav", …).
 std::filesystem::path sidecarLocation(const std::filesystem::path& destination);
 
+// Whether a file's name is one this rule gives a leveled output: its name
+// without extension ends in " leveled" or " leveled N" ("talk leveled 2.wav").
+bool isLeveledName(const std::filesystem::path& file);
+
 // Whether the source's extension names a video container, i.e. whether a WAV
 // sidecar may be written beside its output.
 bool isVideoSource(const std::filesystem::path& source);

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <thread>
 
 #include <sstream>
@@ -74,14 +75,9 @@ TEST(CliTest, LevelsBesideTheSourceWithoutOverwriting) {
 TEST(CliTest, JsonCarriesEveryReportField) {
     const test::TempDir dir;
     const fs::path video = test::videoFile(dir / "clip.mov");
-    const CliRun r = run({"level", "--json", "--wav-sidecar", "--preset", "broadcast",
-                          "--output-dir", (dir / "out").string(), video.string()},
-                         {});
-    // --output-dir must exist: a usage error first.
-    EXPECT_EQ(r.status, exitUsage);
-    fs::create_directory(dir / "out");
+    // --output-dir is made when missing.
     const CliRun ok = run({"level", "--json", "--wav-sidecar", "--preset", "broadcast",
-                           "--output-dir", (dir / "out").string(), video.string()});
+                           "--output-dir", (dir / "out/new").string(), video.string()});
     ASSERT_EQ(ok.status, exitSuccess) << ok.err;
     const std::vector<QJsonObject> lines = jsonLines(ok.out);
     ASSERT_EQ(lines.size(), 1u);
@@ -91,9 +87,10 @@ TEST(CliTest, JsonCarriesEveryReportField) {
           "limiterGainReduction", "minGain", "maxGain", "activeFraction"}) {
         EXPECT_TRUE(o.contains(key)) << key;
     }
-    EXPECT_EQ(o["outputURL"].toString().toStdString(), (dir / "out" / "clip leveled.mov").string());
+    EXPECT_EQ(o["outputURL"].toString().toStdString(),
+              (dir / "out/new" / "clip leveled.mov").string());
     EXPECT_EQ(o["audioSidecarURL"].toString().toStdString(),
-              (dir / "out" / "clip leveled.wav").string());
+              (dir / "out/new" / "clip leveled.wav").string());
     EXPECT_NEAR(o["outputLoudness"].toDouble(), -23.0, 0.5);
 }
 
@@ -102,13 +99,20 @@ TEST(CliTest, OneFailureDoesNotStopTheOthers) {
     const fs::path good = test::noiseFile(dir / "a.wav");
     const fs::path bad = test::textFile(dir / "b.mp4");
     const fs::path other = test::sineFile(dir / "c.mp3");
-    const CliRun r = run({"level", "--json", good.string(), bad.string(), other.string()});
+    const CliRun r =
+        run({"level", "-j", "2", "--json", good.string(), bad.string(), other.string()});
     EXPECT_EQ(r.status, exitFailure);
-    const std::vector<QJsonObject> lines = jsonLines(r.out);
+    // One whole line per file, in the order they finish.
+    std::map<std::string, QJsonObject> lines;
+    for (const QJsonObject& line : jsonLines(r.out)) {
+        lines[fs::path(line["source"].toString().toStdString()).filename().string()] = line;
+    }
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(lines[0].contains("outputURL"));
-    EXPECT_EQ(lines[1]["error"].toString().toStdString().rfind("Couldn't read the file: ", 0), 0u);
-    EXPECT_TRUE(lines[2].contains("outputURL"));
+    EXPECT_TRUE(lines["a.wav"].contains("outputURL"));
+    EXPECT_EQ(lines["b.mp4"]["error"].toString().toStdString().rfind("Couldn't read the file: ", 0),
+              0u);
+    EXPECT_TRUE(lines["c.mp3"].contains("outputURL"));
+    EXPECT_NE(r.err.find("2 leveled, 0 skipped, 1 failed"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("b.mp4: Couldn't read the file: "), std::string::npos) << r.err;
     EXPECT_TRUE(fs::exists(dir / "c leveled.m4a"));
     EXPECT_FALSE(fs::exists(dir / "b leveled.mp4"));
@@ -183,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(
         Usage{"unknownPreset", {"level", "--preset", "radio", "a.wav"}, "unknown preset"},
         Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"}, "exactly one input"},
         Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
-        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes only"}),
+        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"}),
     [](const auto& p) { return std::string(p.param.name); });
 
 TEST(CliTest, HelpAndVersion) {
@@ -200,7 +204,7 @@ TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
     const fs::path output = test::textFile(dir / "take.m4a", "an earlier take");
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "--output", output.c_str(),
+        ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "--force", "--output", output.c_str(),
                 source.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
@@ -216,12 +220,13 @@ TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
         }
         return false;
     };
-    for (int tries = 0; tries < 6000 && !writing(); ++tries) {
+    int status = 0;
+    for (int tries = 0; tries < 6000 && !writing() && ::waitpid(pid, &status, WNOHANG) == 0;
+         ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ASSERT_TRUE(writing());
     ::kill(pid, SIGTERM);
-    int status = 0;
     ::waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 143);

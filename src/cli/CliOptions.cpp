@@ -1,0 +1,399 @@
+#include "CliOptions.h"
+
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+#include <QStringList>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+namespace ostrand {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Loudness targets and ceilings a user could mean; anything outside is a
+// typing mistake rather than a wish.
+constexpr double minTargetLufs = -70.0;
+constexpr double maxTargetLufs = 0.0;
+constexpr double minCeilingDb = -20.0;
+constexpr double maxCeilingDb = 0.0;
+constexpr int maxJobs = 64;
+
+constexpr const char* generalHelp = R"(usage: ostrand-cli level [options] FILE|FOLDER|- ...
+       ostrand-cli measure [options] FILE|FOLDER|- ...
+       ostrand-cli presets
+       ostrand-cli help [COMMAND]
+
+level     evens out the loudness of the speech in each file and writes the
+          result beside it as "NAME leveled.EXT"
+measure   prints the loudness, true peak and sample peak of each file
+presets   lists the loudness presets
+help      explains a command: "ostrand-cli help level"
+
+Common options:
+  -j, --jobs N         files processed at once (default: the number of cores)
+  -r, --recursive      take the media files in folders and their subfolders
+  --input-list FILE    also take the files listed in FILE, one a line ("-" in
+                       the file list reads the list from standard input)
+  -0                   the lists are separated by NUL characters, not lines
+  --include-leveled    also take files named "... leveled.EXT", which are
+                       skipped otherwise
+  --json               one JSON object per file (JSON Lines)
+  -q, --quiet          only errors and JSON; no progress, notes or summary
+  -v, --verbose        also say which file goes where as it starts
+  -h, --help           this text;  --version  the version
+
+Exit status: 0 when every file succeeded (or was skipped), 1 when any
+failed, 2 for a usage error, 130 after Ctrl-C, 143 after SIGTERM.
+)";
+
+constexpr const char* levelHelp = R"(usage: ostrand-cli level [options] FILE|FOLDER|- ...
+
+Evens out the loudness of the speech in each file and writes the result
+beside it as "NAME leveled.EXT" (" 2", " 3" ... when that exists). The file
+keeps its container (AVI and other video files become Matroska, other audio
+files M4A); video, subtitles, chapters and cover art are copied untouched;
+audio is re-encoded (AAC; Opus in WebM; 24-bit WAV for WAV and AIFF; FLAC
+stays FLAC). A file appears only once it is complete; an existing file is
+never replaced without --force.
+
+  --target LUFS        integrated loudness to reach (default -16)
+  --ceiling DBTP       true-peak ceiling (default -1)
+  --preset NAME        a preset from "ostrand-cli presets" ("podcast",
+                       "streaming", "broadcast" or part of a name)
+  --mono               mix the audio down to one channel
+  --wav-sidecar        also write a 24-bit WAV of the leveled audio beside a
+                       leveled video
+  -o, --output FILE    write the leveled file exactly here (one input only)
+  --output-dir DIR     write the leveled files into DIR (made if missing)
+  -f, --force          replace an existing output instead of numbering the
+                       new one (or, with --output, instead of failing)
+  --skip-existing      skip a file whose output name is already taken
+  -n, --dry-run        print what would be written, write nothing
+  -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
+                       "ostrand-cli help"
+)";
+
+constexpr const char* measureHelp = R"(usage: ostrand-cli measure [options] FILE|FOLDER|- ...
+
+Prints the integrated loudness (LUFS), true peak (dBTP) and sample peak
+(dBFS) of each file's mixed audio, its duration, rate and channels.
+
+  -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
+                       "ostrand-cli help"
+)";
+
+constexpr const char* presetsHelp = R"(usage: ostrand-cli presets
+
+Lists the loudness presets that "level --preset NAME" takes.
+)";
+
+std::string normalized(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        if (std::isalnum(static_cast<unsigned char>(c))) {
+            out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+        }
+    }
+    return out;
+}
+
+LoudnessPreset presetNamed(const std::string& name) {
+    std::string wanted = normalized(name);
+    if (wanted == "streaming") {
+        wanted = "youtube";
+    }
+    std::vector<LoudnessPreset> matches;
+    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+        if (!wanted.empty() &&
+            normalized(preset.name.toStdString()).find(wanted) != std::string::npos) {
+            matches.push_back(preset);
+        }
+    }
+    if (matches.size() != 1) {
+        std::string known;
+        for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+            known += (known.empty() ? "\"" : ", \"") + preset.name.toStdString() + "\"";
+        }
+        throw UsageError{"unknown preset \"" + name + "\" (presets: " + known + ")"};
+    }
+    return matches.front();
+}
+
+double number(const std::string& option, std::string text, double lo, double hi) {
+    const std::string given = text;
+    if (!text.empty() && text.front() == '+') {
+        text.erase(0, 1);
+    }
+    double value = 0.0;
+    const char* end = text.data() + text.size();
+    const auto [ptr, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc() || ptr != end || !std::isfinite(value)) {
+        throw UsageError{option + " needs a number, not \"" + given + "\""};
+    }
+    if (value < lo || value > hi) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g to %g", lo, hi);
+        throw UsageError{option + " must lie between " + range};
+    }
+    return value;
+}
+
+struct OptionSpec {
+    const char* shortName; // or nullptr
+    const char* longName;  // or nullptr
+    const char* valueName; // nullptr for a flag
+    bool levelOnly;
+};
+
+// clang-format off
+constexpr OptionSpec specs[] = {
+    {"h", "help", nullptr, false},          {nullptr, "version", nullptr, false},
+    {nullptr, "target", "LUFS", true},      {nullptr, "ceiling", "DBTP", true},
+    {nullptr, "preset", "NAME", true},      {nullptr, "mono", nullptr, true},
+    {nullptr, "wav-sidecar", nullptr, true}, {"o", "output", "FILE", true},
+    {nullptr, "output-dir", "DIR", true},   {nullptr, "json", nullptr, false},
+    {"j", "jobs", "N", false},              {"r", "recursive", nullptr, false},
+    {nullptr, "input-list", "FILE", false}, {"0", nullptr, nullptr, false},
+    {nullptr, "include-leveled", nullptr, false}, {"f", "force", nullptr, true},
+    {nullptr, "skip-existing", nullptr, true}, {"n", "dry-run", nullptr, true},
+    {"q", "quiet", nullptr, false},         {"v", "verbose", nullptr, false},
+};
+// clang-format on
+
+// "--out-d" becomes "--output-dir" when no other option starts so.
+std::string expandAbbreviation(const std::string& arg) {
+    if (arg.rfind("--", 0) != 0 || arg.size() == 2) {
+        return arg;
+    }
+    const auto eq = arg.find('=');
+    const std::string name = arg.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+    std::vector<std::string> matches;
+    for (const OptionSpec& spec : specs) {
+        if (spec.longName == nullptr) {
+            continue;
+        }
+        const std::string candidate = spec.longName;
+        if (candidate == name) {
+            return arg;
+        }
+        if (candidate.rfind(name, 0) == 0) {
+            matches.push_back(candidate);
+        }
+    }
+    if (matches.size() > 1) {
+        std::string list;
+        for (const auto& match : matches) {
+            list += (list.empty() ? "--" : ", --") + match;
+        }
+        throw UsageError{"--" + name + " is ambiguous (" + list + ")"};
+    }
+    if (matches.empty()) {
+        return arg;
+    }
+    return "--" + matches.front() + (eq == std::string::npos ? "" : arg.substr(eq));
+}
+
+QString displayName(const OptionSpec& spec) {
+    return spec.longName != nullptr ? QStringLiteral("--") + QLatin1String(spec.longName)
+                                    : QStringLiteral("-") + QLatin1String(spec.shortName);
+}
+
+std::string usageMessage(QString text) {
+    // Qt's words, in our style: "Unknown option 'loud'." -> "unknown option --loud"
+    text = text.trimmed();
+    if (text.endsWith(QLatin1Char('.'))) {
+        text.chop(1);
+    }
+    if (text.startsWith(QLatin1String("Unknown option '"))) {
+        const QString name = text.mid(16).chopped(1);
+        return "unknown option " + std::string(name.size() == 1 ? "-" : "--") + name.toStdString();
+    }
+    if (text.startsWith(QLatin1String("Missing value after '"))) {
+        return text.mid(21).chopped(1).toStdString() + " needs a value";
+    }
+    if (text.startsWith(QLatin1String("Unexpected value after '"))) {
+        return text.mid(24).chopped(1).toStdString() + " takes no value";
+    }
+    if (!text.isEmpty()) {
+        text[0] = text[0].toLower();
+    }
+    return text.toStdString();
+}
+
+} // namespace
+
+CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsCompactedShortOptions);
+    std::vector<QCommandLineOption> options;
+    for (const OptionSpec& spec : specs) {
+        QStringList names;
+        if (spec.shortName != nullptr) {
+            names << QLatin1String(spec.shortName);
+        }
+        if (spec.longName != nullptr) {
+            names << QLatin1String(spec.longName);
+        }
+        options.emplace_back(names);
+        if (spec.valueName != nullptr) {
+            options.back().setValueName(QLatin1String(spec.valueName));
+        }
+        parser.addOption(options.back());
+    }
+    QStringList arguments{QStringLiteral("ostrand-cli")};
+    bool onlyFiles = false;
+    for (const std::string& arg : args) {
+        onlyFiles = onlyFiles || arg == "--";
+        arguments << QString::fromLocal8Bit(onlyFiles ? arg : expandAbbreviation(arg));
+    }
+    if (!parser.parse(arguments)) {
+        throw UsageError{usageMessage(parser.errorText())};
+    }
+
+    const auto set = [&](const char* name) { return parser.isSet(QLatin1String(name)); };
+    const auto value = [&](const char* name) -> std::optional<std::string> {
+        const QStringList values = parser.values(QLatin1String(name));
+        if (values.isEmpty()) {
+            return std::nullopt;
+        }
+        if (values.size() > 1) {
+            throw UsageError{std::string("--") + name + " is given more than once"};
+        }
+        return values.front().toLocal8Bit().toStdString();
+    };
+
+    CliOptions o;
+    o.help = set("help");
+    o.version = set("version");
+    QStringList positional = parser.positionalArguments();
+    if (!positional.isEmpty()) {
+        o.command = positional.takeFirst().toLocal8Bit().toStdString();
+    }
+    for (const QString& input : positional) {
+        o.inputs.emplace_back(input.toLocal8Bit().toStdString());
+    }
+    if (o.help || o.version) {
+        return o;
+    }
+    if (o.command == "help") {
+        if (o.inputs.size() > 1) {
+            throw UsageError{"help takes one command"};
+        }
+        o.helpTopic = o.inputs.empty() ? "" : o.inputs.front().string();
+        helpText(o.helpTopic); // checks the topic
+        return o;
+    }
+    if (o.command != "level" && o.command != "measure" && o.command != "presets") {
+        throw UsageError{o.command.empty() ? "no command given"
+                                           : "unknown command \"" + o.command + "\""};
+    }
+
+    if (const auto text = value("target")) {
+        o.target = number("--target", *text, minTargetLufs, maxTargetLufs);
+    }
+    if (const auto text = value("ceiling")) {
+        o.ceiling = number("--ceiling", *text, minCeilingDb, maxCeilingDb);
+    }
+    if (const auto text = value("preset")) {
+        o.preset = presetNamed(*text);
+    }
+    o.mono = set("mono");
+    o.wavSidecar = set("wav-sidecar");
+    if (const auto text = value("output")) {
+        o.output = fs::path(*text);
+    }
+    if (const auto text = value("output-dir")) {
+        o.outputDir = fs::path(*text);
+    }
+    o.json = set("json");
+    o.jobs = defaultJobs;
+    if (const auto text = value("jobs")) {
+        o.jobs = static_cast<int>(number("--jobs", *text, 1, maxJobs));
+        if (std::to_string(o.jobs) != (text->front() == '+' ? text->substr(1) : *text)) {
+            throw UsageError{"--jobs needs a whole number, not \"" + *text + "\""};
+        }
+    }
+    o.recursive = set("recursive");
+    if (const auto text = value("input-list")) {
+        o.inputList = fs::path(*text);
+    }
+    o.nulSeparated = set("0");
+    o.includeLeveled = set("include-leveled");
+    o.force = set("force");
+    o.skipExisting = set("skip-existing");
+    o.dryRun = set("dry-run");
+    o.quiet = set("quiet");
+    o.verbose = set("verbose");
+
+    if (o.command == "presets") {
+        if (!o.inputs.empty() || !parser.optionNames().isEmpty()) {
+            throw UsageError{"presets takes no files or options"};
+        }
+        return o;
+    }
+    if (o.command == "measure") {
+        for (const OptionSpec& spec : specs) {
+            const char* name = spec.longName != nullptr ? spec.longName : spec.shortName;
+            if (spec.levelOnly && set(name)) {
+                throw UsageError{"measure takes no " + displayName(spec).toStdString() +
+                                 " (see ostrand-cli help measure)"};
+            }
+        }
+    }
+    if (o.inputs.empty() && !o.inputList) {
+        throw UsageError{"no files given"};
+    }
+    if (o.quiet && o.verbose) {
+        throw UsageError{"--quiet and --verbose exclude each other"};
+    }
+    if (o.force && o.skipExisting) {
+        throw UsageError{"--force and --skip-existing exclude each other"};
+    }
+    if (o.output && o.outputDir) {
+        throw UsageError{"--output and --output-dir exclude each other"};
+    }
+    if (o.output &&
+        (o.inputs.size() != 1 || o.inputList || o.recursive || o.inputs.front() == "-")) {
+        throw UsageError{"--output takes exactly one input file"};
+    }
+    std::error_code error;
+    if (o.outputDir && fs::exists(*o.outputDir, error) && !fs::is_directory(*o.outputDir, error)) {
+        throw UsageError{"--output-dir: " + o.outputDir->string() + " is not a folder"};
+    }
+    return o;
+}
+
+std::string helpText(const std::string& topic) {
+    if (topic.empty()) {
+        return generalHelp;
+    }
+    if (topic == "level") {
+        return levelHelp;
+    }
+    if (topic == "measure") {
+        return measureHelp;
+    }
+    if (topic == "presets") {
+        return presetsHelp;
+    }
+    throw UsageError{"no help for \"" + topic + "\" (commands: level, measure, presets)"};
+}
+
+std::string presetsText() {
+    std::string text;
+    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+        char line[160];
+        std::snprintf(line, sizeof line, "%-24s %6.1f LUFS  %5.1f dBTP\n",
+                      preset.name.toStdString().c_str(), preset.loudness, preset.ceiling);
+        text += line;
+    }
+    return text;
+}
+
+} // namespace ostrand
