@@ -47,6 +47,10 @@ constexpr double truncationToleranceSeconds = 1.0;
 // to this long are filled.
 constexpr double durationSlackSeconds = 1.0;
 constexpr double maxBlindGapSeconds = 10.0;
+// A header can claim hours that the file does not hold (a damaged time base
+// spreads a few packets over days). Beyond the blind allowance, holes may
+// add up to this many times the audio the track really has.
+constexpr std::int64_t maxSilencePerSample = 10;
 
 // A decoded sample beyond +24 dBFS is damage, not sound: left as it is, it
 // would dominate the loudness and hold the limiter down for seconds.
@@ -90,6 +94,8 @@ struct Track {
     std::optional<std::int64_t> declaredStart;
     std::int64_t packets = 0;
     std::int64_t badPackets = 0;
+    std::int64_t decodedSamples = 0;
+    std::int64_t filledSamples = 0; // silence put into holes
 
     explicit Track(int channels)
         : queue(channels) {}
@@ -272,8 +278,9 @@ private:
         } else if (position) {
             const std::int64_t expected =
                 track.queueEnd() + swr_get_delay(track.resampler.get(), m_rate);
-            if (*position - expected > m_gapTolerance && isPlausible(track, *position)) {
-                fillGap(track, *position - expected);
+            const std::int64_t gap = *position - expected;
+            if (gap > m_gapTolerance && isPlausible(track, *position) && mayFill(track, gap)) {
+                fillGap(track, gap);
             }
         }
         const int room = swr_get_out_samples(track.resampler.get(), frame.nb_samples);
@@ -288,6 +295,7 @@ private:
             throw OstrandError::unreadable("cannot convert the audio: " + avErrorText(converted));
         }
         track.queue.commit(converted);
+        track.decodedSamples += converted;
     }
 
     // Whether a track can reach `position` in a file of the container's
@@ -304,9 +312,16 @@ private:
                std::llround(maxBlindGapSeconds * m_rate);
     }
 
+    bool mayFill(const Track& track, std::int64_t gap) const {
+        const std::int64_t allowance = std::max<std::int64_t>(
+            std::llround(maxBlindGapSeconds * m_rate), maxSilencePerSample * track.decodedSamples);
+        return track.filledSamples + gap <= allowance;
+    }
+
     // Silence a block at a time, handing out what is ready in between, so a
     // long hole never sits in memory at once.
     void fillGap(Track& track, std::int64_t samples) {
+        track.filledSamples += samples;
         while (samples > 0) {
             const std::int64_t n = std::min(samples, MixedAudioReader::blockSamples);
             track.queue.appendSilence(n);
@@ -412,17 +427,23 @@ private:
         return true;
     }
 
-    // True when every track either has samples up to `end`, is known not to
-    // start before it, or has fallen so far behind the others that it must
-    // be silent there.
+    // True when some track has samples up to `end` and every other either
+    // has them too, is known not to start before it, or has fallen so far
+    // behind the others that it must be silent there.
     bool haveSamplesUpTo(std::int64_t end) const {
+        // Time stamps alone never make silence: some track must really have
+        // the samples (a damaged stamp can put the clock days ahead).
+        const bool someHave =
+            std::any_of(m_tracks.begin(), m_tracks.end(), [&](const Track& track) {
+                return track.firstPosition && track.queueEnd() >= end;
+            });
         const bool lagging = m_clock - m_lagAllowance >= end;
-        return std::all_of(m_tracks.begin(), m_tracks.end(), [&](const Track& track) {
-            if (track.firstPosition) {
-                return track.queueEnd() >= end || lagging;
-            }
-            return (track.declaredStart && *track.declaredStart >= end) || lagging;
-        });
+        return someHave && std::all_of(m_tracks.begin(), m_tracks.end(), [&](const Track& track) {
+                   if (track.firstPosition) {
+                       return track.queueEnd() >= end || lagging;
+                   }
+                   return (track.declaredStart && *track.declaredStart >= end) || lagging;
+               });
     }
 
     std::int64_t streamEnd() const {

@@ -1,4 +1,5 @@
 #include "cli/Cli.h"
+#include "cli/CliConsole.h"
 
 #include "support/MediaFixtures.h"
 #include "support/TempDir.h"
@@ -8,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -32,10 +35,10 @@ struct CliRun {
     std::string err;
 };
 
-CliRun run(std::vector<std::string> args, std::function<bool()> interrupted = {}) {
+CliRun run(std::vector<std::string> args, std::function<bool()> interrupted = {},
+           CliEnvironment environment = {}) {
     std::ostringstream out;
     std::ostringstream err;
-    CliEnvironment environment;
     environment.interrupted = std::move(interrupted);
     const int status = runCli(args, out, err, environment);
     return {status, out.str(), err.str()};
@@ -153,7 +156,7 @@ TEST(CliTest, MeasureReportsTheMixedStream) {
 TEST(CliTest, InterruptStopsAndLeavesNothing) {
     const test::TempDir dir;
     const fs::path source = test::noiseFile(dir / "talk.wav", 48000, "stereo", 10.0);
-    int polls = 0;
+    std::atomic<int> polls = 0; // polled from several threads
     const CliRun r = run({"level", source.string(), source.string()}, [&] { return ++polls > 20; });
     EXPECT_EQ(r.status, exitInterrupted);
     EXPECT_NE(r.err.find("Cancelled."), std::string::npos) << r.err;
@@ -232,6 +235,251 @@ TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
     EXPECT_EQ(WEXITSTATUS(status), 143);
     EXPECT_EQ(fileBytes(output), "an earlier take");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 2);
+}
+
+// A season's folder: episodes in folders, a text file, a hidden file, and
+// the outputs of an earlier run.
+struct Season {
+    Season() {
+        fs::create_directories(dir / "season/ep2");
+        fs::create_directories(dir / "season/.cache");
+        test::noiseFile(dir / "season/ep1.wav", 48000, "mono", 1.0);
+        test::noiseFile(dir / "season/ep2/ep2.mp3", 48000, "mono", 1.0);
+        test::noiseFile(dir / "season/.cache/hidden.wav", 48000, "mono", 1.0);
+        test::noiseFile(dir / "season/ep0 leveled 2.wav", 48000, "mono", 1.0);
+        test::textFile(dir / "season/notes.txt");
+    }
+    std::string at(const char* path) const { return (dir / path).string(); }
+    // The files an output folder holds, by name.
+    std::vector<std::string> outputs() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(dir / "out")) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    test::TempDir dir;
+};
+
+struct InputCase {
+    const char* name;
+    std::vector<std::string> args; // "@x" stands for the season's path x
+    std::string standardInput;     // "@x" likewise, one a line
+    int status;
+    std::vector<std::string> outputs;
+    const char* message = "";
+};
+
+class CliInputs : public testing::TestWithParam<InputCase> {};
+
+// Folders, lists and standard input all feed the same batch; leveled files
+// are skipped unless asked for, and only media files are taken from folders.
+TEST_P(CliInputs, TakeTheFilesTheyName) {
+    const Season season;
+    const InputCase& c = GetParam();
+    const auto expand = [&](std::string text) {
+        for (std::size_t at; (at = text.find('@')) != std::string::npos;) {
+            const auto end = text.find_first_of("\n", at);
+            const std::string path = text.substr(at + 1, end - at - 1);
+            text.replace(at, end - at, season.at(path.c_str()));
+        }
+        return text;
+    };
+    std::vector<std::string> args{"level", "-j", "2", "--output-dir", season.at("out")};
+    for (const std::string& arg : c.args) {
+        args.push_back(expand(arg));
+    }
+    if (std::find(c.args.begin(), c.args.end(), "--input-list") != c.args.end()) {
+        test::textFile(season.dir / "list.txt", expand("@season/ep1.wav\n@season/ep2/ep2.mp3\n"));
+    }
+    std::string standardInput = expand(c.standardInput);
+    if (std::find(c.args.begin(), c.args.end(), "-0") != c.args.end()) {
+        std::replace(standardInput.begin(), standardInput.end(), '\n', '\0');
+    }
+    std::istringstream in(standardInput);
+    CliEnvironment environment;
+    environment.input = &in;
+    const CliRun r = run(args, {}, environment);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    if (c.status != exitUsage) {
+        EXPECT_EQ(season.outputs(), c.outputs);
+    }
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Batch, CliInputs,
+    testing::Values(InputCase{"FolderNeedsRecursive", {"@season"}, "", exitUsage, {}, "add -r"},
+                    InputCase{"Recursive",
+                              {"-r", "@season"},
+                              "",
+                              exitSuccess,
+                              {"ep1 leveled.wav", "ep2 leveled.m4a"},
+                              "ep0 leveled 2.wav: skipped, a leveled file"},
+                    InputCase{"IncludeLeveled",
+                              {"-r", "--include-leveled", "@season"},
+                              "",
+                              exitSuccess,
+                              {"ep0 leveled 2 leveled.wav", "ep1 leveled.wav", "ep2 leveled.m4a"},
+                              "3 leveled, 0 skipped, 0 failed"},
+                    InputCase{"InputList",
+                              {"--input-list", "@list.txt"},
+                              "",
+                              exitSuccess,
+                              {"ep1 leveled.wav", "ep2 leveled.m4a"}},
+                    InputCase{"StandardInput",
+                              {"-"},
+                              "@season/ep1.wav\n@season/notes.txt\n",
+                              exitFailure,
+                              {"ep1 leveled.wav"},
+                              "1 leveled, 0 skipped, 1 failed"},
+                    InputCase{"NulSeparated",
+                              {"-0", "-"},
+                              "@season/ep1.wav\n@season/ep2/ep2.mp3\n",
+                              exitSuccess,
+                              {"ep1 leveled.wav", "ep2 leveled.m4a"}},
+                    InputCase{"SameFileTwice",
+                              {"@season/ep1.wav", "@season/../season/ep1.wav"},
+                              "",
+                              exitSuccess,
+                              {"ep1 leveled.wav"}}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+struct PolicyCase {
+    const char* name;
+    std::vector<std::string> args;
+    int status;
+    std::vector<std::string> outputs;
+    const char* takeContent; // what "take.wav" holds afterwards
+    const char* said = "";   // on standard output or error
+};
+
+class CliOutputPolicy : public testing::TestWithParam<PolicyCase> {};
+
+// An existing file is replaced only when asked; a dry run writes nothing.
+TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
+    const test::TempDir dir;
+    const PolicyCase& c = GetParam();
+    const fs::path source = test::noiseFile(dir / "talk.wav", 48000, "mono", 1.0);
+    fs::create_directory(dir / "out");
+    test::textFile(dir / "out/talk leveled.wav", "earlier");
+    test::textFile(dir / "out/take.wav", "earlier");
+    std::vector<std::string> args{"level"};
+    for (const std::string& arg : c.args) {
+        args.push_back(arg == "@out"    ? (dir / "out").string()
+                       : arg == "@take" ? (dir / "out/take.wav").string()
+                                        : arg);
+    }
+    args.push_back(source.string());
+    const CliRun r = run(args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir / "out")) {
+        names.push_back(entry.path().filename().string() +
+                        (fileBytes(entry.path()) == "earlier" ? " (earlier)" : ""));
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, c.outputs);
+    EXPECT_NE((r.out + r.err).find(c.said), std::string::npos) << r.out << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Batch, CliOutputPolicy,
+    testing::Values(PolicyCase{"NumbersByDefault",
+                               {"--output-dir", "@out"},
+                               exitSuccess,
+                               {"take.wav (earlier)", "talk leveled 2.wav",
+                                "talk leveled.wav (earlier)"},
+                               ""},
+                    PolicyCase{"ForceReplaces",
+                               {"-f", "--output-dir", "@out"},
+                               exitSuccess,
+                               {"take.wav (earlier)", "talk leveled.wav"},
+                               ""},
+                    PolicyCase{"SkipExisting",
+                               {"--skip-existing", "--output-dir", "@out"},
+                               exitSuccess,
+                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                               "skipped, talk leveled.wav exists"},
+                    PolicyCase{"OutputRefusesAnExistingFile",
+                               {"--output", "@take"},
+                               exitFailure,
+                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                               "take.wav exists; add --force"},
+                    PolicyCase{"OutputForced",
+                               {"--output", "@take", "--force"},
+                               exitSuccess,
+                               {"take.wav", "talk leveled.wav (earlier)"},
+                               ""},
+                    PolicyCase{"DryRun",
+                               {"-n", "--output-dir", "@out"},
+                               exitSuccess,
+                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                               "talk leveled 2.wav"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+// Options as a well-kept parser takes them.
+TEST(CliTest, ParsesLikeAWellKeptTool) {
+    const test::TempDir dir;
+    const fs::path source = test::noiseFile(dir / "talk.wav", 48000, "mono", 1.0);
+    // An unambiguous abbreviation, a number with "+", and compacted short options.
+    const CliRun ok =
+        run({"level", "--output-d", (dir / "o").string(), "-qj", "+2", source.string()});
+    EXPECT_EQ(ok.status, exitSuccess) << ok.err;
+    EXPECT_TRUE(fs::exists(dir / "o/talk leveled.wav"));
+    EXPECT_EQ(ok.out + ok.err, ""); // quiet
+    for (const auto& [args, message] :
+         std::vector<std::pair<std::vector<std::string>, const char*>>{
+             {{"level", "--out", "x.wav", "a.wav"}, "--out is ambiguous"},
+             {{"level", "--mono=yes", "a.wav"}, "--mono takes no value"},
+             {{"level", "-j", "0", "a.wav"}, "--jobs must lie between"},
+             {{"level", "-j", "1.5", "a.wav"}, "whole number"},
+             {{"level", "-q", "-v", "a.wav"}, "exclude each other"},
+             {{"help", "squash"}, "no help for"}}) {
+        const CliRun r = run(args);
+        EXPECT_EQ(r.status, exitUsage) << message;
+        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+    }
+    EXPECT_NE(run({"help", "level"}).out.find("--skip-existing"), std::string::npos);
+    EXPECT_NE(run({"presets"}).out.find("Broadcast (EBU R128)      -23.0 LUFS"), std::string::npos);
+    const CliRun verbose =
+        run({"level", "-v", "--output-dir", (dir / "v").string(), source.string()});
+    EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
+}
+
+// The progress line names the batch's place and fits the terminal.
+TEST(CliTest, ProgressFitsTheTerminal) {
+    const test::TempDir dir;
+    std::vector<std::string> args{"level", "-j", "2"};
+    for (const char* name : {"a-long-file-name.wav", "another-long-file-name.wav"}) {
+        args.push_back(test::noiseFile(dir / name, 48000, "stereo", 3.0).string());
+    }
+    CliEnvironment environment;
+    environment.progressBar = true;
+    environment.terminalWidth = [] { return 40; };
+    const CliRun r = run(args, {}, environment);
+    ASSERT_EQ(r.status, exitSuccess) << r.err;
+    std::size_t drawn = 0;
+    for (std::size_t at = 0; (at = r.err.find("\r\033[K[", at)) != std::string::npos; ++at) {
+        const std::string line = r.err.substr(at + 4, r.err.find('\r', at + 1) - at - 4);
+        EXPECT_LE(fitToColumns(line, 1000).size(), fitToColumns(line, 39).size()) << line;
+        EXPECT_NE(line.find(" of 2]"), std::string::npos) << line;
+        ++drawn;
+    }
+    EXPECT_GT(drawn, 2u);
+}
+
+// Reports that cannot be written end the run with a message, not silently.
+TEST(CliTest, AFailedWriteToStandardOutputIsAnError) {
+    const test::TempDir dir;
+    const fs::path source = test::noiseFile(dir / "talk.wav", 48000, "mono", 1.0);
+    std::ostream closed(nullptr); // every write fails
+    std::ostringstream err;
+    const int status = runCli(std::vector<std::string>{"level", "--json", source.string()}, closed,
+                              err, CliEnvironment{});
+    EXPECT_EQ(status, exitFailure);
+    EXPECT_NE(err.str().find("cannot write to standard output"), std::string::npos) << err.str();
 }
 
 } // namespace

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -323,7 +325,7 @@ TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     textFile(dir / "out/leveled.wav", "an earlier sidecar");
     const fs::path source = c.source(dir);
     const auto before = listing(dir.path());
-    int reports = 0;
+    std::atomic<int> reports = 0; // the cancel check is polled from the reader's thread too
     const Options options{.sidecar = dir / "out/leveled.wav",
                           .progress = [&](auto p) { reports += p.phase == c.cancelIn; },
                           .cancelled = [&] { return reports >= 2; }};

@@ -247,6 +247,17 @@ INSTANTIATE_TEST_SUITE_P(Damaged, TimestampJumpTest,
                                            JumpCase{"OneDay", 86400.0}),
                          byName);
 
+// A header that spreads a few seconds over a day claims a long file, and the
+// holes fit inside it; they are still not hours of silence.
+TEST(SafetyTest, HolesDoNotOutgrowTheSound) {
+    const TempDir dir;
+    const fs::path source = spreadOut(dir / "spread.mka", 3.0, 3600.0);
+    const LevelingReport report = level(source, dir / "out.mka");
+    EXPECT_GT(report.duration, 24 * 3600.0); // what the header claims
+    EXPECT_NEAR(static_cast<double>(decodeAudio(report.outputURL).frames()), 3.0 * 48000,
+                0.2 * 48000);
+}
+
 struct SampleCase {
     const char* name;
     float value;

@@ -195,6 +195,14 @@ fs::path truncatedCopy(const fs::path& source, const fs::path& path, double keep
     return path;
 }
 
+fs::path spreadOut(const fs::path& path, double seconds, double gapSeconds) {
+    run(ffmpeg + " -f lavfi -i sine=sample_rate=48000:d=" + std::to_string(seconds) + " -af " +
+        quote("asetnsamples=n=4800,asetpts=PTS+floor(N/4800)*" + std::to_string(gapSeconds) +
+              "/TB") +
+        " -c:a aac " + quote(path));
+    return path;
+}
+
 fs::path floatWav(const fs::path& path, const PlanarAudio& audio) {
     writeFloatWav(path, audio);
     return path;

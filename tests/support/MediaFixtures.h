@@ -60,6 +60,10 @@ std::filesystem::path textFile(const std::filesystem::path& path,
 // The first `keepFraction` of the bytes of `source`.
 std::filesystem::path truncatedCopy(const std::filesystem::path& source,
                                     const std::filesystem::path& path, double keepFraction);
+// AAC in Matroska whose blocks of 0.1 s lie `gapSeconds` apart, a header
+// then claiming hours for a few seconds of sound.
+std::filesystem::path spreadOut(const std::filesystem::path& path, double seconds,
+                                double gapSeconds);
 // 32-bit float WAV, no rounding.
 std::filesystem::path floatWav(const std::filesystem::path& path, const PlanarAudio& audio);
 
