@@ -706,7 +706,9 @@ private:
                     return;
                 }
                 check(read, "cannot pass video through");
-                if (m_outputStreamOf[static_cast<std::size_t>(m_copyPacket->stream_index)] < 0) {
+                // Streams that appear mid-file (MPEG-TS) were not chosen.
+                const auto stream = static_cast<std::size_t>(m_copyPacket->stream_index);
+                if (stream >= m_outputStreamOf.size() || m_outputStreamOf[stream] < 0) {
                     av_packet_unref(m_copyPacket.get());
                     continue;
                 }

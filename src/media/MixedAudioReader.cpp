@@ -164,7 +164,10 @@ public:
                 throw OstrandError::unreadable("the file is damaged or cut short (" +
                                                avErrorText(read) + ")");
             }
-            const int index = m_trackOfStream[static_cast<std::size_t>(m_packet->stream_index)];
+            // A transport stream can reveal new streams mid-file; they are
+            // none of ours.
+            const auto stream = static_cast<std::size_t>(m_packet->stream_index);
+            const int index = stream < m_trackOfStream.size() ? m_trackOfStream[stream] : -1;
             if (index >= 0) {
                 Track& track = m_tracks[static_cast<std::size_t>(index)];
                 advanceClock(track, *m_packet);

@@ -218,6 +218,35 @@ void shiftTsTimestamp(const fs::path& path, double seconds) {
     throw std::runtime_error("no audio packet");
 }
 
+// Moves the audio packets of the second half of an MPEG-TS file to a new
+// PID, which the demuxer takes for a stream appearing mid-file.
+void moveSecondHalfOfAudio(const fs::path& path) {
+    std::string bytes = contents(path);
+    const std::size_t packets = bytes.size() / 188;
+    for (std::size_t i = packets / 2; i < packets; ++i) {
+        auto* p = reinterpret_cast<unsigned char*>(bytes.data() + i * 188);
+        if (p[0] == 0x47 && (((p[1] & 0x1F) << 8) | p[2]) == 0x101) {
+            p[1] = static_cast<unsigned char>((p[1] & 0xE0) | 0x11); // PID 0x1101
+        }
+    }
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// A stream the file did not declare at the start is none of ours: it is
+// neither read as audio nor copied, and nothing reads past its tables.
+TEST(SafetyTest, StreamsAppearingMidFileAreLeftOut) {
+    const TempDir dir;
+    const fs::path source =
+        makeMedia(dir / "clip.ts", {.video = {{.seconds = 4.0}}, .audio = {{.seconds = 4.0}}});
+    moveSecondHalfOfAudio(source);
+    ASSERT_EQ(probeMedia(source).streams.size(), 3u); // the fixture holds the new stream
+    try {
+        level(source, dir / "out.ts");
+    } catch (const OstrandError& error) {
+        EXPECT_THAT(error.what(), ::testing::HasSubstr("cut short"));
+    }
+}
+
 struct JumpCase {
     const char* name;
     double seconds;
