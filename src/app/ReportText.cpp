@@ -21,4 +21,13 @@ QString detailLine(const LevelingReport& report) {
            QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
 }
 
+QString detail(const LevelingReport& report) {
+    QString text = detailLine(report);
+    if (report.audioSidecarURL) {
+        text += QStringLiteral(" + ") + QFile::decodeName(QByteArray::fromStdString(
+                                            report.audioSidecarURL->filename().string()));
+    }
+    return text;
+}
+
 } // namespace ostrand::ReportText

@@ -17,4 +17,8 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
 // "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov"
 QString detailLine(const LevelingReport& report);
 
+// The detail line followed by " + " and the WAV sidecar's name when there is
+// one: the job row's second line.
+QString detail(const LevelingReport& report);
+
 } // namespace ostrand::ReportText
