@@ -75,6 +75,8 @@ public:
     bool hasFinished() const { return m_hasFinished; }
     OstrandSettings& settings() const { return m_settings; }
     OutputDestination& destination() const { return *m_destination; }
+    // Null when the queue was made without one.
+    FileRevealer* revealer() const { return m_services.revealer; }
     // The desktop shell installs its panels here once its windows exist.
     void setPanels(DestinationPanels* panels) { m_destination->setPanels(panels); }
 
