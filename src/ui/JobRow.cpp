@@ -7,7 +7,6 @@
 #include "app/JobQueue.h"
 #include "app/ReportText.h"
 
-#include <QFileIconProvider>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -28,8 +27,10 @@ QIcon fileIcon(const QUrl& source) {
     const QFileInfo info(source.toLocalFile());
     const QMimeType type =
         QMimeDatabase().mimeTypeForFile(info.fileName(), QMimeDatabase::MatchExtension);
-    QIcon icon = QIcon::fromTheme(type.iconName(), QIcon::fromTheme(type.genericIconName()));
-    return icon.isNull() ? QFileIconProvider().icon(info) : icon;
+    const QString generic = type.name().startsWith(QLatin1String("video/"))
+                                ? QStringLiteral("video-x-generic")
+                                : QStringLiteral("audio-x-generic");
+    return QIcon::fromTheme(type.iconName(), Look::icon(generic));
 }
 
 // Symbol sizes of the title-3 and title-2 text styles.

@@ -53,8 +53,14 @@ OstrandApp::OstrandApp(JobQueue& queue, OstrandSettings& settings, QObject* pare
     connect(m_mainWindow.get(), &MainWindow::quitRequested, this, &OstrandApp::quitRequested);
 
     // Work arriving brings the main window back.
-    connect(&queue, &JobQueue::jobsAdded, this, [this] { showMainWindow(); });
-    connect(&queue, &JobQueue::isProcessingChanged, this, &OstrandApp::queueProgressed);
+    connect(&queue, &JobQueue::jobsAdded, this, [this](int first, int last) {
+        for (int row = first; row <= last; ++row) {
+            connect(m_queue.jobs().at(row), &LevelingJob::stateChanged, this,
+                    &OstrandApp::queueProgressed);
+        }
+        showMainWindow();
+    });
+    connect(&queue, &JobQueue::jobRemoved, this, &OstrandApp::queueProgressed);
 }
 
 OstrandApp::~OstrandApp() {

@@ -18,6 +18,7 @@
 #include <QRadioButton>
 #include <QSignalBlocker>
 #include <QSlider>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -135,16 +136,20 @@ QWidget* SettingsWindow::loudnessSection() {
     auto* presets = new QWidget(box);
     auto* presetRow = new QHBoxLayout(presets);
     presetRow->setContentsMargins(0, 0, 0, 0);
-    presetRow->setSpacing(6);
+    presetRow->setSpacing(4);
     for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-        auto* button = new QPushButton(preset.name, presets);
+        auto* button = new QToolButton(presets);
+        button->setText(preset.name);
         button->setObjectName(preset.name);
         button->setFont(Look::font(Look::Text::caption));
-        connect(button, &QPushButton::clicked, this, [this, preset] { m_settings.apply(preset); });
+        connect(button, &QToolButton::clicked, this, [this, preset] { m_settings.apply(preset); });
         presetRow->addWidget(button);
     }
     presetRow->addStretch(1);
-    form->addRow(QStringLiteral("Presets"), presets);
+    // The four buttons need the whole width: the row carries its own label.
+    presetRow->insertWidget(0, new QLabel(QStringLiteral("Presets"), presets));
+    presetRow->insertSpacing(1, 8);
+    form->addRow(presets);
     form->addRow(caption(QStringLiteral("Leveling is a slow, look-ahead gain ride that keeps "
                                         "speech at a steady level without pumping noise in "
                                         "pauses, followed by a true-peak limiter. Nothing else "
