@@ -5,7 +5,8 @@
 namespace ostrand {
 
 JobListModel::JobListModel(JobQueue& queue, QObject* parent)
-    : QAbstractListModel(parent), m_queue(queue) {
+    : QAbstractListModel(parent)
+    , m_queue(queue) {
     connect(&queue, &JobQueue::jobsAboutToBeAdded, this,
             [this](int first, int last) { beginInsertRows({}, first, last); });
     connect(&queue, &JobQueue::jobsAdded, this, [this](int first, int last) {

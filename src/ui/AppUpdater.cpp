@@ -2,7 +2,8 @@
 
 namespace ostrand {
 
-AppUpdater::AppUpdater(QObject* parent) : QObject(parent) {}
+AppUpdater::AppUpdater(QObject* parent)
+    : QObject(parent) {}
 
 void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
     if (m_automaticallyChecks == checks) {

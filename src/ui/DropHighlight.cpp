@@ -6,7 +6,8 @@
 
 namespace ostrand {
 
-DropHighlight::DropHighlight(QWidget* parent) : QWidget(parent) {
+DropHighlight::DropHighlight(QWidget* parent)
+    : QWidget(parent) {
     setObjectName(QStringLiteral("dropHighlight"));
     setAttribute(Qt::WA_TransparentForMouseEvents);
     setAttribute(Qt::WA_NoSystemBackground);

@@ -2,7 +2,8 @@
 
 namespace ostrand {
 
-ElidedLabel::ElidedLabel(QWidget* parent) : QLabel(parent) {
+ElidedLabel::ElidedLabel(QWidget* parent)
+    : QLabel(parent) {
     setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
     setTextFormat(Qt::PlainText);
 }

@@ -20,7 +20,9 @@ namespace {
 // heights and paints the selection beneath them.
 class RowDelegate : public QStyledItemDelegate {
 public:
-    explicit RowDelegate(QListView* view) : QStyledItemDelegate(view), m_view(view) {}
+    explicit RowDelegate(QListView* view)
+        : QStyledItemDelegate(view)
+        , m_view(view) {}
 
     QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override {
         QWidget* row = m_view->indexWidget(index);

@@ -46,8 +46,8 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
     , m_welcome(new WelcomePanel(m_stack))
     , m_jobList(new JobList(queue, *m_model, revealer, m_stack))
     , m_highlight(nullptr)
-    , m_openAction(new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("Open\u2026"),
-                               this))
+    , m_openAction(
+          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("Open\u2026"), this))
     , m_clearAction(new QAction(Look::icon(QStringLiteral("edit-clear")),
                                 QStringLiteral("Clear Finished"), this)) {
     setObjectName(QStringLiteral("main"));

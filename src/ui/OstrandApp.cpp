@@ -145,11 +145,11 @@ QString OstrandApp::departureSummary() const {
 
 void OstrandApp::showAbout() {
     auto* box = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Ostrand"),
-                                QStringLiteral("Ostrand ") + AppInfo::version(),
-                                QMessageBox::Ok, m_mainWindow.get());
-    box->setInformativeText(QStringLiteral(
-        "Levels the loudness of speech in audio and video files.\nVersion %1 (%2)")
-                                .arg(AppInfo::version(), AppInfo::buildNumber()));
+                                QStringLiteral("Ostrand ") + AppInfo::version(), QMessageBox::Ok,
+                                m_mainWindow.get());
+    box->setInformativeText(
+        QStringLiteral("Levels the loudness of speech in audio and video files.\nVersion %1 (%2)")
+            .arg(AppInfo::version(), AppInfo::buildNumber()));
     box->setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
@@ -161,8 +161,8 @@ int runDesktopApp(int argc, char** argv) {
     QApplication::setApplicationName(QStringLiteral("Ostrand"));
     QApplication::setApplicationVersion(AppInfo::version());
     QApplication::setDesktopFileName(QStringLiteral("ostrand"));
-    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("ostrand"),
-                                                 QIcon(QStringLiteral(":/icons/ostrand.svg"))));
+    QApplication::setWindowIcon(
+        QIcon::fromTheme(QStringLiteral("ostrand"), QIcon(QStringLiteral(":/icons/ostrand.svg"))));
     // The shell's own rule decides when closing a window ends the program.
     QApplication::setQuitOnLastWindowClosed(false);
 

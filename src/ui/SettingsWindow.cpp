@@ -177,16 +177,15 @@ QWidget* SettingsWindow::audioSection() {
         segmentRow->addWidget(segment);
     }
     segmentRow->addStretch(1);
-    connect(m_channels, &QButtonGroup::idClicked, this, [this](int id) {
-        m_settings.setOutputChannels(static_cast<OutputChannels>(id));
-    });
+    connect(m_channels, &QButtonGroup::idClicked, this,
+            [this](int id) { m_settings.setOutputChannels(static_cast<OutputChannels>(id)); });
     form->addRow(QStringLiteral("Channels"), segments);
     m_channelsCaption = caption({}, box);
     m_channelsCaption->setObjectName(QStringLiteral("channelsCaption"));
     form->addRow(m_channelsCaption);
 
-    m_wav = new QCheckBox(QStringLiteral("Also save a WAV of the leveled audio for video files"),
-                          box);
+    m_wav =
+        new QCheckBox(QStringLiteral("Also save a WAV of the leveled audio for video files"), box);
     m_wav->setObjectName(QStringLiteral("exportWAVWithVideo"));
     connect(m_wav, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setExportWAVWithVideo(on); });
@@ -208,9 +207,10 @@ QWidget* SettingsWindow::saveLocationSection() {
     radioColumn->setContentsMargins(0, 0, 0, 0);
     m_saveMode = new QButtonGroup(box);
     for (SaveMode mode : allSaveModes) {
-        const QString title = mode == SaveMode::nextToOriginal ? QStringLiteral("Next to the original")
-                              : mode == SaveMode::askEveryTime ? QStringLiteral("Ask every time")
-                                                               : QStringLiteral("Always use a folder");
+        const QString title =
+            mode == SaveMode::nextToOriginal ? QStringLiteral("Next to the original")
+            : mode == SaveMode::askEveryTime ? QStringLiteral("Ask every time")
+                                             : QStringLiteral("Always use a folder");
         auto* radio = new QRadioButton(title, radios);
         radio->setObjectName(rawValue(mode));
         m_saveMode->addButton(radio, static_cast<int>(mode));
@@ -260,8 +260,8 @@ QWidget* SettingsWindow::updatesSection() {
 }
 
 void SettingsWindow::chooseFolder() {
-    auto* dialog =
-        new QFileDialog(this, QStringLiteral("Choose the folder where leveled files should be saved."));
+    auto* dialog = new QFileDialog(
+        this, QStringLiteral("Choose the folder where leveled files should be saved."));
     dialog->setObjectName(QStringLiteral("folderPanel"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::Directory);
@@ -274,8 +274,8 @@ void SettingsWindow::chooseFolder() {
 
 void SettingsWindow::refresh() {
     // Controls follow the settings without writing them back.
-    const QList<QObject*> controls{m_target, m_ceiling, m_channels, m_wav,
-                                   m_saveMode, m_reveal, m_autoCheck};
+    const QList<QObject*> controls{m_target,   m_ceiling, m_channels, m_wav,
+                                   m_saveMode, m_reveal,  m_autoCheck};
     std::vector<std::unique_ptr<QSignalBlocker>> blockers;
     for (QObject* control : controls) {
         blockers.push_back(std::make_unique<QSignalBlocker>(control));

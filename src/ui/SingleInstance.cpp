@@ -17,7 +17,8 @@ constexpr char acknowledgement[] = "ok\n";
 
 } // namespace
 
-SingleInstance::SingleInstance(const QString& name, QObject* parent) : QObject(parent) {
+SingleInstance::SingleInstance(const QString& name, QObject* parent)
+    : QObject(parent) {
     QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
     if (folder.isEmpty()) {
         folder = QDir::tempPath();

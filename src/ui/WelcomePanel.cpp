@@ -14,7 +14,8 @@ constexpr int symbolPointSize = 56;
 
 } // namespace
 
-WelcomePanel::WelcomePanel(QWidget* parent) : QWidget(parent) {
+WelcomePanel::WelcomePanel(QWidget* parent)
+    : QWidget(parent) {
     setObjectName(QStringLiteral("welcome"));
 
     auto* symbol = new QLabel(this);
@@ -26,9 +27,10 @@ WelcomePanel::WelcomePanel(QWidget* parent) : QWidget(parent) {
     title->setObjectName(QStringLiteral("title"));
     Look::style(title, Look::Text::title2, Look::Tone::primary, QFont::DemiBold);
 
-    auto* text = new QLabel(QStringLiteral("The audio is auto-leveled and saved as a new file ending "
-                                           "in \u201cleveled\u201d.\nVideo stays untouched."),
-                            this);
+    auto* text =
+        new QLabel(QStringLiteral("The audio is auto-leveled and saved as a new file ending "
+                                  "in \u201cleveled\u201d.\nVideo stays untouched."),
+                   this);
     text->setObjectName(QStringLiteral("text"));
     text->setAlignment(Qt::AlignCenter);
     text->setWordWrap(true);
@@ -40,7 +42,8 @@ WelcomePanel::WelcomePanel(QWidget* parent) : QWidget(parent) {
     choose->setMinimumHeight(choose->sizeHint().height() + 6);
     connect(choose, &QPushButton::clicked, this, &WelcomePanel::chooseFilesRequested);
 
-    auto* formats = new QLabel(QStringLiteral("MP4 \u00b7 MOV \u00b7 WAV \u00b7 M4A \u00b7 MP3 \u00b7 AIFF"), this);
+    auto* formats = new QLabel(
+        QStringLiteral("MP4 \u00b7 MOV \u00b7 WAV \u00b7 M4A \u00b7 MP3 \u00b7 AIFF"), this);
     formats->setObjectName(QStringLiteral("formats"));
     Look::style(formats, Look::Text::caption, Look::Tone::tertiary);
 

@@ -1,5 +1,5 @@
-#include "AppTestSupport.h"
 #include "app/JobListModel.h"
+#include "AppTestSupport.h"
 #include "app/ReportText.h"
 
 #include <QAbstractItemModelTester>
@@ -37,9 +37,10 @@ private slots:
         m_settings = std::make_unique<TestSettings>();
         m_settings->settings.setSaveMode(SaveMode::askEveryTime);
         m_queue = std::make_unique<JobQueue>(
-            m_settings->settings,
-            JobQueue::Services{[](auto&&...) -> LevelingReport { throw std::logic_error("unused"); },
-                               nullptr, nullptr, &m_panels});
+            m_settings->settings, JobQueue::Services{[](auto&&...) -> LevelingReport {
+                                                         throw std::logic_error("unused");
+                                                     },
+                                                     nullptr, nullptr, &m_panels});
         m_model = std::make_unique<JobListModel>(*m_queue);
         m_tester = std::make_unique<QAbstractItemModelTester>(
             m_model.get(), QAbstractItemModelTester::FailureReportingMode::QtTest);
@@ -118,7 +119,8 @@ private slots:
         QTest::addColumn<bool>("sidecar");
         QTest::addColumn<QString>("expected");
         QTest::newRow("audio only")
-            << false << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a");
+            << false
+            << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a");
         QTest::newRow("video with sidecar")
             << true
             << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a + "

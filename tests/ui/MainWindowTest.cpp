@@ -1,10 +1,10 @@
+#include "ui/MainWindow.h"
 #include "UiTestSupport.h"
 #include "ui/AppUpdater.h"
 #include "ui/DropHighlight.h"
 #include "ui/ElidedLabel.h"
 #include "ui/JobList.h"
 #include "ui/JobRow.h"
-#include "ui/MainWindow.h"
 #include "ui/WelcomePanel.h"
 
 #include <QAction>
@@ -60,8 +60,8 @@ private slots:
         QTest::addColumn<QStringList>("queued");
         QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
                                               << true << QStringList{"talk.wav"};
-        QTest::newRow("only unsupported") << QStringList{"folder.wav", "notes.txt"} << false
-                                          << QStringList{};
+        QTest::newRow("only unsupported")
+            << QStringList{"folder.wav", "notes.txt"} << false << QStringList{};
         QTest::newRow("no extension") << QStringList{"recording"} << false << QStringList{};
         QTest::newRow("video and audio in order")
             << QStringList{"b.mov", "a.mp3"} << true << QStringList{"b.mov", "a.mp3"};
@@ -165,17 +165,23 @@ private slots:
         QTest::addColumn<bool>("progress");
         QTest::addColumn<QString>("detail");
         // Rows of fillWithEveryState.
-        QTest::newRow("running") << 0 << "process-stop" << "Cancel" << true << QString();
-        QTest::newRow("waiting") << 1 << "process-stop" << "Cancel" << false << QString();
+        QTest::newRow("running") << 0 << "process-stop"
+                                 << "Cancel" << true << QString();
+        QTest::newRow("waiting") << 1 << "process-stop"
+                                 << "Cancel" << false << QString();
         QTest::newRow("finished audio")
-            << 2 << "folder-open" << "Show in File Manager" << false
+            << 2 << "folder-open"
+            << "Show in File Manager" << false
             << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 talk leveled.m4a");
         QTest::newRow("finished video with sidecar")
-            << 3 << "folder-open" << "Show in File Manager" << false
+            << 3 << "folder-open"
+            << "Show in File Manager" << false
             << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
                               "leveled.mov + interview leveled.wav");
-        QTest::newRow("failed") << 4 << "edit-delete" << "Remove" << false << QString();
-        QTest::newRow("cancelled") << 5 << "edit-delete" << "Remove" << false << QString();
+        QTest::newRow("failed") << 4 << "edit-delete"
+                                << "Remove" << false << QString();
+        QTest::newRow("cancelled") << 5 << "edit-delete"
+                                   << "Remove" << false << QString();
     }
     void rowsShowTheirStateAndControl() {
         QFETCH(int, row);
@@ -206,9 +212,9 @@ private slots:
         const JobState::Kind kind = job.state().kind;
         const QUrl source = job.sourceURL();
         QTest::mouseClick(control, Qt::LeftButton);
-        const bool listed = std::any_of(
-            m_fixture->queue.jobs().begin(), m_fixture->queue.jobs().end(),
-            [&source](const LevelingJob* j) { return j->sourceURL() == source; });
+        const bool listed =
+            std::any_of(m_fixture->queue.jobs().begin(), m_fixture->queue.jobs().end(),
+                        [&source](const LevelingJob* j) { return j->sourceURL() == source; });
         switch (kind) {
         case JobState::Kind::waiting:
             QVERIFY(listed);
@@ -257,7 +263,8 @@ private slots:
                                             "on until it cannot fit any row at all.wav");
         m_fixture->queue.add({QueueFixture::file(name)});
         QApplication::processEvents();
-        auto* label = m_window->jobList()->rowAt(0)->findChild<ElidedLabel*>(QStringLiteral("name"));
+        auto* label =
+            m_window->jobList()->rowAt(0)->findChild<ElidedLabel*>(QStringLiteral("name"));
         QCOMPARE(label->fullText(), name);
         QVERIFY(label->text().contains(QChar(0x2026)));
         QVERIFY(label->text().startsWith(QStringLiteral("a very")));
@@ -293,9 +300,10 @@ private slots:
         fillWithEveryState(m_fixture->queue);
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*m_fixture->queue.jobs().at(3)));
         menu->actions().constFirst()->trigger();
-        QCOMPARE(m_fixture->revealer.revealed,
-                 (QList<QList<QUrl>>{{QueueFixture::file(QStringLiteral("interview leveled.mov")),
-                                      QueueFixture::file(QStringLiteral("interview leveled.wav"))}}));
+        QCOMPARE(
+            m_fixture->revealer.revealed,
+            (QList<QList<QUrl>>{{QueueFixture::file(QStringLiteral("interview leveled.mov")),
+                                 QueueFixture::file(QStringLiteral("interview leveled.wav"))}}));
     }
 
     void deleteCancelsOrRemovesTheSelectedJob() {

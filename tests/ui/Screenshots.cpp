@@ -1,11 +1,11 @@
 // Renders the windows in each of their states to PNG files for looking at:
 // ostrand_screenshots OUTPUT_FOLDER. Meant to run under Xvfb.
 #include "UiTestSupport.h"
+#include "ui/AppUpdater.h"
 #include "ui/DropHighlight.h"
 #include "ui/JobList.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
-#include "ui/AppUpdater.h"
 
 #include <QApplication>
 #include <QListView>
@@ -74,8 +74,7 @@ int main(int argc, char** argv) {
             view->setCurrentIndex(index);
             const QRect item = view->visualRect(index);
             const QPoint at = view->viewport()->mapToGlobal(item.center());
-            std::unique_ptr<QMenu> menu(
-                window.contextMenu(*fixture.queue.jobs().at(row), &window));
+            std::unique_ptr<QMenu> menu(window.contextMenu(*fixture.queue.jobs().at(row), &window));
             menu->popup(at);
             settle();
             const QRect area = window.frameGeometry().united(menu->geometry());

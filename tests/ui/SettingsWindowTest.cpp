@@ -1,8 +1,8 @@
+#include "ui/SettingsWindow.h"
 #include "UiTestSupport.h"
 #include "ui/AppInfo.h"
 #include "ui/AppUpdater.h"
 #include "ui/ElidedLabel.h"
-#include "ui/SettingsWindow.h"
 
 #include <QAbstractButton>
 #include <QCheckBox>
@@ -48,16 +48,16 @@ private slots:
         QTest::addColumn<int>("key");
         QTest::addColumn<double>("stored");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("target to the left end") << "Target" << int(Qt::Key_Home) << -24.0
-                                                << "-24.0 LUFS";
-        QTest::newRow("target to the right end") << "Target" << int(Qt::Key_End) << -10.0
-                                                 << "-10.0 LUFS";
-        QTest::newRow("target one step up") << "Target" << int(Qt::Key_Right) << -15.5
-                                            << "-15.5 LUFS";
-        QTest::newRow("ceiling to the bottom") << "True-peak ceiling" << int(Qt::Key_Home) << -3.0
-                                               << "-3.0 dBTP";
-        QTest::newRow("ceiling to the top") << "True-peak ceiling" << int(Qt::Key_End) << -0.5
-                                            << "-0.5 dBTP";
+        QTest::newRow("target to the left end")
+            << "Target" << int(Qt::Key_Home) << -24.0 << "-24.0 LUFS";
+        QTest::newRow("target to the right end")
+            << "Target" << int(Qt::Key_End) << -10.0 << "-10.0 LUFS";
+        QTest::newRow("target one step up")
+            << "Target" << int(Qt::Key_Right) << -15.5 << "-15.5 LUFS";
+        QTest::newRow("ceiling to the bottom")
+            << "True-peak ceiling" << int(Qt::Key_Home) << -3.0 << "-3.0 dBTP";
+        QTest::newRow("ceiling to the top")
+            << "True-peak ceiling" << int(Qt::Key_End) << -0.5 << "-0.5 dBTP";
         QTest::newRow("ceiling one step down")
             << "True-peak ceiling" << int(Qt::Key_Left) << -1.5 << "-1.5 dBTP";
     }
@@ -104,7 +104,8 @@ private slots:
         QTest::addColumn<double>("target");
         QTest::addColumn<double>("ceiling");
         for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-            QTest::newRow(qPrintable(preset.name)) << preset.name << preset.loudness << preset.ceiling;
+            QTest::newRow(qPrintable(preset.name))
+                << preset.name << preset.loudness << preset.ceiling;
         }
     }
     void presetsSetTargetThenCeiling() {
@@ -122,17 +123,20 @@ private slots:
     }
 
     void broadcastIsEbuR128() {
-        QTest::mouseClick(m_window->findChild<QAbstractButton*>(QStringLiteral("Broadcast (EBU R128)")),
-                          Qt::LeftButton);
+        QTest::mouseClick(
+            m_window->findChild<QAbstractButton*>(QStringLiteral("Broadcast (EBU R128)")),
+            Qt::LeftButton);
         QCOMPARE(m_settings->settings.targetLoudness(), -23.0);
         QCOMPARE(m_settings->settings.truePeakCeiling(), -1.0);
     }
 
     void channelSegmentsAndTheirCaption() {
         auto* caption = m_window->findChild<QLabel*>(QStringLiteral("channelsCaption"));
-        QCOMPARE(caption->text(), QStringLiteral("Stereo stays stereo and mono stays mono. Multiple "
-                                                 "audio tracks are mixed together."));
-        QTest::mouseClick(m_window->findChild<QPushButton*>(QStringLiteral("mono")), Qt::LeftButton);
+        QCOMPARE(caption->text(),
+                 QStringLiteral("Stereo stays stereo and mono stays mono. Multiple "
+                                "audio tracks are mixed together."));
+        QTest::mouseClick(m_window->findChild<QPushButton*>(QStringLiteral("mono")),
+                          Qt::LeftButton);
         QCOMPARE(m_settings->settings.outputChannels(), OutputChannels::mono);
         QCOMPARE(caption->text(),
                  QStringLiteral("Audio is mixed down to a single channel before leveling."));
@@ -149,7 +153,8 @@ private slots:
         QVERIFY(m_settings->settings.exportWAVWithVideo());
         QVERIFY(caption->isVisible());
         QCOMPARE(caption->text(),
-                 QStringLiteral("A 24-bit WAV with the same name is written next to the leveled video."));
+                 QStringLiteral(
+                     "A 24-bit WAV with the same name is written next to the leveled video."));
         QTest::mouseClick(option, Qt::LeftButton);
         QVERIFY(!m_settings->settings.exportWAVWithVideo());
         QVERIFY(!caption->isVisible());

@@ -75,8 +75,8 @@ inline void fillWithEveryState(JobQueue& queue) {
     }
     jobs[2]->setReport(sampleReport(QStringLiteral("talk leveled.m4a")));
     jobs[2]->setState(JobState::finished());
-    jobs[3]->setReport(
-        sampleReport(QStringLiteral("interview leveled.mov"), QStringLiteral("interview leveled.wav")));
+    jobs[3]->setReport(sampleReport(QStringLiteral("interview leveled.mov"),
+                                    QStringLiteral("interview leveled.wav")));
     jobs[3]->setState(JobState::finished());
     jobs[4]->setState(JobState::failed(QStringLiteral(
         "The file could not be read: the container ends before its index.\nThe audio track "
