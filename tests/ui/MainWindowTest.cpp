@@ -332,17 +332,6 @@ private slots:
         QCOMPARE(QApplication::focusWidget(), view);
     }
 
-    void windowAndToolbarTexts() {
-        QCOMPARE(m_window->windowTitle(), QStringLiteral("Ostrand"));
-        QCOMPARE(m_window->minimumSize(), QSize(460, 360));
-        QCOMPARE(m_window->size(), QSize(520, 440));
-        QCOMPARE(m_window->openAction()->text(), QStringLiteral("Open\u2026"));
-        QCOMPARE(m_window->openAction()->shortcut(), QKeySequence(QKeySequence::Open));
-        QCOMPARE(m_window->openAction()->toolTip(), QStringLiteral("Choose files to level"));
-        QCOMPARE(m_window->clearFinishedAction()->toolTip(),
-                 QStringLiteral("Remove finished items from the list"));
-    }
-
     void checkForUpdatesFollowsTheUpdater() {
         SwitchableUpdater updater;
         MainWindow window(m_fixture->queue, updater, nullptr);
