@@ -12,6 +12,7 @@
 #include <QCloseEvent>
 #include <QDesktopServices>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QMessageBox>
 
@@ -27,12 +28,6 @@ QUrl fileUrl(const QString& argument) {
         return url;
     }
     return QUrl::fromLocalFile(QFileInfo(argument).absoluteFilePath());
-}
-
-int countFinished(const QList<LevelingJob*>& jobs) {
-    return static_cast<int>(std::count_if(jobs.begin(), jobs.end(), [](const LevelingJob* job) {
-        return job->state().kind == JobState::Kind::finished;
-    }));
 }
 
 } // namespace
@@ -123,7 +118,12 @@ void OstrandApp::windowClosed() {
         return;
     }
     m_quitWhenIdle = true;
-    m_finishedAtClose = countFinished(m_queue.jobs());
+    m_workAtClose.clear();
+    for (LevelingJob* job : m_queue.jobs()) {
+        if (job->state().isActive()) {
+            m_workAtClose << job;
+        }
+    }
 }
 
 void OstrandApp::queueProgressed() {
@@ -135,12 +135,26 @@ void OstrandApp::queueProgressed() {
 }
 
 QString OstrandApp::departureSummary() const {
-    const int leveled = countFinished(m_queue.jobs()) - m_finishedAtClose;
-    if (leveled <= 0) {
-        return QStringLiteral("No file was leveled.");
+    QStringList leveled;
+    int failed = 0;
+    for (const QPointer<LevelingJob>& job : m_workAtClose) {
+        if (!job) {
+            continue;
+        }
+        if (job->state().kind == JobState::Kind::finished && job->report()) {
+            leveled << QFile::decodeName(
+                QByteArray::fromStdString(job->report()->outputURL.filename().string()));
+        } else if (job->state().kind == JobState::Kind::failed) {
+            ++failed;
+        }
     }
-    return leveled == 1 ? QStringLiteral("1 file leveled.")
-                        : QStringLiteral("%1 files leveled.").arg(leveled);
+    QString summary = leveled.isEmpty() ? QStringLiteral("No file was leveled.")
+                                        : QStringLiteral("Leveled: ") + leveled.join(u", ") + u'.';
+    if (failed > 0) {
+        summary += failed == 1 ? QStringLiteral(" 1 file failed.")
+                               : QStringLiteral(" %1 files failed.").arg(failed);
+    }
+    return summary;
 }
 
 void OstrandApp::showAbout() {

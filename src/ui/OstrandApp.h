@@ -13,6 +13,7 @@
 namespace ostrand {
 
 class JobQueue;
+class LevelingJob;
 class MainWindow;
 class OstrandSettings;
 class SettingsWindow;
@@ -39,6 +40,9 @@ public:
     // The quit rule: true when no job is waiting or running.
     bool shouldQuitAfterLastWindowClosed() const;
     bool isQuitPending() const { return m_quitWhenIdle; }
+    // The notification's text once the work left at closing is done: the
+    // files leveled since then, and how many failed.
+    QString departureSummary() const;
 
     MainWindow& mainWindow() const { return *m_mainWindow; }
     SettingsWindow* settingsWindow() const;
@@ -55,7 +59,6 @@ private:
     void windowClosed();
     void queueProgressed();
     void showAbout();
-    QString departureSummary() const;
 
     JobQueue& m_queue;
     OstrandSettings& m_settings;
@@ -64,7 +67,7 @@ private:
     std::unique_ptr<MainWindow> m_mainWindow;
     QPointer<SettingsWindow> m_settingsWindow;
     bool m_quitWhenIdle = false;
-    int m_finishedAtClose = 0;
+    QList<QPointer<LevelingJob>> m_workAtClose;
 };
 
 // Runs the desktop application in `app`: one instance per user, the files on

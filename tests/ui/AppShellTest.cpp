@@ -53,13 +53,16 @@ private slots:
         if (quitsAtOnce) {
             return;
         }
-        // The queue finishes its work without a window, then the program ends.
+        // The queue finishes its work without a window, then the program ends
+        // and says what it did meanwhile.
         for (LevelingJob* job : m_fixture->queue.jobs()) {
             if (job->state().isActive()) {
+                job->setReport(sampleReport(QStringLiteral("x leveled.wav")));
                 job->setState(JobState::finished());
             }
         }
         QCOMPARE(quit.count(), 1);
+        QCOMPARE(m_app->departureSummary(), QStringLiteral("Leveled: x leveled.wav."));
     }
 
     void anOpenSettingsWindowKeepsTheProgram() {
