@@ -3,9 +3,13 @@
 #include "JobRow.h"
 #include "Look.h"
 #include "app/JobListModel.h"
+#include "app/ReportText.h"
 
 #include <QAction>
+#include <QClipboard>
+#include <QFileInfo>
 #include <QFrame>
+#include <QGuiApplication>
 #include <QLabel>
 #include <QListView>
 #include <QPainter>
@@ -79,6 +83,12 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
     connect(remove, &QAction::triggered, this, &JobList::deleteSelected);
     m_view->addAction(remove);
 
+    auto* copy = new QAction(QStringLiteral("Copy"), m_view);
+    copy->setShortcut(QKeySequence::Copy);
+    copy->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    connect(copy, &QAction::triggered, this, &JobList::copySelected);
+    m_view->addAction(copy);
+
     connect(m_view, &QListView::customContextMenuRequested, this, [this](const QPoint& at) {
         const QModelIndex index = m_view->indexAt(at);
         if (LevelingJob* job = m_model.jobAt(index)) {
@@ -119,7 +129,9 @@ JobRow* JobList::rowAt(int row) const {
 
 LevelingJob* JobList::selectedJob() const {
     const QModelIndexList selected = m_view->selectionModel()->selectedIndexes();
-    return selected.isEmpty() ? nullptr : m_model.jobAt(selected.first());
+    // The view makes the first row current, unselected, when it arrives;
+    // keys act on it all the same.
+    return m_model.jobAt(selected.isEmpty() ? m_view->currentIndex() : selected.first());
 }
 
 void JobList::addRows(int first, int last) {
@@ -145,6 +157,20 @@ void JobList::deleteSelected() {
     } else {
         m_queue.remove(job);
     }
+}
+
+void JobList::copySelected() {
+    const LevelingJob* job = selectedJob();
+    if (!job) {
+        return;
+    }
+    // The lines the command line prints for a file.
+    QString text = QFileInfo(job->sourceURL().toLocalFile()).fileName() + QStringLiteral(": ") +
+                   job->statusText();
+    if (job->state().kind == JobState::Kind::finished && job->report()) {
+        text += QStringLiteral("\n  ") + ReportText::detail(*job->report());
+    }
+    QGuiApplication::clipboard()->setText(text);
 }
 
 } // namespace ostrand

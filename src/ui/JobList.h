@@ -15,8 +15,9 @@ class LevelingJob;
 // The job list: one JobRow per row of the model, in queue order, with the
 // footer pinned under it. Selection and scroll position survive adds and
 // removes because the model reports them row by row. Delete cancels the
-// selected job while it is waiting or running, and removes it otherwise.
-// Main thread only.
+// selected job while it is waiting or running, and removes it otherwise;
+// Copy puts the selected job's name and report on the clipboard, as the
+// command line prints them. Main thread only.
 class JobList : public QWidget {
     Q_OBJECT
 
@@ -35,6 +36,7 @@ signals:
 private:
     void addRows(int first, int last);
     void deleteSelected();
+    void copySelected();
 
     JobQueue& m_queue;
     JobListModel& m_model;

@@ -8,6 +8,7 @@
 #include "ui/WelcomePanel.h"
 
 #include <QAction>
+#include <QClipboard>
 #include <QDragEnterEvent>
 #include <QLabel>
 #include <QListView>
@@ -318,6 +319,20 @@ private slots:
         QVERIFY(m_fixture->queue.jobs().contains(waiting));
         QTest::keyClick(view, Qt::Key_Delete);
         QVERIFY(!m_fixture->queue.jobs().contains(waiting));
+    }
+
+    void copyTakesTheSelectedReport() {
+        fillWithEveryState(m_fixture->queue);
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        QListView* view = m_window->jobList()->view();
+        view->setCurrentIndex(view->model()->index(3, 0));
+        view->setFocus();
+        QTest::keySequence(view, QKeySequence::Copy);
+        QCOMPARE(
+            QGuiApplication::clipboard()->text(),
+            QStringLiteral("interview.mov: -23.4 \u2192 -16.0 LUFS \u00b7 3:25 leveled in 42s\n"
+                           "  gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
+                           "leveled.mov + interview leveled.wav"));
     }
 
     void tabReachesTheList() {

@@ -3,13 +3,15 @@
 # "FILE leveled.wav" beside it, in a window titled "Ostrand"; a second
 # `ostrand OTHER` hands OTHER to the first and exits, and it is leveled in
 # the same window.
-# usage: end_to_end.sh OSTRAND SPEECH_WAV. Exits 77 (skipped) without Xvfb or xdotool.
+# The finished row is read through the list's Copy (Ctrl+C) and the clipboard.
+# usage: end_to_end.sh OSTRAND SPEECH_WAV. Exits 77 (skipped) without Xvfb,
+# xdotool or xclip.
 set -eu
 ostrand=$1
 speech=$2
 
 if [ -z "${OSTRAND_E2E_DISPLAY:-}" ]; then
-    for tool in xvfb-run xdotool; do
+    for tool in xvfb-run xdotool xclip; do
         if ! command -v "$tool" >/dev/null; then
             echo "skipped: $tool is not installed"
             exit 77
@@ -66,6 +68,22 @@ windows=$(xdotool search --sync --onlyvisible --name '^Ostrand$')
 [ "$(echo "$windows" | wc -l)" -eq 1 ] || fail "expected one window, found: $windows"
 [ "$(xdotool getwindowname "$windows")" = "Ostrand" ] || fail "window title"
 echo "window: Ostrand"
+
+# Tab into the list, select the first row and copy it, until the row reads
+# the finished report.
+row=
+tries=0
+xdotool windowfocus --sync "$windows"
+until echo "$row" | grep -q "^talk.wav: -[0-9.]* → -[0-9.]* LUFS · 17s leveled in [0-9]*s$"; do
+    tries=$((tries + 1))
+    [ $tries -le 50 ] || fail "the row does not read the finished report: $row"
+    xdotool key Tab Home ctrl+c
+    sleep 0.2
+    row=$(xclip -o -selection clipboard 2>/dev/null || true)
+done
+echo "row: $row"
+echo "$row" | grep -q "^  gain [-+][0-9.]* to [-+][0-9.]* dB · limiter [0-9.]* dB · talk leveled.wav$" ||
+    fail "the row's detail line: $row"
 
 timeout 20 "$ostrand" "$work/other take.wav" || fail "the second ostrand did not hand over and exit"
 wait_for "$work/other take leveled.wav"
