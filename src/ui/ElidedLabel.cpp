@@ -2,8 +2,9 @@
 
 namespace ostrand {
 
-ElidedLabel::ElidedLabel(QWidget* parent)
-    : QLabel(parent) {
+ElidedLabel::ElidedLabel(QWidget* parent, Qt::TextElideMode mode)
+    : QLabel(parent)
+    , m_mode(mode) {
     setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
     setTextFormat(Qt::PlainText);
 }
@@ -29,7 +30,7 @@ void ElidedLabel::resizeEvent(QResizeEvent* event) {
 }
 
 void ElidedLabel::elide() {
-    setText(fontMetrics().elidedText(m_fullText, Qt::ElideMiddle, contentsRect().width()));
+    setText(fontMetrics().elidedText(m_fullText, m_mode, contentsRect().width()));
 }
 
 } // namespace ostrand

@@ -4,13 +4,13 @@
 
 namespace ostrand {
 
-// A one-line label that shortens its text in the middle to fit its width,
-// keeping the start and the end (a file's extension) visible.
+// A one-line label that shortens its text to fit its width, by default in
+// the middle, keeping the start and the end (a file's extension) visible.
 class ElidedLabel : public QLabel {
     Q_OBJECT
 
 public:
-    explicit ElidedLabel(QWidget* parent = nullptr);
+    explicit ElidedLabel(QWidget* parent = nullptr, Qt::TextElideMode mode = Qt::ElideMiddle);
 
     void setFullText(const QString& text);
     QString fullText() const { return m_fullText; }
@@ -24,6 +24,7 @@ private:
     void elide();
 
     QString m_fullText;
+    Qt::TextElideMode m_mode;
 };
 
 } // namespace ostrand

@@ -72,6 +72,7 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
     m_view->setResizeMode(QListView::Adjust);
     m_view->setFrameShape(QFrame::NoFrame);
     m_view->setFocusPolicy(Qt::StrongFocus);
+    setFocusProxy(m_view);
     m_view->setContextMenuPolicy(Qt::CustomContextMenu);
     // The window's colour shows through the list.
     m_view->viewport()->setAutoFillBackground(false);

@@ -49,7 +49,7 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     , m_name(new ElidedLabel(this))
     , m_progress(new QProgressBar(this))
     , m_status(new QLabel(this))
-    , m_detail(new QLabel(this))
+    , m_detail(new ElidedLabel(this, Qt::ElideRight))
     , m_control(new QToolButton(this)) {
     const QString fileName = QFileInfo(job.sourceURL().toLocalFile()).fileName();
     setAccessibleName(fileName);
@@ -74,7 +74,6 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     m_status->setAccessibleName(QStringLiteral("Status"));
 
     m_detail->setObjectName(QStringLiteral("detail"));
-    m_detail->setTextFormat(Qt::PlainText);
     m_detail->setAccessibleName(QStringLiteral("Details"));
     Look::style(m_detail, Look::Text::caption2, Look::Tone::tertiary);
 
@@ -128,7 +127,7 @@ void JobRow::refresh() {
     const auto& report = m_job.report();
     const bool showDetail = kind == Kind::finished && report.has_value();
     m_detail->setVisible(showDetail);
-    m_detail->setText(showDetail ? ReportText::detail(*report) : QString());
+    m_detail->setFullText(showDetail ? ReportText::detail(*report) : QString());
 
     QString tip;
     Look::Text size = Look::Text::title3;

@@ -44,7 +44,7 @@ private:
     ElidedLabel* m_name;
     QProgressBar* m_progress;
     QLabel* m_status;
-    QLabel* m_detail;
+    ElidedLabel* m_detail;
     QToolButton* m_control;
     QString m_controlSymbol;
 };

@@ -11,6 +11,7 @@
 #include "app/JobQueue.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QDesktopServices>
 #include <QDragEnterEvent>
 #include <QFileDialog>
@@ -125,8 +126,16 @@ void MainWindow::buildMenus() {
 }
 
 void MainWindow::showContent() {
-    m_stack->setCurrentWidget(m_model->rowCount() == 0 ? static_cast<QWidget*>(m_welcome)
-                                                       : m_jobList);
+    QWidget* shown = m_model->rowCount() == 0 ? static_cast<QWidget*>(m_welcome) : m_jobList;
+    if (m_stack->currentWidget() == shown) {
+        return;
+    }
+    // Keyboard focus moves along instead of vanishing with the hidden page.
+    const bool hadFocus = m_stack->currentWidget()->isAncestorOf(QApplication::focusWidget());
+    m_stack->setCurrentWidget(shown);
+    if (hadFocus) {
+        shown->setFocus(Qt::OtherFocusReason);
+    }
 }
 
 bool MainWindow::addDroppedFiles(const QList<QUrl>& files) {

@@ -41,6 +41,7 @@ WelcomePanel::WelcomePanel(QWidget* parent)
     choose->setFont(Look::font(Look::Text::title3));
     choose->setMinimumHeight(choose->sizeHint().height() + 6);
     connect(choose, &QPushButton::clicked, this, &WelcomePanel::chooseFilesRequested);
+    setFocusProxy(choose);
 
     auto* formats = new QLabel(
         QStringLiteral("MP4 \u00b7 MOV \u00b7 WAV \u00b7 M4A \u00b7 MP3 \u00b7 AIFF"), this);

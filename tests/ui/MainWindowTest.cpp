@@ -206,9 +206,9 @@ private slots:
         }
         auto* status = jobRow->findChild<QLabel*>(QStringLiteral("status"));
         QCOMPARE(status->text(), job.statusText());
-        auto* detailLabel = jobRow->findChild<QLabel*>(QStringLiteral("detail"));
+        auto* detailLabel = jobRow->findChild<ElidedLabel*>(QStringLiteral("detail"));
         QCOMPARE(detailLabel->isVisible(), !detail.isEmpty());
-        QCOMPARE(detailLabel->text(), detail);
+        QCOMPARE(detailLabel->fullText(), detail);
 
         const JobState::Kind kind = job.state().kind;
         const QUrl source = job.sourceURL();
@@ -335,10 +335,14 @@ private slots:
                            "leveled.mov + interview leveled.wav"));
     }
 
-    void tabReachesTheList() {
-        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav"))});
+    void focusFollowsTheFirstJobAndTabReachesTheList() {
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        m_window->welcomePanel()->setFocus();
+        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav"))});
         QListView* view = m_window->jobList()->view();
+        QCOMPARE(QApplication::focusWidget(), view);
+
+        view->clearFocus();
         for (int press = 0; press < 6 && QApplication::focusWidget() != view; ++press) {
             QTest::keyClick(QApplication::focusWidget() ? QApplication::focusWidget()
                                                         : m_window.get(),

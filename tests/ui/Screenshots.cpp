@@ -65,6 +65,9 @@ int main(int argc, char** argv) {
         fillWithEveryState(fixture.queue);
         window.resize(560, 640);
         save(window, QStringLiteral("main-jobs"));
+        window.resize(window.minimumSize());
+        save(window, QStringLiteral("main-jobs-smallest"));
+        window.resize(560, 640);
 
         for (const auto& [row, name] : {std::pair{3, QStringLiteral("menu-finished")},
                                         std::pair{0, QStringLiteral("menu-running")},
