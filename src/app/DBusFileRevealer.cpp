@@ -15,7 +15,12 @@ DBusFileRevealer::DBusFileRevealer(const QDBusConnection& sessionBus, QObject* p
     : QObject(parent)
     , m_sessionBus(sessionBus) {}
 
-void DBusFileRevealer::reveal(const QUrl& file) {
+void DBusFileRevealer::reveal(const QList<QUrl>& files) {
+    if (files.isEmpty()) {
+        return;
+    }
+    // The files of one reveal share a folder: the fallback opens the first's.
+    const QUrl file = files.first();
     if (!m_sessionBus.isConnected()) {
         fallBack(file);
         return;
@@ -24,7 +29,11 @@ void DBusFileRevealer::reveal(const QUrl& file) {
                                                   QStringLiteral("/org/freedesktop/FileManager1"),
                                                   QStringLiteral("org.freedesktop.FileManager1"),
                                                   QStringLiteral("ShowItems"));
-    message << QStringList{file.toString(QUrl::FullyEncoded)} << QString();
+    QStringList uris;
+    for (const QUrl& item : files) {
+        uris << item.toString(QUrl::FullyEncoded);
+    }
+    message << uris << QString();
     auto* watcher = new QDBusPendingCallWatcher(m_sessionBus.asyncCall(message), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [this, file](QDBusPendingCallWatcher* call) {

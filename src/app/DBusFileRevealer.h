@@ -23,7 +23,8 @@ public:
     explicit DBusFileRevealer(const QDBusConnection& sessionBus, QObject* parent = nullptr);
 
     void setFallback(Fallback fallback) { m_fallback = std::move(fallback); }
-    void reveal(const QUrl& file) override;
+    using FileRevealer::reveal;
+    void reveal(const QList<QUrl>& files) override;
 
 private:
     void fallBack(const QUrl& file);

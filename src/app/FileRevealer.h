@@ -1,15 +1,17 @@
 #pragma once
 
+#include <QList>
 #include <QUrl>
 
 namespace ostrand {
 
-// Shows a file selected in the file manager. Main thread only; returns at
-// once and never fails.
+// Shows files selected in the file manager, all in one of its windows. Main
+// thread only; returns at once and never fails.
 class FileRevealer {
 public:
     virtual ~FileRevealer() = default;
-    virtual void reveal(const QUrl& file) = 0;
+    virtual void reveal(const QList<QUrl>& files) = 0;
+    void reveal(const QUrl& file) { reveal(QList<QUrl>{file}); }
 };
 
 } // namespace ostrand

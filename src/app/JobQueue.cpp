@@ -155,29 +155,39 @@ bool JobQueue::isAcceptable(const QUrl& file) {
 }
 
 void JobQueue::add(const QList<QUrl>& files) {
-    bool appended = false;
+    QList<LevelingJob*> added;
     for (const QUrl& file : files) {
-        if (!isAcceptable(file)) {
-            continue;
+        if (isAcceptable(file)) {
+            added.append(new LevelingJob(file, this));
         }
-        auto* job = new LevelingJob(file, this);
-        connect(job, &LevelingJob::stateChanged, this, &JobQueue::updateHasFinished);
-        m_jobs.append(job);
-        appended = true;
     }
-    if (appended) {
+    if (!added.isEmpty()) {
+        const auto first = static_cast<int>(m_jobs.size());
+        emit jobsAboutToBeAdded(first, first + static_cast<int>(added.size()) - 1);
+        for (LevelingJob* job : std::as_const(added)) {
+            connect(job, &LevelingJob::stateChanged, this, &JobQueue::updateHasFinished);
+            m_jobs.append(job);
+        }
+        emit jobsAdded(first, static_cast<int>(m_jobs.size()) - 1);
         emit jobsChanged();
         updateHasFinished();
     }
     processNext();
 }
 
+void JobQueue::takeAt(int row) {
+    emit jobAboutToBeRemoved(row);
+    m_jobs.removeAt(row);
+    emit jobRemoved(row);
+}
+
 void JobQueue::remove(LevelingJob* job) {
-    if (!job || !m_jobs.contains(job)) {
+    const auto row = static_cast<int>(m_jobs.indexOf(job));
+    if (!job || row < 0) {
         return;
     }
     job->cancel();
-    m_jobs.removeAll(job);
+    takeAt(row);
     if (m_run && m_run->job == job) {
         m_run->removed = true;
     } else {
@@ -188,19 +198,19 @@ void JobQueue::remove(LevelingJob* job) {
 }
 
 void JobQueue::clearFinished() {
-    const auto finished = [](const LevelingJob* job) { return job->state().isTerminal(); };
-    QList<LevelingJob*> kept;
-    for (LevelingJob* job : std::as_const(m_jobs)) {
-        if (finished(job)) {
+    bool removed = false;
+    // From the end, so that the rows still to visit keep their numbers.
+    for (auto row = static_cast<int>(m_jobs.size()) - 1; row >= 0; --row) {
+        LevelingJob* job = m_jobs.at(row);
+        if (job->state().isTerminal()) {
+            takeAt(row);
             job->deleteLater();
-        } else {
-            kept.append(job);
+            removed = true;
         }
     }
-    if (kept.size() == m_jobs.size()) {
+    if (!removed) {
         return;
     }
-    m_jobs = kept;
     emit jobsChanged();
     updateHasFinished();
 }

@@ -75,6 +75,8 @@ public:
     bool hasFinished() const { return m_hasFinished; }
     OstrandSettings& settings() const { return m_settings; }
     OutputDestination& destination() const { return *m_destination; }
+    // Null when the queue was made without one.
+    FileRevealer* revealer() const { return m_services.revealer; }
     // The desktop shell installs its panels here once its windows exist.
     void setPanels(DestinationPanels* panels) { m_destination->setPanels(panels); }
 
@@ -90,6 +92,13 @@ public:
     void processNext();
 
 signals:
+    // Row-level changes of `jobs`, for list models: rows first..last are
+    // about to be appended / have been; the job at `row` is about to be taken
+    // out / has been. `jobsChanged` follows each completed change.
+    void jobsAboutToBeAdded(int first, int last);
+    void jobsAdded(int first, int last);
+    void jobAboutToBeRemoved(int row);
+    void jobRemoved(int row);
     void jobsChanged();
     void isProcessingChanged();
     void hasFinishedChanged();
@@ -110,6 +119,9 @@ private:
     void setIsProcessing(bool processing);
     void updateHasFinished();
     void releaseResources(Run& run);
+    // Takes the job at `row` out of the list with the row-level signals;
+    // the caller decides when the job itself goes.
+    void takeAt(int row);
 
     OstrandSettings& m_settings;
     Services m_services;

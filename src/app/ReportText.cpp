@@ -33,6 +33,14 @@ QString notesText(const LevelingReport& report) {
         lines.append(line + QLatin1Char('.'));
     }
     return lines.join(QLatin1Char('\n'));
+
+QString detail(const LevelingReport& report) {
+    QString text = detailLine(report);
+    if (report.audioSidecarURL) {
+        text += QStringLiteral(" + ") + QFile::decodeName(QByteArray::fromStdString(
+                                            report.audioSidecarURL->filename().string()));
+    }
+    return text;
 }
 
 } // namespace ostrand::ReportText

@@ -17,6 +17,10 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
 // "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov"
 QString detailLine(const LevelingReport& report);
 
+// The detail line followed by " + " and the WAV sidecar's name when there is
+// one: the job row's second line.
+QString detail(const LevelingReport& report);
+
 // What the output could not keep, one sentence a line ("The subtitles
 // (hdmv_pgs_subtitle) cannot be kept in MP4."); empty when it kept everything.
 QString notesText(const LevelingReport& report);

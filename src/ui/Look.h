@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QColor>
+#include <QFont>
+#include <QIcon>
+#include <QString>
+
+class QWidget;
+
+// The text styles, colours and icons the windows share, derived from the
+// application font and palette so that they follow the desktop's settings.
+namespace ostrand::Look {
+
+enum class Text { body, title2, title3, caption, caption2 };
+enum class Tone { primary, secondary, tertiary, failure };
+
+// The application font scaled for the style, at the given weight.
+QFont font(Text style, QFont::Weight weight = QFont::Normal);
+QColor color(Tone tone);
+// Sets the widget's font and its text colour (WindowText and Text).
+void style(QWidget* widget, Text style, Tone tone = Tone::primary,
+           QFont::Weight weight = QFont::Normal);
+
+// The theme's icon of that freedesktop name, or the one bundled under the
+// same name when the theme has none.
+QIcon icon(const QString& themeName);
+// Bundled only.
+QIcon bundledIcon(const QString& name);
+
+} // namespace ostrand::Look

@@ -1,0 +1,312 @@
+#include "SettingsWindow.h"
+
+#include "AppInfo.h"
+#include "AppUpdater.h"
+#include "ElidedLabel.h"
+#include "Look.h"
+#include "app/OstrandSettings.h"
+
+#include <QApplication>
+#include <QButtonGroup>
+#include <QCheckBox>
+#include <QFileDialog>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+namespace ostrand {
+
+namespace {
+
+constexpr int windowWidth = 520;
+constexpr int valueBoxWidth = 84;
+
+int sliderPosition(double value) {
+    return static_cast<int>(std::lround(value * SettingsWindow::stepsPerUnit));
+}
+
+double sliderValue(int position) {
+    return static_cast<double>(position) / SettingsWindow::stepsPerUnit;
+}
+
+QLabel* caption(const QString& text, QWidget* parent) {
+    auto* label = new QLabel(text, parent);
+    label->setWordWrap(true);
+    Look::style(label, Look::Text::caption, Look::Tone::secondary);
+    return label;
+}
+
+QSlider* slider(double minimum, double maximum, const QString& name, QWidget* parent) {
+    auto* control = new QSlider(Qt::Horizontal, parent);
+    control->setObjectName(name);
+    control->setAccessibleName(name);
+    control->setRange(sliderPosition(minimum), sliderPosition(maximum));
+    control->setSingleStep(1);
+    control->setPageStep(2);
+    return control;
+}
+
+QLabel* valueBox(QWidget* parent) {
+    auto* label = new QLabel(parent);
+    label->setFixedWidth(valueBoxWidth);
+    label->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    // Digits of equal width, so that the value does not jitter while dragged.
+    QFont font = label->font();
+    font.setStyleHint(QFont::Monospace);
+    font.setFamily(QStringLiteral("monospace"));
+    label->setFont(font);
+    return label;
+}
+
+QWidget* beside(QWidget* parent, QWidget* left, QWidget* right) {
+    auto* row = new QWidget(parent);
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(left, 1);
+    layout->addWidget(right);
+    return row;
+}
+
+QGroupBox* section(const QString& title, QWidget* parent) {
+    auto* box = new QGroupBox(title, parent);
+    box->setObjectName(title);
+    return box;
+}
+
+} // namespace
+
+SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, QWidget* parent)
+    : QWidget(parent, Qt::Window)
+    , m_settings(settings)
+    , m_updater(updater) {
+    setObjectName(QStringLiteral("settings"));
+    setWindowTitle(QStringLiteral("Ostrand Settings"));
+    auto* layout = new QVBoxLayout(this);
+    layout->setSizeConstraint(QLayout::SetFixedSize);
+    layout->addWidget(loudnessSection());
+    layout->addWidget(audioSection());
+    layout->addWidget(saveLocationSection());
+    layout->addWidget(updatesSection());
+    for (QGroupBox* box : findChildren<QGroupBox*>()) {
+        box->setFixedWidth(windowWidth - layout->contentsMargins().left() -
+                           layout->contentsMargins().right());
+    }
+
+    connect(&settings, &OstrandSettings::targetLoudnessChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::truePeakCeilingChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::outputChannelsChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::exportWAVWithVideoChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::saveModeChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::fixedFolderBookmarkChanged, this,
+            &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::revealWhenDoneChanged, this, &SettingsWindow::refresh);
+    connect(&updater, &AppUpdater::canCheckForUpdatesChanged, this, &SettingsWindow::refresh);
+    connect(&updater, &AppUpdater::automaticallyChecksForUpdatesChanged, this,
+            &SettingsWindow::refresh);
+    refresh();
+}
+
+QWidget* SettingsWindow::loudnessSection() {
+    QGroupBox* box = section(QStringLiteral("Loudness"), this);
+    auto* form = new QFormLayout(box);
+
+    m_target = slider(minTarget, maxTarget, QStringLiteral("Target"), box);
+    m_targetValue = valueBox(box);
+    m_targetValue->setObjectName(QStringLiteral("targetValue"));
+    connect(m_target, &QSlider::valueChanged, this,
+            [this](int position) { m_settings.setTargetLoudness(sliderValue(position)); });
+    form->addRow(QStringLiteral("Target"), beside(box, m_target, m_targetValue));
+
+    m_ceiling = slider(minCeiling, maxCeiling, QStringLiteral("True-peak ceiling"), box);
+    m_ceilingValue = valueBox(box);
+    m_ceilingValue->setObjectName(QStringLiteral("ceilingValue"));
+    connect(m_ceiling, &QSlider::valueChanged, this,
+            [this](int position) { m_settings.setTruePeakCeiling(sliderValue(position)); });
+    form->addRow(QStringLiteral("True-peak ceiling"), beside(box, m_ceiling, m_ceilingValue));
+
+    auto* presets = new QWidget(box);
+    auto* presetRow = new QHBoxLayout(presets);
+    presetRow->setContentsMargins(0, 0, 0, 0);
+    presetRow->setSpacing(4);
+    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+        auto* button = new QToolButton(presets);
+        button->setText(preset.name);
+        button->setObjectName(preset.name);
+        button->setFont(Look::font(Look::Text::caption));
+        connect(button, &QToolButton::clicked, this, [this, preset] { m_settings.apply(preset); });
+        presetRow->addWidget(button);
+    }
+    presetRow->addStretch(1);
+    // The four buttons need the whole width: the row carries its own label.
+    presetRow->insertWidget(0, new QLabel(QStringLiteral("Presets"), presets));
+    presetRow->insertSpacing(1, 8);
+    form->addRow(presets);
+    form->addRow(caption(QStringLiteral("Leveling is a slow, look-ahead gain ride that keeps "
+                                        "speech at a steady level without pumping noise in "
+                                        "pauses, followed by a true-peak limiter. Nothing else "
+                                        "is changed."),
+                         box));
+    return box;
+}
+
+QWidget* SettingsWindow::audioSection() {
+    QGroupBox* box = section(QStringLiteral("Audio"), this);
+    auto* form = new QFormLayout(box);
+
+    auto* segments = new QWidget(box);
+    auto* segmentRow = new QHBoxLayout(segments);
+    segmentRow->setContentsMargins(0, 0, 0, 0);
+    segmentRow->setSpacing(0);
+    m_channels = new QButtonGroup(box);
+    for (OutputChannels channels : allOutputChannels) {
+        const QString title = channels == OutputChannels::mono ? QStringLiteral("Mono")
+                                                               : QStringLiteral("Keep as is");
+        auto* segment = new QPushButton(title, segments);
+        segment->setObjectName(rawValue(channels));
+        segment->setCheckable(true);
+        m_channels->addButton(segment, static_cast<int>(channels));
+        segmentRow->addWidget(segment);
+    }
+    segmentRow->addStretch(1);
+    connect(m_channels, &QButtonGroup::idClicked, this,
+            [this](int id) { m_settings.setOutputChannels(static_cast<OutputChannels>(id)); });
+    form->addRow(QStringLiteral("Channels"), segments);
+    m_channelsCaption = caption({}, box);
+    m_channelsCaption->setObjectName(QStringLiteral("channelsCaption"));
+    form->addRow(m_channelsCaption);
+
+    m_wav =
+        new QCheckBox(QStringLiteral("Also save a WAV of the leveled audio for video files"), box);
+    m_wav->setObjectName(QStringLiteral("exportWAVWithVideo"));
+    connect(m_wav, &QCheckBox::toggled, this,
+            [this](bool on) { m_settings.setExportWAVWithVideo(on); });
+    form->addRow(m_wav);
+    m_wavCaption = caption(
+        QStringLiteral("A 24-bit WAV with the same name is written next to the leveled video."),
+        box);
+    m_wavCaption->setObjectName(QStringLiteral("wavCaption"));
+    form->addRow(m_wavCaption);
+    return box;
+}
+
+QWidget* SettingsWindow::saveLocationSection() {
+    QGroupBox* box = section(QStringLiteral("Save Location"), this);
+    m_saveForm = new QFormLayout(box);
+
+    auto* radios = new QWidget(box);
+    auto* radioColumn = new QVBoxLayout(radios);
+    radioColumn->setContentsMargins(0, 0, 0, 0);
+    m_saveMode = new QButtonGroup(box);
+    for (SaveMode mode : allSaveModes) {
+        const QString title =
+            mode == SaveMode::nextToOriginal ? QStringLiteral("Next to the original")
+            : mode == SaveMode::askEveryTime ? QStringLiteral("Ask every time")
+                                             : QStringLiteral("Always use a folder");
+        auto* radio = new QRadioButton(title, radios);
+        radio->setObjectName(rawValue(mode));
+        m_saveMode->addButton(radio, static_cast<int>(mode));
+        radioColumn->addWidget(radio);
+    }
+    connect(m_saveMode, &QButtonGroup::idClicked, this,
+            [this](int id) { m_settings.setSaveMode(static_cast<SaveMode>(id)); });
+    m_saveForm->addRow(QStringLiteral("Save leveled files"), radios);
+
+    m_folderPath = new ElidedLabel(box);
+    m_folderPath->setObjectName(QStringLiteral("folderPath"));
+    auto* choose = new QPushButton(QStringLiteral("Choose\u2026"), box);
+    choose->setObjectName(QStringLiteral("chooseFolder"));
+    connect(choose, &QPushButton::clicked, this, &SettingsWindow::chooseFolder);
+    m_folderRow = beside(box, m_folderPath, choose);
+    m_saveForm->addRow(QStringLiteral("Folder"), m_folderRow);
+
+    m_reveal = new QCheckBox(QStringLiteral("Show in File Manager when finished"), box);
+    m_reveal->setObjectName(QStringLiteral("revealWhenDone"));
+    connect(m_reveal, &QCheckBox::toggled, this,
+            [this](bool on) { m_settings.setRevealWhenDone(on); });
+    m_saveForm->addRow(m_reveal);
+    return box;
+}
+
+QWidget* SettingsWindow::updatesSection() {
+    QGroupBox* box = section(QStringLiteral("Updates"), this);
+    auto* form = new QFormLayout(box);
+    m_autoCheck = new QCheckBox(QStringLiteral("Automatically check for updates"), box);
+    m_autoCheck->setObjectName(QStringLiteral("automaticallyChecksForUpdates"));
+    connect(m_autoCheck, &QCheckBox::toggled, this,
+            [this](bool on) { m_updater.setAutomaticallyChecksForUpdates(on); });
+    form->addRow(m_autoCheck);
+
+    auto* version = new QLabel(QStringLiteral("Version ") + AppInfo::version() +
+                                   QStringLiteral(" (") + AppInfo::buildNumber() + u')',
+                               box);
+    version->setObjectName(QStringLiteral("version"));
+    m_checkNow = new QPushButton(QStringLiteral("Check for Updates\u2026"), box);
+    m_checkNow->setObjectName(QStringLiteral("checkForUpdates"));
+    connect(m_checkNow, &QPushButton::clicked, this, [this] {
+        QApplication::setActiveWindow(window());
+        m_updater.checkForUpdates();
+    });
+    form->addRow(beside(box, version, m_checkNow));
+    return box;
+}
+
+void SettingsWindow::chooseFolder() {
+    auto* dialog = new QFileDialog(
+        this, QStringLiteral("Choose the folder where leveled files should be saved."));
+    dialog->setObjectName(QStringLiteral("folderPanel"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setFileMode(QFileDialog::Directory);
+    dialog->setOption(QFileDialog::ShowDirsOnly);
+    dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
+    connect(dialog, &QFileDialog::urlSelected, this,
+            [this](const QUrl& folder) { m_settings.setFixedFolder(folder); });
+    dialog->open();
+}
+
+void SettingsWindow::refresh() {
+    // Controls follow the settings without writing them back.
+    const QList<QObject*> controls{m_target,   m_ceiling, m_channels, m_wav,
+                                   m_saveMode, m_reveal,  m_autoCheck};
+    std::vector<std::unique_ptr<QSignalBlocker>> blockers;
+    for (QObject* control : controls) {
+        blockers.push_back(std::make_unique<QSignalBlocker>(control));
+    }
+
+    m_target->setValue(sliderPosition(m_settings.targetLoudness()));
+    m_targetValue->setText(QString::asprintf("%.1f LUFS", m_settings.targetLoudness()));
+    m_ceiling->setValue(sliderPosition(m_settings.truePeakCeiling()));
+    m_ceilingValue->setText(QString::asprintf("%.1f dBTP", m_settings.truePeakCeiling()));
+
+    const OutputChannels channels = m_settings.outputChannels();
+    m_channels->button(static_cast<int>(channels))->setChecked(true);
+    m_channelsCaption->setText(
+        channels == OutputChannels::mono
+            ? QStringLiteral("Audio is mixed down to a single channel before leveling.")
+            : QStringLiteral("Stereo stays stereo and mono stays mono. Multiple audio tracks are "
+                             "mixed together."));
+    m_wav->setChecked(m_settings.exportWAVWithVideo());
+    m_wavCaption->setVisible(m_settings.exportWAVWithVideo());
+
+    const SaveMode mode = m_settings.saveMode();
+    m_saveMode->button(static_cast<int>(mode))->setChecked(true);
+    m_saveForm->setRowVisible(m_folderRow, mode == SaveMode::fixedFolder);
+    const std::optional<QString> folder = m_settings.fixedFolderDisplayPath();
+    m_folderPath->setFullText(folder.value_or(QStringLiteral("Not chosen")));
+    Look::style(m_folderPath, Look::Text::body,
+                folder ? Look::Tone::primary : Look::Tone::secondary);
+    m_reveal->setChecked(m_settings.revealWhenDone());
+
+    m_autoCheck->setChecked(m_updater.automaticallyChecksForUpdates());
+    m_checkNow->setEnabled(m_updater.canCheckForUpdates());
+}
+
+} // namespace ostrand

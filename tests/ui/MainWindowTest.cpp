@@ -1,0 +1,373 @@
+#include "ui/MainWindow.h"
+#include "UiTestSupport.h"
+#include "ui/AppUpdater.h"
+#include "ui/DropHighlight.h"
+#include "ui/ElidedLabel.h"
+#include "ui/JobList.h"
+#include "ui/JobRow.h"
+#include "ui/WelcomePanel.h"
+
+#include <QAction>
+#include <QClipboard>
+#include <QDragEnterEvent>
+#include <QLabel>
+#include <QListView>
+#include <QMenu>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QStackedWidget>
+#include <QToolButton>
+#include <QtTest>
+
+#include <fstream>
+
+using namespace ostrand;
+using namespace ostrand::test;
+
+namespace {
+
+class SwitchableUpdater : public AppUpdater {
+public:
+    using AppUpdater::setCanCheckForUpdates;
+};
+
+QStringList menuTitles(QMenu& menu) {
+    QStringList titles;
+    for (QAction* action : menu.actions()) {
+        titles << (action->isSeparator() ? QStringLiteral("--") : action->text());
+    }
+    return titles;
+}
+
+} // namespace
+
+class MainWindowTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() {
+        m_fixture = std::make_unique<QueueFixture>();
+        m_window = std::make_unique<MainWindow>(m_fixture->queue, m_updater, &m_fixture->revealer);
+        m_window->show();
+    }
+    void cleanup() {
+        m_window.reset();
+        m_fixture.reset();
+    }
+
+    void dropQueuesOnlyAudioAndVideo_data() {
+        QTest::addColumn<QStringList>("dropped");
+        QTest::addColumn<bool>("accepted");
+        QTest::addColumn<QStringList>("queued");
+        QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
+                                              << true << QStringList{"talk.wav"};
+        QTest::newRow("only unsupported")
+            << QStringList{"folder.wav", "notes.txt"} << false << QStringList{};
+        QTest::newRow("no extension") << QStringList{"recording"} << false << QStringList{};
+        QTest::newRow("video and audio in order")
+            << QStringList{"b.mov", "a.mp3"} << true << QStringList{"b.mov", "a.mp3"};
+    }
+    void dropQueuesOnlyAudioAndVideo() {
+        QFETCH(QStringList, dropped);
+        QFETCH(bool, accepted);
+        QFETCH(QStringList, queued);
+        QList<QUrl> urls;
+        for (const QString& name : dropped) {
+            const auto path = m_dir / name.toStdString();
+            if (name.startsWith(QLatin1String("folder"))) {
+                std::filesystem::create_directories(path);
+            } else {
+                std::ofstream(path) << "x";
+            }
+            urls << FilePaths::toUrl(path);
+        }
+        QMimeData data;
+        data.setUrls(urls);
+        const QPoint middle = m_window->rect().center();
+
+        QDragEnterEvent enter(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(m_window.get(), &enter);
+        QVERIFY(enter.isAccepted());
+        QVERIFY(m_window->dropHighlight()->isVisible());
+
+        QDropEvent drop(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(m_window.get(), &drop);
+        QCOMPARE(drop.isAccepted(), accepted);
+        QVERIFY(!m_window->dropHighlight()->isVisible());
+
+        QStringList names;
+        for (const LevelingJob* job : m_fixture->queue.jobs()) {
+            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
+        }
+        QCOMPARE(names, queued);
+        QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+    }
+
+    void dragLeavingRemovesTheHighlight() {
+        QMimeData data;
+        data.setUrls({QueueFixture::file(QStringLiteral("a.wav"))});
+        QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(m_window.get(), &enter);
+        QVERIFY(m_window->dropHighlight()->isVisible());
+        QDragLeaveEvent leave;
+        QApplication::sendEvent(m_window.get(), &leave);
+        QVERIFY(!m_window->dropHighlight()->isVisible());
+        QVERIFY(m_fixture->queue.jobs().isEmpty());
+
+        QMimeData text;
+        text.setText(QStringLiteral("not a file"));
+        QDragEnterEvent textEnter({10, 10}, Qt::CopyAction, &text, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(m_window.get(), &textEnter);
+        QVERIFY(!textEnter.isAccepted());
+        QVERIFY(!m_window->dropHighlight()->isVisible());
+    }
+
+    void welcomeUntilTheFirstJobAndAfterTheLast() {
+        QVERIFY(m_window->welcomePanel()->isVisible());
+        QVERIFY(!m_window->jobList()->isVisible());
+        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.mp4"))});
+        QVERIFY(!m_window->welcomePanel()->isVisible());
+        QVERIFY(m_window->jobList()->isVisible());
+        QCOMPARE(m_window->jobList()->view()->model()->rowCount(), 1);
+        QCOMPARE(m_window->jobList()->findChild<QLabel*>(QStringLiteral("footer"))->text(),
+                 QStringLiteral("Drop more files anywhere in this window"));
+        m_fixture->queue.remove(m_fixture->queue.jobs().first());
+        QVERIFY(m_window->welcomePanel()->isVisible());
+    }
+
+    void clearFinishedShownWhileAJobHasEnded_data() {
+        QTest::addColumn<JobState>("state");
+        QTest::newRow("finished") << JobState::finished();
+        QTest::newRow("failed") << JobState::failed(QStringLiteral("no"));
+        QTest::newRow("cancelled") << JobState::cancelled();
+    }
+    void clearFinishedShownWhileAJobHasEnded() {
+        QFETCH(JobState, state);
+        QAction* clear = m_window->clearFinishedAction();
+        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
+                              QueueFixture::file(QStringLiteral("b.wav"))});
+        QVERIFY(!clear->isVisible());
+        LevelingJob* second = m_fixture->queue.jobs().at(1);
+        second->setState(state);
+        QVERIFY(clear->isVisible());
+        m_fixture->queue.remove(second);
+        QVERIFY(!clear->isVisible());
+        m_fixture->queue.jobs().at(0)->setState(state);
+        QVERIFY(clear->isVisible());
+        clear->trigger();
+        QVERIFY(m_fixture->queue.jobs().isEmpty());
+        QVERIFY(!clear->isVisible());
+    }
+
+    void rowsShowTheirStateAndControl_data() {
+        QTest::addColumn<int>("row");
+        QTest::addColumn<QString>("symbol");
+        QTest::addColumn<QString>("tooltip");
+        QTest::addColumn<bool>("progress");
+        QTest::addColumn<QString>("detail");
+        // Rows of fillWithEveryState.
+        QTest::newRow("running") << 0 << "process-stop"
+                                 << "Cancel" << true << QString();
+        QTest::newRow("waiting") << 1 << "process-stop"
+                                 << "Cancel" << false << QString();
+        QTest::newRow("finished audio")
+            << 2 << "folder-open"
+            << "Show in File Manager" << false
+            << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 talk leveled.m4a");
+        QTest::newRow("finished video with sidecar")
+            << 3 << "folder-open"
+            << "Show in File Manager" << false
+            << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
+                              "leveled.mov + interview leveled.wav");
+        QTest::newRow("failed") << 4 << "edit-delete"
+                                << "Remove" << false << QString();
+        QTest::newRow("cancelled") << 5 << "edit-delete"
+                                   << "Remove" << false << QString();
+    }
+    void rowsShowTheirStateAndControl() {
+        QFETCH(int, row);
+        QFETCH(QString, symbol);
+        QFETCH(QString, tooltip);
+        QFETCH(bool, progress);
+        QFETCH(QString, detail);
+        fillWithEveryState(m_fixture->queue);
+        JobRow* jobRow = m_window->jobList()->rowAt(row);
+        QVERIFY(jobRow);
+        LevelingJob& job = jobRow->job();
+
+        QCOMPARE(jobRow->controlSymbol(), symbol);
+        auto* control = jobRow->findChild<QToolButton*>(QStringLiteral("control"));
+        QCOMPARE(control->toolTip(), tooltip);
+        QCOMPARE(control->accessibleName(), tooltip);
+        auto* bar = jobRow->findChild<QProgressBar*>(QStringLiteral("progress"));
+        QCOMPARE(bar->isVisible(), progress);
+        if (progress) {
+            QCOMPARE(bar->value() * 1.0 / bar->maximum(), 0.4);
+        }
+        auto* status = jobRow->findChild<QLabel*>(QStringLiteral("status"));
+        QCOMPARE(status->text(), job.statusText());
+        auto* detailLabel = jobRow->findChild<ElidedLabel*>(QStringLiteral("detail"));
+        QCOMPARE(detailLabel->isVisible(), !detail.isEmpty());
+        QCOMPARE(detailLabel->fullText(), detail);
+
+        const JobState::Kind kind = job.state().kind;
+        const QUrl source = job.sourceURL();
+        QTest::mouseClick(control, Qt::LeftButton);
+        const bool listed =
+            std::any_of(m_fixture->queue.jobs().begin(), m_fixture->queue.jobs().end(),
+                        [&source](const LevelingJob* j) { return j->sourceURL() == source; });
+        switch (kind) {
+        case JobState::Kind::waiting:
+            QVERIFY(listed);
+            QCOMPARE(job.state().kind, JobState::Kind::cancelled);
+            // The row turns into a removable one at once.
+            QCOMPARE(jobRow->controlSymbol(), QStringLiteral("edit-delete"));
+            break;
+        case JobState::Kind::running:
+            QVERIFY(listed);
+            QVERIFY(job.cancelToken()->isCancelled());
+            break;
+        case JobState::Kind::finished:
+            QVERIFY(listed);
+            // Only the leveled file, never its sidecar.
+            QCOMPARE(m_fixture->revealer.revealed,
+                     QList<QList<QUrl>>{{FilePaths::toUrl(job.report()->outputURL)}});
+            break;
+        case JobState::Kind::failed:
+        case JobState::Kind::cancelled:
+            QVERIFY(!listed);
+            break;
+        }
+    }
+
+    void finishedWithoutReportHasNoControl() {
+        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
+                              QueueFixture::file(QStringLiteral("b.wav"))});
+        m_fixture->queue.jobs().at(1)->setState(JobState::finished());
+        JobRow* row = m_window->jobList()->rowAt(1);
+        QVERIFY(row->controlSymbol().isEmpty());
+        QVERIFY(!row->findChild<QToolButton*>(QStringLiteral("control"))->isVisible());
+        QVERIFY(!row->findChild<QLabel*>(QStringLiteral("detail"))->isVisible());
+    }
+
+    void failureIsRedAndCutAfterTwoLines() {
+        fillWithEveryState(m_fixture->queue);
+        auto* status = m_window->jobList()->rowAt(4)->findChild<QLabel*>(QStringLiteral("status"));
+        QCOMPARE(status->palette().color(QPalette::WindowText).red(), 0xc0);
+        const int line = status->fontMetrics().lineSpacing();
+        QVERIFY(status->height() <= 2 * line);
+        QVERIFY(status->height() > line);
+    }
+
+    void longNamesKeepStartAndExtension() {
+        const QString name = QStringLiteral("a very long recording name that goes on and on and "
+                                            "on until it cannot fit any row at all.wav");
+        m_fixture->queue.add({QueueFixture::file(name)});
+        QApplication::processEvents();
+        auto* label =
+            m_window->jobList()->rowAt(0)->findChild<ElidedLabel*>(QStringLiteral("name"));
+        QCOMPARE(label->fullText(), name);
+        QVERIFY(label->text().contains(QChar(0x2026)));
+        QVERIFY(label->text().startsWith(QStringLiteral("a very")));
+        QVERIFY(label->text().endsWith(QStringLiteral(".wav")));
+    }
+
+    void contextMenuByState_data() {
+        QTest::addColumn<int>("row");
+        QTest::addColumn<QStringList>("items");
+        const QStringList cancel{"Cancel"};
+        const QStringList remove{"Remove"};
+        const QStringList finished{"Show in File Manager", "Open", "--", "Remove"};
+        QTest::newRow("running") << 0 << cancel;
+        QTest::newRow("waiting") << 1 << cancel;
+        QTest::newRow("finished") << 2 << finished;
+        QTest::newRow("finished with sidecar") << 3 << finished;
+        QTest::newRow("failed") << 4 << remove;
+        QTest::newRow("cancelled") << 5 << remove;
+    }
+    void contextMenuByState() {
+        QFETCH(int, row);
+        QFETCH(QStringList, items);
+        fillWithEveryState(m_fixture->queue);
+        LevelingJob* job = m_fixture->queue.jobs().at(row);
+        std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
+        QCOMPARE(menuTitles(*menu), items);
+
+        menu->actions().constLast()->trigger();
+        QVERIFY(!m_fixture->queue.jobs().contains(job));
+    }
+
+    void showInFileManagerSelectsOutputAndSidecar() {
+        fillWithEveryState(m_fixture->queue);
+        std::unique_ptr<QMenu> menu(m_window->contextMenu(*m_fixture->queue.jobs().at(3)));
+        menu->actions().constFirst()->trigger();
+        QCOMPARE(
+            m_fixture->revealer.revealed,
+            (QList<QList<QUrl>>{{QueueFixture::file(QStringLiteral("interview leveled.mov")),
+                                 QueueFixture::file(QStringLiteral("interview leveled.wav"))}}));
+    }
+
+    void deleteCancelsOrRemovesTheSelectedJob() {
+        fillWithEveryState(m_fixture->queue);
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        QListView* view = m_window->jobList()->view();
+        LevelingJob* waiting = m_fixture->queue.jobs().at(1);
+        view->setCurrentIndex(view->model()->index(1, 0));
+        view->setFocus();
+        QTest::keyClick(view, Qt::Key_Delete);
+        QCOMPARE(waiting->state().kind, JobState::Kind::cancelled);
+        QVERIFY(m_fixture->queue.jobs().contains(waiting));
+        QTest::keyClick(view, Qt::Key_Delete);
+        QVERIFY(!m_fixture->queue.jobs().contains(waiting));
+    }
+
+    void copyTakesTheSelectedReport() {
+        fillWithEveryState(m_fixture->queue);
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        QListView* view = m_window->jobList()->view();
+        view->setCurrentIndex(view->model()->index(3, 0));
+        view->setFocus();
+        QTest::keySequence(view, QKeySequence::Copy);
+        QCOMPARE(
+            QGuiApplication::clipboard()->text(),
+            QStringLiteral("interview.mov: -23.4 \u2192 -16.0 LUFS \u00b7 3:25 leveled in 42s\n"
+                           "  gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
+                           "leveled.mov + interview leveled.wav"));
+    }
+
+    void focusFollowsTheFirstJobAndTabReachesTheList() {
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        m_window->welcomePanel()->setFocus();
+        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav"))});
+        QListView* view = m_window->jobList()->view();
+        QCOMPARE(QApplication::focusWidget(), view);
+
+        view->clearFocus();
+        for (int press = 0; press < 6 && QApplication::focusWidget() != view; ++press) {
+            QTest::keyClick(QApplication::focusWidget() ? QApplication::focusWidget()
+                                                        : m_window.get(),
+                            Qt::Key_Tab);
+        }
+        QCOMPARE(QApplication::focusWidget(), view);
+    }
+
+    void checkForUpdatesFollowsTheUpdater() {
+        SwitchableUpdater updater;
+        MainWindow window(m_fixture->queue, updater, nullptr);
+        QVERIFY(!window.checkForUpdatesAction()->isEnabled());
+        updater.setCanCheckForUpdates(true);
+        QVERIFY(window.checkForUpdatesAction()->isEnabled());
+        QSignalSpy started(&updater, &AppUpdater::checkStarted);
+        window.checkForUpdatesAction()->trigger();
+        QCOMPARE(started.count(), 1);
+    }
+
+private:
+    AppUpdater m_updater;
+    TempDir m_dir;
+    std::unique_ptr<QueueFixture> m_fixture;
+    std::unique_ptr<MainWindow> m_window;
+};
+
+QTEST_MAIN(MainWindowTest)
+#include "MainWindowTest.moc"

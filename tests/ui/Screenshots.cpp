@@ -1,0 +1,103 @@
+// Renders the windows in each of their states to PNG files for looking at:
+// ostrand_screenshots OUTPUT_FOLDER. Meant to run under Xvfb.
+#include "UiTestSupport.h"
+#include "ui/AppUpdater.h"
+#include "ui/DropHighlight.h"
+#include "ui/JobList.h"
+#include "ui/MainWindow.h"
+#include "ui/SettingsWindow.h"
+
+#include <QApplication>
+#include <QListView>
+#include <QMenu>
+#include <QScreen>
+#include <QThread>
+
+using namespace ostrand;
+using namespace ostrand::test;
+
+namespace {
+
+QDir output;
+
+void settle() {
+    for (int i = 0; i < 20; ++i) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+    }
+}
+
+void save(QWidget& widget, const QString& name) {
+    settle();
+    widget.grab().save(output.filePath(name + QStringLiteral(".png")));
+}
+
+void saveScreen(const QRect& area, const QString& name) {
+    settle();
+    QGuiApplication::primaryScreen()
+        ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
+        .save(output.filePath(name + QStringLiteral(".png")));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    if (argc != 2) {
+        qCritical("usage: ostrand_screenshots OUTPUT_FOLDER");
+        return 2;
+    }
+    output = QDir(QString::fromLocal8Bit(argv[1]));
+    output.mkpath(QStringLiteral("."));
+    AppUpdater updater;
+
+    {
+        QueueFixture fixture;
+        MainWindow window(fixture.queue, updater, &fixture.revealer);
+        window.move(0, 0);
+        window.show();
+        save(window, QStringLiteral("main-empty"));
+        window.dropHighlight()->show();
+        window.dropHighlight()->raise();
+        save(window, QStringLiteral("main-drop-highlight"));
+        window.dropHighlight()->hide();
+
+        fillWithEveryState(fixture.queue);
+        window.resize(560, 640);
+        save(window, QStringLiteral("main-jobs"));
+        window.resize(window.minimumSize());
+        save(window, QStringLiteral("main-jobs-smallest"));
+        window.resize(560, 640);
+
+        for (const auto& [row, name] : {std::pair{3, QStringLiteral("menu-finished")},
+                                        std::pair{0, QStringLiteral("menu-running")},
+                                        std::pair{4, QStringLiteral("menu-failed")}}) {
+            QListView* view = window.jobList()->view();
+            const QModelIndex index = view->model()->index(row, 0);
+            view->setCurrentIndex(index);
+            const QRect item = view->visualRect(index);
+            const QPoint at = view->viewport()->mapToGlobal(item.center());
+            std::unique_ptr<QMenu> menu(window.contextMenu(*fixture.queue.jobs().at(row), &window));
+            menu->popup(at);
+            settle();
+            const QRect area = window.frameGeometry().united(menu->geometry());
+            saveScreen(area, name);
+            menu->hide();
+        }
+    }
+
+    for (SaveMode mode : allSaveModes) {
+        TestSettings settings;
+        settings.settings.setSaveMode(mode);
+        settings.settings.setExportWAVWithVideo(mode != SaveMode::nextToOriginal);
+        SettingsWindow window(settings.settings, updater);
+        window.show();
+        save(window, QStringLiteral("settings-") + rawValue(mode));
+        if (mode == SaveMode::fixedFolder) {
+            settings.settings.setFixedFolder(QUrl::fromLocalFile(QDir::tempPath()));
+            settings.settings.setOutputChannels(OutputChannels::mono);
+            save(window, QStringLiteral("settings-fixedFolder-chosen"));
+        }
+    }
+    return 0;
+}

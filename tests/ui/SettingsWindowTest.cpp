@@ -1,0 +1,206 @@
+#include "ui/SettingsWindow.h"
+#include "UiTestSupport.h"
+#include "ui/AppUpdater.h"
+#include "ui/ElidedLabel.h"
+
+#include <QAbstractButton>
+#include <QCheckBox>
+#include <QLabel>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSlider>
+#include <QtTest>
+
+using namespace ostrand;
+using namespace ostrand::test;
+
+namespace {
+
+// A radio button takes clicks on its circle and text only.
+void clickRadio(QRadioButton* radio) {
+    QTest::mouseClick(radio, Qt::LeftButton, {}, QPoint(6, radio->height() / 2));
+}
+
+class SwitchableUpdater : public AppUpdater {
+public:
+    using AppUpdater::setCanCheckForUpdates;
+};
+
+} // namespace
+
+class SettingsWindowTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() {
+        m_settings = std::make_unique<TestSettings>();
+        m_window = std::make_unique<SettingsWindow>(m_settings->settings, m_updater);
+        m_window->show();
+    }
+    void cleanup() {
+        m_window.reset();
+        m_settings.reset();
+    }
+
+    void slidersStoreHalfStepsWithinTheirRanges_data() {
+        QTest::addColumn<QString>("slider");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<double>("stored");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("target to the left end")
+            << "Target" << int(Qt::Key_Home) << -24.0 << "-24.0 LUFS";
+        QTest::newRow("target to the right end")
+            << "Target" << int(Qt::Key_End) << -10.0 << "-10.0 LUFS";
+        QTest::newRow("target one step up")
+            << "Target" << int(Qt::Key_Right) << -15.5 << "-15.5 LUFS";
+        QTest::newRow("ceiling to the bottom")
+            << "True-peak ceiling" << int(Qt::Key_Home) << -3.0 << "-3.0 dBTP";
+        QTest::newRow("ceiling to the top")
+            << "True-peak ceiling" << int(Qt::Key_End) << -0.5 << "-0.5 dBTP";
+        QTest::newRow("ceiling one step down")
+            << "True-peak ceiling" << int(Qt::Key_Left) << -1.5 << "-1.5 dBTP";
+    }
+    void slidersStoreHalfStepsWithinTheirRanges() {
+        QFETCH(QString, slider);
+        QFETCH(int, key);
+        QFETCH(double, stored);
+        QFETCH(QString, shown);
+        auto* control = m_window->findChild<QSlider*>(slider);
+        QTest::keyClick(control, static_cast<Qt::Key>(key));
+        const bool isTarget = slider == QStringLiteral("Target");
+        QCOMPARE(isTarget ? m_settings->settings.targetLoudness()
+                          : m_settings->settings.truePeakCeiling(),
+                 stored);
+        QCOMPARE(reopenedStore()
+                     ->value(isTarget ? OstrandSettings::Keys::targetLoudness
+                                      : OstrandSettings::Keys::truePeakCeiling)
+                     .toDouble(),
+                 stored);
+        auto* value = m_window->findChild<QLabel*>(isTarget ? QStringLiteral("targetValue")
+                                                            : QStringLiteral("ceilingValue"));
+        QCOMPARE(value->text(), shown);
+    }
+
+    void controlsFollowChangesMadeElsewhere() {
+        QSignalSpy targetChanged(&m_settings->settings, &OstrandSettings::targetLoudnessChanged);
+        m_settings->settings.setTargetLoudness(-14.0);
+        m_settings->settings.setTruePeakCeiling(-2.0);
+        m_settings->settings.setRevealWhenDone(true);
+        m_settings->settings.setSaveMode(SaveMode::askEveryTime);
+        QCOMPARE(m_window->findChild<QSlider*>(QStringLiteral("Target"))->value(), -28);
+        QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("targetValue"))->text(),
+                 QStringLiteral("-14.0 LUFS"));
+        QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("ceilingValue"))->text(),
+                 QStringLiteral("-2.0 dBTP"));
+        QVERIFY(m_window->findChild<QCheckBox*>(QStringLiteral("revealWhenDone"))->isChecked());
+        QVERIFY(m_window->findChild<QRadioButton*>(QStringLiteral("askEveryTime"))->isChecked());
+        // Following a change writes nothing back.
+        QCOMPARE(targetChanged.count(), 1);
+    }
+
+    void presetsSetTargetThenCeiling_data() {
+        QTest::addColumn<QString>("preset");
+        QTest::addColumn<double>("target");
+        QTest::addColumn<double>("ceiling");
+        for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+            QTest::newRow(qPrintable(preset.name))
+                << preset.name << preset.loudness << preset.ceiling;
+        }
+    }
+    void presetsSetTargetThenCeiling() {
+        QFETCH(QString, preset);
+        QFETCH(double, target);
+        QFETCH(double, ceiling);
+        m_settings->settings.setTruePeakCeiling(-2.5);
+        QTest::mouseClick(m_window->findChild<QAbstractButton*>(preset), Qt::LeftButton);
+        QCOMPARE(m_settings->settings.targetLoudness(), target);
+        QCOMPARE(m_settings->settings.truePeakCeiling(), ceiling);
+        QCOMPARE(m_window->findChild<QSlider*>(QStringLiteral("Target"))->value(),
+                 qRound(target * 2));
+        QCOMPARE(m_window->findChild<QSlider*>(QStringLiteral("True-peak ceiling"))->value(),
+                 qRound(ceiling * 2));
+    }
+
+    void channelSegmentsAndTheirCaption() {
+        auto* caption = m_window->findChild<QLabel*>(QStringLiteral("channelsCaption"));
+        QCOMPARE(caption->text(),
+                 QStringLiteral("Stereo stays stereo and mono stays mono. Multiple "
+                                "audio tracks are mixed together."));
+        QTest::mouseClick(m_window->findChild<QPushButton*>(QStringLiteral("mono")),
+                          Qt::LeftButton);
+        QCOMPARE(m_settings->settings.outputChannels(), OutputChannels::mono);
+        QCOMPARE(caption->text(),
+                 QStringLiteral("Audio is mixed down to a single channel before leveling."));
+        m_settings->settings.setOutputChannels(OutputChannels::keepOriginal);
+        QVERIFY(m_window->findChild<QPushButton*>(QStringLiteral("keepOriginal"))->isChecked());
+        QVERIFY(!m_window->findChild<QPushButton*>(QStringLiteral("mono"))->isChecked());
+    }
+
+    void wavCaptionOnlyWhileTheOptionIsOn() {
+        auto* option = m_window->findChild<QCheckBox*>(QStringLiteral("exportWAVWithVideo"));
+        auto* caption = m_window->findChild<QLabel*>(QStringLiteral("wavCaption"));
+        QVERIFY(!caption->isVisible());
+        QTest::mouseClick(option, Qt::LeftButton);
+        QVERIFY(m_settings->settings.exportWAVWithVideo());
+        QVERIFY(caption->isVisible());
+        QCOMPARE(caption->text(),
+                 QStringLiteral(
+                     "A 24-bit WAV with the same name is written next to the leveled video."));
+        QTest::mouseClick(option, Qt::LeftButton);
+        QVERIFY(!m_settings->settings.exportWAVWithVideo());
+        QVERIFY(!caption->isVisible());
+    }
+
+    void folderRowOnlyForAFixedFolder() {
+        auto* path = m_window->findChild<ElidedLabel*>(QStringLiteral("folderPath"));
+        auto* choose = m_window->findChild<QPushButton*>(QStringLiteral("chooseFolder"));
+        QVERIFY(!choose->isVisible());
+
+        clickRadio(m_window->findChild<QRadioButton*>(QStringLiteral("fixedFolder")));
+        QCOMPARE(m_settings->settings.saveMode(), SaveMode::fixedFolder);
+        QVERIFY(choose->isVisible());
+        QCOMPARE(path->fullText(), QStringLiteral("Not chosen"));
+        const QColor notChosen = path->palette().color(QPalette::WindowText);
+
+        m_settings->settings.setFixedFolder(FilePaths::toUrl(m_dir.path()));
+        QCOMPARE(path->fullText(), *m_settings->settings.fixedFolderDisplayPath());
+        QVERIFY(path->palette().color(QPalette::WindowText) != notChosen);
+
+        clickRadio(m_window->findChild<QRadioButton*>(QStringLiteral("nextToOriginal")));
+        QCOMPARE(m_settings->settings.saveMode(), SaveMode::nextToOriginal);
+        QVERIFY(!choose->isVisible());
+    }
+
+    void revealOptionWritesItsSetting() {
+        QTest::mouseClick(m_window->findChild<QCheckBox*>(QStringLiteral("revealWhenDone")),
+                          Qt::LeftButton);
+        QVERIFY(m_settings->settings.revealWhenDone());
+        QCOMPARE(reopenedStore()->value(OstrandSettings::Keys::revealWhenDone).toBool(), true);
+    }
+
+    void updateControls() {
+        SwitchableUpdater updater;
+        SettingsWindow window(m_settings->settings, updater);
+        auto* check = window.findChild<QPushButton*>(QStringLiteral("checkForUpdates"));
+        QVERIFY(!check->isEnabled());
+        updater.setCanCheckForUpdates(true);
+        QVERIFY(check->isEnabled());
+        auto* automatic =
+            window.findChild<QCheckBox*>(QStringLiteral("automaticallyChecksForUpdates"));
+        QTest::mouseClick(automatic, Qt::LeftButton);
+        QVERIFY(updater.automaticallyChecksForUpdates());
+        updater.setAutomaticallyChecksForUpdates(false);
+        QVERIFY(!automatic->isChecked());
+    }
+
+private:
+    std::unique_ptr<QSettings> reopenedStore() const { return m_settings->store(); }
+
+    AppUpdater m_updater;
+    TempDir m_dir;
+    std::unique_ptr<TestSettings> m_settings;
+    std::unique_ptr<SettingsWindow> m_window;
+};
+
+QTEST_MAIN(SettingsWindowTest)
+#include "SettingsWindowTest.moc"

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "app/AppTestSupport.h"
+#include "app/JobQueue.h"
+
+#include <QDir>
+
+namespace ostrand::test {
+
+// Keeps a run waiting on its save panel for ever, so that the caller decides
+// every job's state itself.
+class SilentPanels : public DestinationPanels {
+public:
+    void askForFile(const SavePanelRequest&, Answer) override { ++asked; }
+    void askForFolder(const FolderPanelRequest&, Answer) override { ++asked; }
+    int asked = 0;
+};
+
+// Records what would be shown in the file manager.
+class RecordingRevealer : public FileRevealer {
+public:
+    using FileRevealer::reveal;
+    void reveal(const QList<QUrl>& files) override { revealed << files; }
+    QList<QList<QUrl>> revealed;
+};
+
+// A queue over settings of its own whose engine is never reached: the first
+// job it starts waits on a save panel that never answers.
+struct QueueFixture {
+    QueueFixture() { settings.settings.setSaveMode(SaveMode::askEveryTime); }
+
+    static QUrl file(const QString& name) {
+        return QUrl::fromLocalFile(QDir::tempPath() + QStringLiteral("/ostrand-ui/") + name);
+    }
+
+    TestSettings settings;
+    SilentPanels panels;
+    RecordingRevealer revealer;
+    JobQueue queue{settings.settings,
+                   {[](auto&&...) -> LevelingReport { throw std::logic_error("not reached"); },
+                    nullptr, &revealer, &panels}};
+};
+
+inline LevelingReport sampleReport(const QString& output, const QString& sidecar = {}) {
+    LevelingReport report;
+    report.outputURL = FilePaths::toPath(QueueFixture::file(output));
+    if (!sidecar.isEmpty()) {
+        report.audioSidecarURL = FilePaths::toPath(QueueFixture::file(sidecar));
+    }
+    report.duration = 205;
+    report.inputLoudness = -23.4;
+    report.outputLoudness = -16.0;
+    report.limiterGainReduction = 1.4;
+    report.minGain = -3.2;
+    report.maxGain = 6.5;
+    return report;
+}
+
+// The job list with one job in every state, in this order: running at 40 %,
+// waiting, finished (audio), finished with a sidecar (video), failed with a
+// three-line message, cancelled.
+inline void fillWithEveryState(JobQueue& queue) {
+    queue.add({QueueFixture::file(QStringLiteral("episode 12 interview with the mayor.wav")),
+               QueueFixture::file(QStringLiteral("intro.mp3")),
+               QueueFixture::file(QStringLiteral("talk.m4a")),
+               QueueFixture::file(QStringLiteral("interview.mov")),
+               QueueFixture::file(QStringLiteral("broken.mp4")),
+               QueueFixture::file(QStringLiteral("outtakes.aiff"))});
+    const auto& jobs = queue.jobs();
+    jobs[0]->setPhase(LevelingPhase::leveling);
+    jobs[0]->setProgress(0.4);
+    for (int finished : {2, 3}) {
+        jobs[finished]->setStartedAt(QDateTime::currentDateTime().addSecs(-42));
+        jobs[finished]->setFinishedAt(QDateTime::currentDateTime());
+    }
+    jobs[2]->setReport(sampleReport(QStringLiteral("talk leveled.m4a")));
+    jobs[2]->setState(JobState::finished());
+    jobs[3]->setReport(sampleReport(QStringLiteral("interview leveled.mov"),
+                                    QStringLiteral("interview leveled.wav")));
+    jobs[3]->setState(JobState::finished());
+    jobs[4]->setState(JobState::failed(QStringLiteral(
+        "The file could not be read: the container ends before its index.\nThe audio track "
+        "header is damaged.\nNothing was written.")));
+    jobs[5]->cancel();
+}
+
+} // namespace ostrand::test
