@@ -33,6 +33,7 @@ QString notesText(const LevelingReport& report) {
         lines.append(line + QLatin1Char('.'));
     }
     return lines.join(QLatin1Char('\n'));
+}
 
 QString detail(const LevelingReport& report) {
     QString text = detailLine(report);

@@ -130,9 +130,9 @@ void JobRow::refresh() {
     m_detail->setFullText(showDetail ? ReportText::detail(*report) : QString());
     if (showDetail && !report->notes.empty()) {
         // What the output could not keep is said once, beside the figures.
-        m_detail->setFullText(ReportText::detail(*report) + QStringLiteral(" \u00b7 ") +
-                              ReportText::notesText(*report).replace(QLatin1Char('\n'),
-                                                                     QLatin1Char(' ')));
+        m_detail->setFullText(
+            ReportText::detail(*report) + QStringLiteral(" \u00b7 ") +
+            ReportText::notesText(*report).replace(QLatin1Char('\n'), QLatin1Char(' ')));
     }
 
     QString tip;
