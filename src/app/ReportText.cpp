@@ -1,11 +1,12 @@
 #include "ReportText.h"
 
-#include <QStringList>
-
 #include "LevelingJob.h"
 
 #include <QByteArray>
 #include <QFile>
+#include <QStringList>
+
+#include <cmath>
 
 namespace ostrand::ReportText {
 
@@ -18,8 +19,11 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
 }
 
 QString detailLine(const LevelingReport& report) {
+    // A gain that rounds to zero reads "+0.0", never "-0.0".
+    const auto signedGain = [](double db) { return std::round(db * 10.0) == 0.0 ? 0.0 : db; };
     return QString::asprintf("gain %+.1f to %+.1f dB \u00b7 limiter %.1f dB \u00b7 ",
-                             report.minGain, report.maxGain, report.limiterGainReduction) +
+                             signedGain(report.minGain), signedGain(report.maxGain),
+                             report.limiterGainReduction) +
            QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
 }
 

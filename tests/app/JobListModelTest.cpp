@@ -118,23 +118,31 @@ private slots:
     void detailNamesTheSidecarAfterThePlus_data() {
         QTest::addColumn<bool>("sidecar");
         QTest::addColumn<QString>("expected");
+        QTest::addColumn<double>("minGain");
         QTest::newRow("audio only")
             << false
-            << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a");
+            << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a")
+            << 0.0;
+        QTest::newRow("a gain just below zero keeps the plus")
+            << false
+            << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a")
+            << -0.04;
         QTest::newRow("video with sidecar")
             << true
             << QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a + "
-                              "a leveled.wav");
+                              "a leveled.wav")
+            << 0.0;
     }
     void detailNamesTheSidecarAfterThePlus() {
         QFETCH(bool, sidecar);
         QFETCH(QString, expected);
+        QFETCH(double, minGain);
         LevelingReport report;
         report.outputURL = "/x/a leveled.m4a";
         if (sidecar) {
             report.audioSidecarURL = "/x/a leveled.wav";
         }
-        report.minGain = 0.0;
+        report.minGain = minGain;
         report.maxGain = 6.5;
         report.limiterGainReduction = 1.4;
         QCOMPARE(ReportText::detail(report), expected);
