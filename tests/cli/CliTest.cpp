@@ -27,6 +27,15 @@
 namespace ostrand {
 namespace {
 
+// Parameterized cases print as their names in test listings, not as bytes.
+template <typename Case>
+requires requires(const Case& c) {
+    c.name;
+}
+void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.name;
+}
+
 namespace fs = std::filesystem;
 
 struct CliRun {

@@ -18,6 +18,15 @@
 namespace ostrand::test {
 namespace {
 
+// Parameterized cases print as their names in test listings, not as bytes.
+template <typename Case>
+requires requires(const Case& c) {
+    c.name;
+}
+void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.name;
+}
+
 namespace fs = std::filesystem;
 
 constexpr double target = -16.0;
@@ -379,6 +388,10 @@ struct NamingCase {
     const char* extension;
     FileType type;
 };
+
+void PrintTo(const NamingCase& c, std::ostream* out) {
+    *out << c.source;
+}
 
 class NamingTest : public ::testing::TestWithParam<NamingCase> {};
 

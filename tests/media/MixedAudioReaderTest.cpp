@@ -15,6 +15,15 @@
 namespace ostrand::test {
 namespace {
 
+// Parameterized cases print as their names in test listings, not as bytes.
+template <typename Case>
+requires requires(const Case& c) {
+    c.name;
+}
+void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.name;
+}
+
 const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 PlanarAudio readAll(const MediaAsset& asset, const SourceAudioFormat& format,

@@ -25,6 +25,15 @@
 namespace ostrand::test {
 namespace {
 
+// Parameterized cases print as their names in test listings, not as bytes.
+template <typename Case>
+requires requires(const Case& c) {
+    c.name;
+}
+void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.name;
+}
+
 namespace fs = std::filesystem;
 using OutputNaming::ExistingFile;
 
