@@ -38,8 +38,8 @@ help      explains a command: "ostrand-cli help level"
 Common options:
   -j, --jobs N         files processed at once (default: the number of cores)
   -r, --recursive      take the media files in folders and their subfolders
-  --input-list FILE    also take the files listed in FILE, one a line ("-" in
-                       the file list reads the list from standard input)
+  --input-list FILE    also take the files listed in FILE, one a line; "-"
+                       among the inputs reads such a list from standard input
   -0                   the lists are separated by NUL characters, not lines
   --include-leveled    also take files named "... leveled.EXT", which are
                        skipped otherwise
