@@ -64,6 +64,9 @@ using IoContextPtr = std::unique_ptr<AVIOContext, IoContextDeleter>;
 // FFmpeg's plain-text description of an error code, e.g. "Permission denied".
 // A code FFmpeg has no words for is never shown as a number.
 inline std::string avErrorText(int code) {
+    if (code == AVERROR_PATCHWELCOME) {
+        return "it uses a feature the media library cannot handle";
+    }
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     if (av_strerror(code, text, sizeof text) < 0) {
         return "an unexpected error in the media library";

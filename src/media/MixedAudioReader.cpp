@@ -124,6 +124,9 @@ public:
         av_channel_layout_default(&m_layout, m_channels);
         m_gapTolerance = std::llround(gapToleranceSeconds * m_rate);
         m_lagAllowance = std::llround(trackLagSeconds * m_rate);
+        if (m_input->start_time != AV_NOPTS_VALUE) {
+            m_fileStart = toPosition(m_input->start_time, AVRational{1, AV_TIME_BASE});
+        }
         m_durationSamples =
             asset.durationSeconds > 0.0
                 ? std::llround((asset.durationSeconds + durationSlackSeconds) * m_rate)
@@ -276,7 +279,16 @@ private:
             position = toPosition(frame.best_effort_timestamp, track.stream->time_base);
         }
         if (!track.firstPosition) {
-            track.firstPosition = position.value_or(track.declaredStart.value_or(0));
+            // A first stamp further into the file than the file is long is
+            // damaged: the track starts where it says it does, or else where
+            // the file starts.
+            if (position && isPlausibleStart(*position)) {
+                track.firstPosition = *position;
+            } else if (track.declaredStart && isPlausibleStart(*track.declaredStart)) {
+                track.firstPosition = *track.declaredStart;
+            } else {
+                track.firstPosition = m_fileStart.value_or(0);
+            }
             track.queueStart = *track.firstPosition;
         } else if (position) {
             const std::int64_t expected =
@@ -299,6 +311,10 @@ private:
         }
         track.queue.commit(converted);
         track.decodedSamples += converted;
+    }
+
+    bool isPlausibleStart(std::int64_t position) const {
+        return !m_durationSamples || !m_fileStart || position - *m_fileStart <= *m_durationSamples;
     }
 
     // Whether a track can reach `position` in a file of the container's
@@ -522,6 +538,7 @@ private:
     int m_rate;
     std::function<bool()> m_interrupted; // polled by FFmpeg's blocking calls
     std::optional<std::int64_t> m_durationSamples;
+    std::optional<std::int64_t> m_fileStart; // of the earliest stream
     AVChannelLayout m_layout{};
     std::int64_t m_gapTolerance = 0;
     std::int64_t m_lagAllowance = 0;

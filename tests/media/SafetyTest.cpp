@@ -189,11 +189,12 @@ TEST(SafetyTest, LeftoversOfDeadRunsAreCleared) {
     EXPECT_TRUE(fs::exists(ours));
 }
 
-// Shifts the presentation time of the middle audio PES packet of an MPEG-TS
-// file by `seconds`: one damaged time stamp, as one changed byte gives.
-void shiftTsTimestamp(const fs::path& path, double seconds) {
+// Shifts the presentation time of an audio PES packet of an MPEG-TS file
+// (the middle one unless `first`) by `seconds`: one damaged time stamp, as
+// one changed byte gives.
+void shiftTsTimestamp(const fs::path& path, double seconds, bool first = false) {
     std::string bytes = contents(path);
-    int index = -1;
+    int index = first ? 0 : -1;
     for (int pass = 0; pass < 2; ++pass) {
         int seen = 0;
         for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
@@ -222,7 +223,7 @@ void shiftTsTimestamp(const fs::path& path, double seconds) {
             std::ofstream(path, std::ios::binary) << bytes;
             return;
         }
-        index = seen / 2;
+        index = first ? 0 : seen / 2;
     }
     throw std::runtime_error("no audio packet");
 }
@@ -259,6 +260,7 @@ TEST(SafetyTest, StreamsAppearingMidFileAreLeftOut) {
 struct JumpCase {
     const char* name;
     double seconds;
+    bool first = false; // the very first audio packet, which sets where the track starts
 };
 
 class TimestampJumpTest : public ::testing::TestWithParam<JumpCase> {};
@@ -270,7 +272,7 @@ TEST_P(TimestampJumpTest, IsReadContiguously) {
     const fs::path source =
         makeMedia(dir / "clip.ts", {.video = {{.seconds = 4.0}}, .audio = {{.seconds = 4.0}}});
     const auto frames = decodeAudio(source).frames();
-    shiftTsTimestamp(source, GetParam().seconds);
+    shiftTsTimestamp(source, GetParam().seconds, GetParam().first);
     // The fixture must hold the jump, or the test proves nothing.
     const auto packets = probeMedia(source).ofType("audio").at(0).packets;
     ASSERT_TRUE(std::any_of(packets.begin(), packets.end(),
@@ -281,8 +283,8 @@ TEST_P(TimestampJumpTest, IsReadContiguously) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Damaged, TimestampJumpTest,
-                         ::testing::Values(JumpCase{"OneHour", 3600.0},
-                                           JumpCase{"OneDay", 86400.0}),
+                         ::testing::Values(JumpCase{"OneHour", 3600.0}, JumpCase{"OneDay", 86400.0},
+                                           JumpCase{"FirstPacketHoursLate", 3 * 3600.0, true}),
                          byName);
 
 // A header that spreads a few seconds over a day claims a long file, and the
