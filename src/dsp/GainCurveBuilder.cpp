@@ -2,6 +2,7 @@
 
 #include "Check.h"
 #include "Loudness.h"
+#include "PauseDetector.h"
 
 #include <algorithm>
 #include <cmath>
@@ -218,6 +219,25 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
             ++activeCount;
         }
     }
+    std::vector<unsigned char> pause;
+    if (p.noiseAwarePauses) {
+        // A loud room passes both gates above; its pauses must not drag the
+        // tracked level down.
+        pause.resize(n);
+        const std::vector<double> noiseFloor = PauseDetector::markPauses(a.meanSquare, pause);
+        for (std::size_t i = 0; i < n; ++i) {
+            // Under a quiet floor the gates above already work: leave the plan alone.
+            if (noiseFloor[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
+                pause[i] = 0;
+                continue;
+            }
+            if (pause[i] != 0 && den[i] != 0.0) {
+                num[i] = 0.0;
+                den[i] = 0.0;
+                --activeCount;
+            }
+        }
+    }
     curve.activeFraction = static_cast<double>(activeCount) / static_cast<double>(n);
 
     // Level of the active frames nearby; pauses are bridged, not tracked.
@@ -229,6 +249,9 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
                                                 : std::numeric_limits<double>::quiet_NaN();
     }
     fillGaps(level);
+    if (p.noiseAwarePauses) {
+        PauseDetector::holdAcrossPauses(level, pause);
+    }
 
     std::vector<double>& raw = den; // reused
     for (std::size_t i = 0; i < n; ++i) {

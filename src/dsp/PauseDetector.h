@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+// Finds the pauses of a recording made in a noisy room or over a quiet bed:
+// stretches where the level stays near the noise floor, however loud that
+// floor is. The floor is a running minimum of short-term power (minimum
+// statistics); speech is what rises a margin above it, and a hangover keeps
+// the weak starts and ends of words with the speech. Pure functions on
+// per-frame levels in dB, 100 frames per second.
+namespace ostrand::PauseDetector {
+
+inline constexpr std::int64_t smoothingFrames = 10;  // short-term power: 100 ms
+inline constexpr std::int64_t floorBlockFrames = 20; // the minimum is taken over 200 ms blocks
+inline constexpr std::int64_t floorReachBlocks = 40; // ... within 8 s either side
+inline constexpr double speechAboveFloorDb = 10.0;   // margin over the floor that counts as speech
+inline constexpr std::int64_t hangoverFrames = 20;   // speech reaches 200 ms past its loud frames
+inline constexpr std::int64_t leadFrames = 50;       // a gain change ends this far before speech
+inline constexpr double quietFloorBelowGateDb =
+    15.0; // a floor this far under the activity floor is clean
+
+// Noise floor in dB for every frame: the quietest 200 ms block power within
+// the reach around the frame's block. `meanSquare` is linear power.
+std::vector<double> noiseFloorDb(std::span<const double> meanSquare);
+
+// pause[i] = 1 when no frame within the hangover of i has a short-term level
+// more than the margin above the floor; 0 otherwise. `pause` must hold as
+// many entries as `meanSquare`. Returns the noise floor it judged against.
+std::vector<double> markPauses(std::span<const double> meanSquare, std::span<unsigned char> pause);
+
+// Holds the tracked level (dB) of every run of pause frames at the louder of
+// its two neighbours, so a pause never gets more gain than the speech on
+// either side; the last (or first) `leadFrames` of the run take the quieter
+// neighbour's level, so the smoothed gain has arrived when that speech starts.
+void holdAcrossPauses(std::span<double> levelDb, std::span<const unsigned char> pause);
+
+} // namespace ostrand::PauseDetector
