@@ -51,6 +51,7 @@ AIFF; FLAC stays FLAC). The file appears only once it is complete.
                      "Match Corvane" (-15), "YouTube / Spotify" (streaming,
                      -14), "Broadcast (EBU R128)" (broadcast, -23)
   --mono             mix the audio down to one channel
+  --noise-aware      keep room noise down in the pauses of noisy recordings
   --wav-sidecar      also write a 24-bit WAV of the leveled audio beside a
                      leveled video
   --output FILE      write the leveled file exactly here (one input only)
@@ -83,6 +84,7 @@ struct Options {
     std::optional<double> ceiling;
     std::optional<LoudnessPreset> preset;
     bool mono = false;
+    bool noiseAware = false;
     bool wavSidecar = false;
     std::optional<fs::path> output;
     std::optional<fs::path> outputDir;
@@ -180,6 +182,8 @@ Options parse(std::span<const std::string> args) {
             options.json = true;
         } else if (option == "--mono") {
             options.mono = true;
+        } else if (option == "--noise-aware") {
+            options.noiseAware = true;
         } else if (option == "--wav-sidecar") {
             options.wavSidecar = true;
         } else if (option == "--target") {
@@ -209,7 +213,7 @@ Options parse(std::span<const std::string> args) {
         throw UsageError{"no files given"};
     }
     const bool levelOnly = options.target || options.ceiling || options.preset || options.mono ||
-                           options.wavSidecar || options.output || options.outputDir;
+                           options.noiseAware || options.wavSidecar || options.output || options.outputDir;
     if (options.command == "measure" && levelOnly) {
         throw UsageError{"measure takes only --json and files"};
     }
@@ -321,7 +325,7 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
     const auto existing = options.output ? OutputNaming::ExistingFile::replace
                                          : OutputNaming::ExistingFile::keepAndNumber;
     const LevelingReport report = LevelingEngine::process(
-        source, destination, existing, LevelingParameters::forTarget(target), ceiling, options.mono,
+        source, destination, existing, LevelingParameters::forTarget(target, options.noiseAware), ceiling, options.mono,
         sidecar, [&](const LevelingProgress& progress) { bar.update(progress); },
         [&] { return environment.interrupted && environment.interrupted(); });
     const double elapsed =
