@@ -213,7 +213,8 @@ Options parse(std::span<const std::string> args) {
         throw UsageError{"no files given"};
     }
     const bool levelOnly = options.target || options.ceiling || options.preset || options.mono ||
-                           options.noiseAware || options.wavSidecar || options.output || options.outputDir;
+                           options.noiseAware || options.wavSidecar || options.output ||
+                           options.outputDir;
     if (options.command == "measure" && levelOnly) {
         throw UsageError{"measure takes only --json and files"};
     }
@@ -325,8 +326,9 @@ void levelOne(const Options& options, const fs::path& source, std::ostream& out,
     const auto existing = options.output ? OutputNaming::ExistingFile::replace
                                          : OutputNaming::ExistingFile::keepAndNumber;
     const LevelingReport report = LevelingEngine::process(
-        source, destination, existing, LevelingParameters::forTarget(target, options.noiseAware), ceiling, options.mono,
-        sidecar, [&](const LevelingProgress& progress) { bar.update(progress); },
+        source, destination, existing, LevelingParameters::forTarget(target, options.noiseAware),
+        ceiling, options.mono, sidecar,
+        [&](const LevelingProgress& progress) { bar.update(progress); },
         [&] { return environment.interrupted && environment.interrupted(); });
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();

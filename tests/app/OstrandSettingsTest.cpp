@@ -27,14 +27,16 @@ private slots:
         row("target", "targetLoudness", -18.5, "-18.5|-1|nextToOriginal|0|keepOriginal|0|0|0");
         row("target as a boolean", "targetLoudness", true, defaults);
         row("ceiling", "truePeakCeiling", -2, "-16|-2|nextToOriginal|0|keepOriginal|0|0|0");
-        row("ask every time", "saveMode", "askEveryTime", "-16|-1|askEveryTime|0|keepOriginal|0|0|0");
+        row("ask every time", "saveMode", "askEveryTime",
+            "-16|-1|askEveryTime|0|keepOriginal|0|0|0");
         row("fixed folder", "saveMode", "fixedFolder", "-16|-1|fixedFolder|0|keepOriginal|0|0|0");
         row("save mode in another case", "saveMode", "FixedFolder", defaults);
         row("reveal", "revealWhenDone", true, "-16|-1|nextToOriginal|1|keepOriginal|0|0|0");
         row("reveal as text", "revealWhenDone", "yes", defaults);
         row("mono", "outputChannels", "mono", "-16|-1|nextToOriginal|0|mono|0|0|0");
         row("unknown channels", "outputChannels", "stereo", defaults);
-        row("wav sidecar", "exportWAVWithVideo", true, "-16|-1|nextToOriginal|0|keepOriginal|1|0|0");
+        row("wav sidecar", "exportWAVWithVideo", true,
+            "-16|-1|nextToOriginal|0|keepOriginal|1|0|0");
         row("noise-aware pauses", "noiseAwarePauses", true,
             "-16|-1|nextToOriginal|0|keepOriginal|0|0|1");
         row("noise-aware pauses as text", "noiseAwarePauses", "true",
