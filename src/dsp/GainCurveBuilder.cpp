@@ -221,17 +221,20 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
     }
     std::vector<unsigned char> pause;
     if (p.noiseAwarePauses) {
-        // A loud room passes both gates above; its pauses must not drag the
-        // tracked level down.
+        // A loud room passes both gates above; its pauses, and the frames of
+        // speech it drowns, must not drag the tracked level down.
         pause.resize(n);
-        const std::vector<double> noiseFloor = PauseDetector::markPauses(a.meanSquare, pause);
+        const PauseDetector::Levels noise = PauseDetector::markPauses(a.meanSquare, pause);
         for (std::size_t i = 0; i < n; ++i) {
             // Under a quiet floor the gates above already work: leave the plan alone.
-            if (noiseFloor[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
+            if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
                 pause[i] = 0;
                 continue;
             }
-            if (pause[i] != 0 && den[i] != 0.0) {
+            const bool inactive =
+                pause[i] != 0 ||
+                PauseDetector::noiseDominated(frameDb[i], noise.floorDb[i], noise.speechDb[i]);
+            if (inactive && den[i] != 0.0) {
                 num[i] = 0.0;
                 den[i] = 0.0;
                 --activeCount;

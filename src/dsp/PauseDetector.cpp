@@ -19,15 +19,14 @@ double decibels(double power) {
 
 } // namespace
 
-std::vector<double> noiseFloorDb(std::span<const double> meanSquare) {
+namespace {
+
+// Power of consecutive blocks of `floorBlockFrames`, in dB.
+std::vector<double> blockLevelsDb(std::span<const double> meanSquare) {
     const std::size_t n = meanSquare.size();
-    if (n == 0) {
-        return {};
-    }
     const auto blockFrames = static_cast<std::size_t>(floorBlockFrames);
-    const std::size_t blocks = (n + blockFrames - 1) / blockFrames;
-    std::vector<double> blockDb(blocks);
-    for (std::size_t b = 0; b < blocks; ++b) {
+    std::vector<double> blockDb((n + blockFrames - 1) / blockFrames);
+    for (std::size_t b = 0; b < blockDb.size(); ++b) {
         const std::size_t lo = b * blockFrames;
         const std::size_t hi = std::min(n, lo + blockFrames);
         double sum = 0.0;
@@ -36,28 +35,47 @@ std::vector<double> noiseFloorDb(std::span<const double> meanSquare) {
         }
         blockDb[b] = decibels(sum / static_cast<double>(hi - lo));
     }
-    const auto reach = static_cast<std::size_t>(floorReachBlocks);
-    std::vector<double> floorOfBlock(blocks);
+    return blockDb;
+}
+
+// For every frame, the smallest (or largest) block level within `reach`
+// blocks of its own.
+std::vector<double> perFrameExtreme(const std::vector<double>& blockDb, std::size_t n,
+                                    std::int64_t reachBlocks, bool largest) {
+    const auto reach = static_cast<std::size_t>(reachBlocks);
+    const std::size_t blocks = blockDb.size();
+    std::vector<double> ofBlock(blocks);
     for (std::size_t b = 0; b < blocks; ++b) {
-        const std::size_t lo = b > reach ? b - reach : 0;
-        const std::size_t hi = std::min(blocks, b + reach + 1);
-        floorOfBlock[b] = *std::min_element(blockDb.begin() + static_cast<std::ptrdiff_t>(lo),
-                                            blockDb.begin() + static_cast<std::ptrdiff_t>(hi));
+        const auto lo = blockDb.begin() + static_cast<std::ptrdiff_t>(b > reach ? b - reach : 0);
+        const auto hi =
+            blockDb.begin() + static_cast<std::ptrdiff_t>(std::min(blocks, b + reach + 1));
+        ofBlock[b] = largest ? *std::max_element(lo, hi) : *std::min_element(lo, hi);
     }
+    const auto blockFrames = static_cast<std::size_t>(floorBlockFrames);
     std::vector<double> out(n);
     for (std::size_t i = 0; i < n; ++i) {
-        out[i] = floorOfBlock[i / blockFrames];
+        out[i] = ofBlock[i / blockFrames];
     }
     return out;
 }
 
-std::vector<double> markPauses(std::span<const double> meanSquare, std::span<unsigned char> pause) {
+} // namespace
+
+std::vector<double> noiseFloorDb(std::span<const double> meanSquare) {
+    return perFrameExtreme(blockLevelsDb(meanSquare), meanSquare.size(), floorReachBlocks, false);
+}
+
+Levels markPauses(std::span<const double> meanSquare, std::span<unsigned char> pause) {
     const std::size_t n = meanSquare.size();
     OSTRAND_REQUIRE(pause.size() == n, "pause mask of the wrong length");
     if (n == 0) {
         return {};
     }
-    std::vector<double> floorDb = noiseFloorDb(meanSquare);
+    const std::vector<double> blockDb = blockLevelsDb(meanSquare);
+    Levels levels{perFrameExtreme(blockDb, n, floorReachBlocks, false),
+                  perFrameExtreme(blockDb, n, speechReachBlocks, true)};
+    const std::vector<double>& floorDb = levels.floorDb;
+    const std::vector<double>& speechDb = levels.speechDb;
 
     // Short-term power: centred sums of `smoothingFrames`, clipped at the ends.
     std::vector<double> prefix(n + 1, 0.0);
@@ -75,8 +93,10 @@ std::vector<double> markPauses(std::span<const double> meanSquare, std::span<uns
         const std::size_t hi = std::min(n, i + (w - w / 2));
         const double shortTermDb =
             decibels((prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo));
-        sinceLoud =
-            shortTermDb > floorDb[i] + speechAboveFloorDb ? 0 : std::min(far, sinceLoud + 1);
+        // Quiet speech over a loud floor is heard at a smaller margin.
+        const double margin =
+            std::clamp(0.5 * (speechDb[i] - floorDb[i]), minSpeechAboveFloorDb, speechAboveFloorDb);
+        sinceLoud = shortTermDb > floorDb[i] + margin ? 0 : std::min(far, sinceLoud + 1);
         distance[i] = sinceLoud;
     }
     sinceLoud = far;
@@ -84,7 +104,11 @@ std::vector<double> markPauses(std::span<const double> meanSquare, std::span<uns
         sinceLoud = distance[i] == 0 ? 0 : std::min(far, sinceLoud + 1);
         pause[i] = std::min(distance[i], sinceLoud) > hangover ? 1 : 0;
     }
-    return floorDb;
+    return levels;
+}
+
+bool noiseDominated(double frameDb, double floorDb, double speechDb) noexcept {
+    return speechDb - floorDb >= clearSpeechAboveFloorDb && frameDb <= floorDb + frameAboveFloorDb;
 }
 
 void holdAcrossPauses(std::span<double> levelDb, std::span<const unsigned char> pause) {

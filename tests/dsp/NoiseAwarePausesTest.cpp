@@ -187,8 +187,7 @@ TEST_P(TwoSpeakers, TwelveDecibelsApartEndClose) {
     const GainCurve curve = plan(a, true);
     const double first = loudnessAfter(p, a, curve, [](std::size_t k) { return k % 2 == 0; });
     const double second = loudnessAfter(p, a, curve, [](std::size_t k) { return k % 2 == 1; });
-    // Aimed at 1.5 LU; a room at -45 dBFS misses it by 0.15 on this programme.
-    EXPECT_LE(std::fabs(first - second), 1.7);
+    EXPECT_LE(std::fabs(first - second), 1.5);
     if (GetParam().bedDbfs > -70.0) { // a clean room keeps the exact plan
         EXPECT_LE(medianPauseRiseDb(p, a, curve), 1.0);
     }
@@ -201,9 +200,7 @@ TEST_P(NoisyRoom, TenDecibelFadeIsEvenedOut) {
     const double first = loudnessAfter(p, a, curve, [](std::size_t k) { return k == 0; });
     const double last =
         loudnessAfter(p, a, curve, [&](std::size_t k) { return k + 1 == p.phrases.size(); });
-    // Aimed at 1 LU; with the faded speech 15 dB over a room at -45 dBFS it
-    // ends up to 2.1 LU apart.
-    EXPECT_LE(std::fabs(first - last), GetParam().bedDbfs == -45.0 ? 2.2 : 1.0);
+    EXPECT_LE(std::fabs(first - last), 1.0);
 }
 
 const auto caseName = [](const testing::TestParamInfo<Case>& param) {
@@ -221,7 +218,8 @@ INSTANTIATE_TEST_SUITE_P(Rooms, TwoSpeakers,
                          testing::Values(Case{"pink_70", Bed::pinkRoom, -70.0},
                                          Case{"pink_55", Bed::pinkRoom, -55.0},
                                          Case{"pink_45", Bed::pinkRoom, -45.0},
-                                         Case{"pink_40", Bed::pinkRoom, -40.0}),
+                                         Case{"pink_40", Bed::pinkRoom, -40.0},
+                                         Case{"white_45", Bed::whiteRoom, -45.0}),
                          caseName);
 
 class CleanSpeech : public testing::TestWithParam<double> {};
@@ -249,12 +247,27 @@ namespace ostrand {
 namespace {
 
 // The definition, frame by frame: a pause is where no frame within the
-// hangover has a 100 ms level more than the margin over the floor.
+// hangover has a 100 ms level more than the margin over the floor; the margin
+// is half the way up to the loudest 200 ms block within 4 s, 4 to 10 dB.
 std::vector<unsigned char> naivePauses(const std::vector<double>& power) {
     const std::vector<double> floorDb = PauseDetector::noiseFloorDb(power);
     const auto n = static_cast<long>(power.size());
+    std::vector<double> blockDb;
+    for (long b = 0; b * 20 < n; ++b) {
+        double sum = 0.0;
+        long count = 0;
+        for (long i = b * 20; i < std::min(n, b * 20 + 20); ++i, ++count) {
+            sum += power[static_cast<std::size_t>(i)];
+        }
+        blockDb.push_back(10.0 * std::log10(sum / static_cast<double>(count) + 1e-14));
+    }
     std::vector<bool> loud(power.size());
     for (long i = 0; i < n; ++i) {
+        double speechDb = -1000.0;
+        for (long b = std::max(0L, i / 20 - 20);
+             b <= std::min(i / 20 + 20, static_cast<long>(blockDb.size()) - 1); ++b) {
+            speechDb = std::max(speechDb, blockDb[static_cast<std::size_t>(b)]);
+        }
         double sum = 0.0;
         long count = 0;
         for (long j = std::max(0L, i - 5); j < std::min(n, i + 5); ++j) {
@@ -262,8 +275,8 @@ std::vector<unsigned char> naivePauses(const std::vector<double>& power) {
             ++count;
         }
         const auto u = static_cast<std::size_t>(i);
-        loud[u] = 10.0 * std::log10(sum / static_cast<double>(count) + 1e-14) >
-                  floorDb[u] + PauseDetector::speechAboveFloorDb;
+        const double margin = std::clamp(0.5 * (speechDb - floorDb[u]), 4.0, 10.0);
+        loud[u] = 10.0 * std::log10(sum / static_cast<double>(count) + 1e-14) > floorDb[u] + margin;
     }
     std::vector<unsigned char> pause(power.size(), 1);
     for (long i = 0; i < n; ++i) {
