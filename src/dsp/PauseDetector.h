@@ -21,7 +21,9 @@ inline constexpr std::int64_t speechReachBlocks = 20; // speech level: loudest b
 inline constexpr double frameAboveFloorDb = 3.0;      // a frame this near the floor is mostly noise
 inline constexpr double clearSpeechAboveFloorDb = 15.0; // ... where speech rises this far above it
 inline constexpr std::int64_t hangoverFrames = 20; // speech reaches 200 ms past its loud frames
-inline constexpr std::int64_t leadFrames = 50;     // a gain change ends this far before speech
+inline constexpr std::int64_t limiterLossFrames =
+    200;                                       // the limiter's loss is taken over 2 s of speech
+inline constexpr std::int64_t leadFrames = 30; // a gain change ends this far before speech
 inline constexpr double quietFloorBelowGateDb =
     15.0; // a floor this far under the activity floor is clean
 
