@@ -14,6 +14,7 @@
 #include "support/ReferenceMeters.h"
 #include "support/Signals.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +41,7 @@ struct Recipe {
     const char* name;
     int speakers;      // 1 or 2, taking turns of three sentences
     double secondLufs; // the second speaker's loudness (the first is at -20)
-    double fadeDb;     // the speech fades by this much over the programme
+    double fadeDb;     // the speech fades by this much mid-programme
     Bed bed;
     double bedLevel; // dBFS RMS for rooms, LUFS for music
     std::uint32_t seed;
@@ -151,14 +152,17 @@ int mix(const std::string& recipeName, const std::filesystem::path& clips, const
         labels.pauses.push_back({speech.size(), speech.size() + pause});
         speech.resize(speech.size() + pause);
     }
-    for (std::size_t i = 0; i < speech.size(); ++i) {
-        speech[i] *=
-            static_cast<float>(std::pow(10.0, -recipe->fadeDb * static_cast<double>(i) /
-                                                  static_cast<double>(speech.size()) / 20.0));
-    }
     if (recipe->fadeDb > 0.0) {
-        // The fade's "speakers": its first five sentences and its last five.
-        std::vector<Span> sentences = labels.speakers[0];
+        // The speech fades between its fifth sentence and its twelfth; the
+        // fade's "speakers" are the five sentences before and the five after.
+        const std::vector<Span> sentences = labels.speakers[0];
+        const std::size_t from = sentences[4].end;
+        const std::size_t to = sentences[11].begin;
+        for (std::size_t i = from; i < speech.size(); ++i) {
+            const double done =
+                std::min(1.0, static_cast<double>(i - from) / static_cast<double>(to - from));
+            speech[i] *= static_cast<float>(std::pow(10.0, -recipe->fadeDb * done / 20.0));
+        }
         labels.speakers = {{sentences.begin(), sentences.begin() + 5},
                            {sentences.end() - 5, sentences.end()}};
     }

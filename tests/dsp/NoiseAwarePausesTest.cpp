@@ -3,6 +3,7 @@
 
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/Loudness.h"
+#include "dsp/TruePeakLimiter.h"
 #include "support/Signals.h"
 
 #include <gtest/gtest.h>
@@ -127,44 +128,74 @@ GainCurve plan(const FrameAnalysis& a, bool noiseAware) {
     return GainCurveBuilder::build(a, LevelingParameters::forTarget(-16.0, noiseAware), -1.0, 0.2);
 }
 
+// The engine's leveling pass: the per-sample gain ramp, then the limiter
+// (-1 dBTP, 5 ms ahead, 200 ms release) with its delay taken out; measured.
+FrameAnalysis render(const test::PlanarAudio& audio, const GainCurve& curve) {
+    test::PlanarAudio out = audio;
+    std::vector<float>& x = out.channels[0];
+    std::vector<float> gain(x.size());
+    fillGainRamp(curve.gainDB, curve.frameLength, 0, gain);
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        x[i] *= gain[i];
+    }
+    TruePeakLimiter limiter(1, rate, -1.0, 5.0, 200.0);
+    const auto latency = static_cast<std::size_t>(limiter.latency());
+    x.resize(x.size() + latency, 0.0f);
+    std::vector<float*> pointers = out.pointers();
+    limiter.process(pointers, out.frames());
+    x.erase(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(latency));
+    return analyse(out);
+}
+
+struct Leveled {
+    FrameAnalysis before;
+    GainCurve curve;
+    FrameAnalysis after;
+};
+
+Leveled level(const Programme& p, bool noiseAware = true) {
+    Leveled l{analyse(p.audio), {}, {}};
+    l.curve = plan(l.before, noiseAware);
+    l.after = render(p.audio, l.curve);
+    return l;
+}
+
+double levelDb(const FrameAnalysis& a, std::size_t begin, std::size_t end) {
+    double sum = 0.0;
+    for (std::size_t i = begin; i < end; ++i) {
+        sum += a.kPower[i];
+    }
+    return 10.0 * std::log10(sum / static_cast<double>(end - begin));
+}
+
 // Level of the inner pause (half a second off each end) against the level of
-// the two seconds of programme on either side, after the planned gain minus
-// before it; the median over the pauses.
-double medianPauseRiseDb(const Programme& p, const FrameAnalysis& a, const GainCurve& curve) {
-    const auto levelDb = [&](std::size_t begin, std::size_t end, bool after) {
-        double sum = 0.0;
-        for (std::size_t i = begin; i < end; ++i) {
-            sum += a.kPower[i] * (after ? std::pow(10.0, curve.gainDB[i] / 10.0) : 1.0);
-        }
-        return 10.0 * std::log10(sum / static_cast<double>(end - begin));
-    };
-    const auto relativeDb = [&](const Span& pause, bool after) {
+// the two seconds of programme on either side, after minus before; the
+// median over the pauses.
+double medianPauseRiseDb(const Programme& p, const Leveled& l) {
+    const auto relativeDb = [&](const FrameAnalysis& a, const Span& pause) {
         const double around =
             10.0 *
-            std::log10(0.5 *
-                       (std::pow(10.0, levelDb(pause.begin - 200, pause.begin, after) / 10.0) +
-                        std::pow(10.0, levelDb(pause.end, pause.end + 200, after) / 10.0)));
-        return levelDb(pause.begin + 50, pause.end - 50, after) - around;
+            std::log10(0.5 * (std::pow(10.0, levelDb(a, pause.begin - 200, pause.begin) / 10.0) +
+                              std::pow(10.0, levelDb(a, pause.end, pause.end + 200) / 10.0)));
+        return levelDb(a, pause.begin + 50, pause.end - 50) - around;
     };
     std::vector<double> rises;
     for (const Span& pause : p.pauses) {
-        rises.push_back(relativeDb(pause, true) - relativeDb(pause, false));
+        rises.push_back(relativeDb(l.after, pause) - relativeDb(l.before, pause));
     }
     std::sort(rises.begin(), rises.end());
     return rises[rises.size() / 2];
 }
 
-// Loudness after the planned gain of the phrases for which `take` holds.
+// Loudness after leveling of the phrases for which `take` holds.
 template <typename Take>
-double loudnessAfter(const Programme& p, const FrameAnalysis& a, const GainCurve& curve,
-                     Take take) {
+double loudnessAfter(const Programme& p, const Leveled& l, Take take) {
     std::vector<double> power;
     for (std::size_t k = 0; k < p.phrases.size(); ++k) {
-        if (!take(k)) {
-            continue;
-        }
-        for (std::size_t i = p.phrases[k].begin; i < p.phrases[k].end; ++i) {
-            power.push_back(a.kPower[i] * std::pow(10.0, curve.gainDB[i] / 10.0));
+        if (take(k)) {
+            power.insert(power.end(),
+                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].begin),
+                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].end));
         }
     }
     return Loudness::integrated(power);
@@ -173,33 +204,30 @@ double loudnessAfter(const Programme& p, const FrameAnalysis& a, const GainCurve
 class NoisyRoom : public testing::TestWithParam<Case> {};
 class TwoSpeakers : public testing::TestWithParam<Case> {};
 
-TEST_P(NoisyRoom, PausesStayAtTheGainOfTheSpeechAround) {
+TEST_P(NoisyRoom, PausesStayAtTheLevelOfTheSpeechAround) {
     const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 0.0, 7);
-    const FrameAnalysis a = analyse(p.audio);
-    const GainCurve curve = plan(a, true);
-    EXPECT_LE(medianPauseRiseDb(p, a, curve), 1.0);
-    EXPECT_NEAR(curve.predictedOutputLoudness, -16.0, 0.05);
+    const Leveled l = level(p);
+    EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
+    EXPECT_NEAR(Loudness::integrated(l.after.kPower), -16.0, 0.5);
 }
 
 TEST_P(TwoSpeakers, TwelveDecibelsApartEndClose) {
     const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 12.0, 0.0, 11);
-    const FrameAnalysis a = analyse(p.audio);
-    const GainCurve curve = plan(a, true);
-    const double first = loudnessAfter(p, a, curve, [](std::size_t k) { return k % 2 == 0; });
-    const double second = loudnessAfter(p, a, curve, [](std::size_t k) { return k % 2 == 1; });
+    const Leveled l = level(p);
+    const double first = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 0; });
+    const double second = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 1; });
     EXPECT_LE(std::fabs(first - second), 1.5);
     if (GetParam().bedDbfs > -70.0) { // a clean room keeps the exact plan
-        EXPECT_LE(medianPauseRiseDb(p, a, curve), 1.0);
+        EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
     }
 }
 
 TEST_P(NoisyRoom, TenDecibelFadeIsEvenedOut) {
     const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 10.0, 13);
-    const FrameAnalysis a = analyse(p.audio);
-    const GainCurve curve = plan(a, true);
-    const double first = loudnessAfter(p, a, curve, [](std::size_t k) { return k == 0; });
+    const Leveled l = level(p);
+    const double first = loudnessAfter(p, l, [](std::size_t k) { return k == 0; });
     const double last =
-        loudnessAfter(p, a, curve, [&](std::size_t k) { return k + 1 == p.phrases.size(); });
+        loudnessAfter(p, l, [&](std::size_t k) { return k + 1 == p.phrases.size(); });
     EXPECT_LE(std::fabs(first - last), 1.0);
 }
 
