@@ -49,6 +49,7 @@ struct Recipe {
 
 const Recipe recipes[] = {
     {"clean-75", 2, -32.0, 0.0, Bed::pink, -75.0, 1},
+    {"room-70", 2, -32.0, 0.0, Bed::pink, -70.0, 7},
     {"room-60", 2, -32.0, 0.0, Bed::pink, -60.0, 2},
     {"room-45", 2, -32.0, 0.0, Bed::pink, -45.0, 3},
     {"room-40", 2, -32.0, 0.0, Bed::brown, -40.0, 4},

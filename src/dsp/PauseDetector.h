@@ -12,20 +12,31 @@
 // per-frame levels in dB, 100 frames per second.
 namespace ostrand::PauseDetector {
 
-inline constexpr std::int64_t smoothingFrames = 10;   // short-term power: 100 ms
-inline constexpr std::int64_t floorBlockFrames = 20;  // the minimum is taken over 200 ms blocks
-inline constexpr std::int64_t floorReachBlocks = 40;  // ... within 8 s either side
-inline constexpr double speechAboveFloorDb = 10.0;    // margin over the floor that counts as speech
-inline constexpr double minSpeechAboveFloorDb = 4.0;  // ... at least, for speech barely above it
-inline constexpr std::int64_t speechReachBlocks = 20; // speech level: loudest block within 4 s
-inline constexpr double frameAboveFloorDb = 3.0;      // a frame this near the floor is mostly noise
-inline constexpr double clearSpeechAboveFloorDb = 15.0; // ... where speech rises this far above it
-inline constexpr std::int64_t hangoverFrames = 20; // speech reaches 200 ms past its loud frames
-inline constexpr std::int64_t limiterLossFrames =
-    200;                                       // the limiter's loss is taken over 2 s of speech
-inline constexpr std::int64_t leadFrames = 30; // a gain change ends this far before speech
-inline constexpr double quietFloorBelowGateDb =
-    15.0; // a floor this far under the activity floor is clean
+// Short-term power: 100 ms.
+inline constexpr std::int64_t smoothingFrames = 10;
+// The floor: the quietest 200 ms block within 8 s either side.
+inline constexpr std::int64_t floorBlockFrames = 20;
+inline constexpr std::int64_t floorReachBlocks = 40;
+// The speech nearby: the loudest block within 4 s either side.
+inline constexpr std::int64_t speechReachBlocks = 20;
+// Speech rises half the way from the floor to the speech nearby above the
+// floor, but at least 4 dB and at most 10 dB: a music bed's swells stay under
+// 10 dB, a quiet speaker in a loud room is found at a smaller margin.
+inline constexpr double speechAboveFloorDb = 10.0;
+inline constexpr double minSpeechAboveFloorDb = 4.0;
+// Speech reaches 200 ms past its loud frames: weak onsets and word ends.
+inline constexpr std::int64_t hangoverFrames = 20;
+// A frame within 3 dB of the floor is mostly noise, where speech stands 15 dB
+// or more above the floor.
+inline constexpr double frameAboveFloorDb = 3.0;
+inline constexpr double clearSpeechAboveFloorDb = 15.0;
+// A gain change across a pause ends 300 ms before the speech it is for.
+inline constexpr std::int64_t leadFrames = 30;
+// The limiter's loss is judged on the 2 s of speech either side of a pause.
+inline constexpr std::int64_t limiterLossFrames = 200;
+// A floor this far under the activity floor of the plan is clean: the plan's
+// own gates already keep such pauses out.
+inline constexpr double quietFloorBelowGateDb = 15.0;
 
 // Noise floor in dB for every frame: the quietest 200 ms block power within
 // the reach around the frame's block. `meanSquare` is linear power.
