@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <sstream>
+#include <string>
 #include <vector>
 
 namespace ostrand::pauses {
@@ -34,6 +35,7 @@ std::vector<float> programme(double seconds, const std::vector<Span>& pauses, do
 }
 
 struct RiseCase {
+    const char* name;
     double afterPauseDb; // pause level after, tone stays at -20
     double afterToneDb;
     double rise;
@@ -49,9 +51,13 @@ TEST_P(PauseRise, IsThePauseLevelAgainstTheSpeechAfterMinusBefore) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, PauseRise,
-                         testing::Values(RiseCase{-50.0, -20.0, 0.0}, RiseCase{-44.0, -20.0, 6.0},
-                                         RiseCase{-40.0, -10.0, 0.0}, // one gain throughout
-                                         RiseCase{-56.0, -20.0, -6.0}));
+                         testing::Values(RiseCase{"unchanged", -50.0, -20.0, 0.0},
+                                         RiseCase{"pause_up", -44.0, -20.0, 6.0},
+                                         RiseCase{"one_gain", -40.0, -10.0, 0.0},
+                                         RiseCase{"pause_down", -56.0, -20.0, -6.0}),
+                         [](const testing::TestParamInfo<RiseCase>& param) {
+                             return std::string(param.param.name);
+                         });
 
 TEST(PauseRise, MedianOfTheLongPausesOnly) {
     // Rises of 0, 3 and 9 dB; a short pause of 20 dB does not count.
