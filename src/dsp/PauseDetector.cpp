@@ -88,15 +88,19 @@ Levels markPauses(std::span<const double> meanSquare, std::span<unsigned char> p
     constexpr std::size_t far = std::numeric_limits<std::size_t>::max() / 2;
     std::vector<std::size_t> distance(n);
     std::size_t sinceLoud = far;
+    const auto blockFrames = static_cast<std::size_t>(floorBlockFrames);
+    double loudPower = 0.0; // the threshold in power, the same for a whole block
     for (std::size_t i = 0; i < n; ++i) {
+        if (i % blockFrames == 0) {
+            // Quiet speech over a loud floor is heard at a smaller margin.
+            const double margin = std::clamp(0.5 * (speechDb[i] - floorDb[i]),
+                                             minSpeechAboveFloorDb, speechAboveFloorDb);
+            loudPower = std::pow(10.0, (floorDb[i] + margin) / 10.0) - powerEpsilon;
+        }
         const std::size_t lo = i >= w / 2 ? i - w / 2 : 0;
         const std::size_t hi = std::min(n, i + (w - w / 2));
-        const double shortTermDb =
-            decibels((prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo));
-        // Quiet speech over a loud floor is heard at a smaller margin.
-        const double margin =
-            std::clamp(0.5 * (speechDb[i] - floorDb[i]), minSpeechAboveFloorDb, speechAboveFloorDb);
-        sinceLoud = shortTermDb > floorDb[i] + margin ? 0 : std::min(far, sinceLoud + 1);
+        const double shortTerm = (prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo);
+        sinceLoud = shortTerm > loudPower ? 0 : std::min(far, sinceLoud + 1);
         distance[i] = sinceLoud;
     }
     sinceLoud = far;
