@@ -20,9 +20,9 @@ inline constexpr std::int64_t floorReachBlocks = 40;
 // The speech nearby: the loudest block within 4 s either side.
 inline constexpr std::int64_t speechReachBlocks = 20;
 // Speech rises half the way from the floor to the speech nearby above the
-// floor, but at least 4 dB and at most 10 dB: a music bed's swells stay under
-// 10 dB, a quiet speaker in a loud room is found at a smaller margin.
-inline constexpr double speechAboveFloorDb = 10.0;
+// floor, but at least 4 dB and at most 14 dB: a music bed's swells stay under
+// 14 dB, a quiet speaker in a loud room is found at a smaller margin.
+inline constexpr double speechAboveFloorDb = 14.0;
 inline constexpr double minSpeechAboveFloorDb = 4.0;
 // Speech reaches 200 ms past its loud frames: weak onsets and word ends.
 inline constexpr std::int64_t hangoverFrames = 20;

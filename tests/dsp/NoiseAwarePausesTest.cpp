@@ -276,7 +276,7 @@ namespace {
 
 // The definition, frame by frame: a pause is where no frame within the
 // hangover has a 100 ms level more than the margin over the floor; the margin
-// is half the way up to the loudest 200 ms block within 4 s, 4 to 10 dB.
+// is half the way up to the loudest 200 ms block within 4 s, 4 to 14 dB.
 std::vector<unsigned char> naivePauses(const std::vector<double>& power) {
     const std::vector<double> floorDb = PauseDetector::noiseFloorDb(power);
     const auto n = static_cast<long>(power.size());
@@ -303,7 +303,7 @@ std::vector<unsigned char> naivePauses(const std::vector<double>& power) {
             ++count;
         }
         const auto u = static_cast<std::size_t>(i);
-        const double margin = std::clamp(0.5 * (speechDb - floorDb[u]), 4.0, 10.0);
+        const double margin = std::clamp(0.5 * (speechDb - floorDb[u]), 4.0, 14.0);
         loud[u] = 10.0 * std::log10(sum / static_cast<double>(count) + 1e-14) > floorDb[u] + margin;
     }
     std::vector<unsigned char> pause(power.size(), 1);
