@@ -95,10 +95,29 @@ void BM_TruePeakLimiter(benchmark::State& state) {
 }
 BENCHMARK(BM_TruePeakLimiter)->Unit(benchmark::kMillisecond);
 
-// One hour of frames: the analysis of 20 s repeated to 360,000 frames.
+// The programme in a room whose noise sits at -45 dBFS.
+const test::PlanarAudio& noisyProgramme() {
+    static const test::PlanarAudio audio = [] {
+        test::PlanarAudio a = programme();
+        const test::PlanarAudio noise = test::pinkNoise(
+            sampleRate, channels, static_cast<double>(a.frames()) / sampleRate, -45.0, 2);
+        for (std::size_t c = 0; c < a.channels.size(); ++c) {
+            for (std::size_t i = 0; i < a.channels[c].size(); ++i) {
+                a.channels[c][i] += noise.channels[c][i];
+            }
+        }
+        return a;
+    }();
+    return audio;
+}
+
+// One hour of frames: the analysis of 20 s repeated to 360,000 frames. The
+// arguments: the pause mode (0 the default plan, 1 noise-aware pauses) and
+// the programme (0 as recorded, 1 in a noisy room).
 void BM_GainCurveBuildOneHour(benchmark::State& state) {
+    const test::PlanarAudio& audio = state.range(1) != 0 ? noisyProgramme() : programme();
     FrameAnalyzer analyzer(sampleRate, channels);
-    analyzer.append(programme().constPointers(), programme().frames());
+    analyzer.append(audio.constPointers(), audio.frames());
     const FrameAnalysis part = analyzer.analysis();
     FrameAnalysis hour = part;
     hour.meanSquare.clear();
@@ -113,14 +132,19 @@ void BM_GainCurveBuildOneHour(benchmark::State& state) {
         hour.peak.insert(hour.peak.end(), part.peak.begin(),
                          part.peak.begin() + static_cast<std::ptrdiff_t>(take));
     }
+    const auto parameters = LevelingParameters::forTarget(-16.0, state.range(0) != 0);
     for (auto _ : state) {
-        const GainCurve curve =
-            GainCurveBuilder::build(hour, LevelingParameters::forTarget(-16.0), -1.0, 0.2);
+        const GainCurve curve = GainCurveBuilder::build(hour, parameters, -1.0, 0.2);
         benchmark::DoNotOptimize(curve.gainDB.data());
     }
     state.counters["frames"] = static_cast<double>(hour.meanSquare.size());
 }
-BENCHMARK(BM_GainCurveBuildOneHour)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GainCurveBuildOneHour)
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 

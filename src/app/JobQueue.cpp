@@ -267,7 +267,8 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(source)) {
         sidecar = OutputNaming::sidecarLocation(destination);
     }
-    const auto parameters = LevelingParameters::forTarget(m_settings.targetLoudness());
+    const auto parameters =
+        LevelingParameters::forTarget(m_settings.targetLoudness(), m_settings.noiseAwarePauses());
     const double truePeakCeiling = m_settings.truePeakCeiling();
     const bool forceMono = m_settings.outputChannels() == OutputChannels::mono;
 

@@ -151,6 +151,7 @@ void OstrandSettings::load() {
     m_revealWhenDone = booleanIn(store.value(Keys::revealWhenDone)).value_or(false);
     m_outputChannels = outputChannelsFromRawValue(stringIn(store.value(Keys::outputChannels)));
     m_exportWAVWithVideo = booleanIn(store.value(Keys::exportWAVWithVideo)).value_or(false);
+    m_noiseAwarePauses = booleanIn(store.value(Keys::noiseAwarePauses)).value_or(false);
     const QVariant bookmark = store.value(Keys::fixedFolderBookmark);
     if (bookmark.metaType().id() == QMetaType::QByteArray) {
         m_fixedFolderBookmark = bookmark.toByteArray();
@@ -205,6 +206,11 @@ void OstrandSettings::setOutputChannels(OutputChannels channels) {
 void OstrandSettings::setExportWAVWithVideo(bool exportWAV) {
     assign(Keys::exportWAVWithVideo, exportWAV, m_exportWAVWithVideo, exportWAV,
            &OstrandSettings::exportWAVWithVideoChanged);
+}
+
+void OstrandSettings::setNoiseAwarePauses(bool noiseAware) {
+    assign(Keys::noiseAwarePauses, noiseAware, m_noiseAwarePauses, noiseAware,
+           &OstrandSettings::noiseAwarePausesChanged);
 }
 
 void OstrandSettings::setFixedFolderBookmark(const std::optional<QByteArray>& bookmark) {

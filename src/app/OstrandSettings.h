@@ -62,6 +62,8 @@ class OstrandSettings : public QObject {
                    NOTIFY outputChannelsChanged)
     Q_PROPERTY(bool exportWAVWithVideo READ exportWAVWithVideo WRITE setExportWAVWithVideo NOTIFY
                    exportWAVWithVideoChanged)
+    Q_PROPERTY(bool noiseAwarePauses READ noiseAwarePauses WRITE setNoiseAwarePauses NOTIFY
+                   noiseAwarePausesChanged)
     Q_PROPERTY(std::optional<QByteArray> fixedFolderBookmark READ fixedFolderBookmark WRITE
                    setFixedFolderBookmark NOTIFY fixedFolderBookmarkChanged)
     Q_PROPERTY(ostrand::OstrandSettings::Grants folderGrants READ folderGrants WRITE setFolderGrants
@@ -80,6 +82,7 @@ public:
         static constexpr auto revealWhenDone = "revealWhenDone";
         static constexpr auto outputChannels = "outputChannels";
         static constexpr auto exportWAVWithVideo = "exportWAVWithVideo";
+        static constexpr auto noiseAwarePauses = "noiseAwarePauses";
         static constexpr auto fixedFolderBookmark = "fixedFolderBookmark";
         static constexpr auto folderGrants = "folderAccessBookmarks";
     };
@@ -101,6 +104,8 @@ public:
     bool revealWhenDone() const { return m_revealWhenDone; }
     OutputChannels outputChannels() const { return m_outputChannels; }
     bool exportWAVWithVideo() const { return m_exportWAVWithVideo; }
+    // Keep room noise down in the pauses of noisy recordings.
+    bool noiseAwarePauses() const { return m_noiseAwarePauses; }
     const std::optional<QByteArray>& fixedFolderBookmark() const { return m_fixedFolderBookmark; }
     const Grants& folderGrants() const { return m_folderGrants; }
 
@@ -110,6 +115,7 @@ public:
     void setRevealWhenDone(bool reveal);
     void setOutputChannels(OutputChannels channels);
     void setExportWAVWithVideo(bool exportWAV);
+    void setNoiseAwarePauses(bool noiseAware);
     // Nothing removes the key from the store.
     void setFixedFolderBookmark(const std::optional<QByteArray>& bookmark);
     void setFolderGrants(const Grants& grants);
@@ -145,6 +151,7 @@ signals:
     void revealWhenDoneChanged();
     void outputChannelsChanged();
     void exportWAVWithVideoChanged();
+    void noiseAwarePausesChanged();
     void fixedFolderBookmarkChanged();
     void folderGrantsChanged();
 
@@ -164,6 +171,7 @@ private:
     bool m_revealWhenDone = false;
     OutputChannels m_outputChannels = OutputChannels::keepOriginal;
     bool m_exportWAVWithVideo = false;
+    bool m_noiseAwarePauses = false;
     std::optional<QByteArray> m_fixedFolderBookmark;
     Grants m_folderGrants;
 };

@@ -333,7 +333,8 @@ private:
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
         const LevelingReport report = LevelingEngine::process(
-            source, plan.destination, plan.existing, LevelingParameters::forTarget(target), ceiling,
+            source, plan.destination, plan.existing,
+            LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
             m_options.mono, plan.sidecar,
             [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());

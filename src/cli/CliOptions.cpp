@@ -67,6 +67,7 @@ never replaced without --force.
   --preset NAME        a preset from "ostrand-cli presets" ("podcast",
                        "streaming", "broadcast" or part of a name)
   --mono               mix the audio down to one channel
+  --noise-aware        keep room noise down in the pauses of noisy recordings
   --wav-sidecar        also write a 24-bit WAV of the leveled audio beside a
                        leveled video
   -o, --output FILE    write the leveled file exactly here (one input only)
@@ -156,6 +157,7 @@ constexpr OptionSpec specs[] = {
     {"h", "help", nullptr, false},          {nullptr, "version", nullptr, false},
     {nullptr, "target", "LUFS", true},      {nullptr, "ceiling", "DBTP", true},
     {nullptr, "preset", "NAME", true},      {nullptr, "mono", nullptr, true},
+    {nullptr, "noise-aware", nullptr, true},
     {nullptr, "wav-sidecar", nullptr, true}, {"o", "output", "FILE", true},
     {nullptr, "output-dir", "DIR", true},   {nullptr, "json", nullptr, false},
     {"j", "jobs", "N", false},              {"r", "recursive", nullptr, false},
@@ -304,6 +306,7 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         o.preset = presetNamed(*text);
     }
     o.mono = set("mono");
+    o.noiseAware = set("noise-aware");
     o.wavSidecar = set("wav-sidecar");
     if (const auto text = value("output")) {
         o.output = fs::path(*text);

@@ -2,6 +2,7 @@
 
 #include "Check.h"
 #include "Loudness.h"
+#include "PauseDetector.h"
 
 #include <algorithm>
 #include <cmath>
@@ -76,6 +77,67 @@ void predictPowers(const FrameAnalysis& a, const std::vector<double>& gainDb, do
         env = std::max(over, decay * (env - 1.0) + 1.0);
         out[i] = (a.kPower[i] * gl) * gl / (env * env);
     }
+}
+
+// The limiter takes speech down but leaves the pauses between it alone, so
+// a pause would come out louder against its speech than before by what the
+// limiter took. Lowers each pause's gain by that, as the model predicts it
+// on the two seconds of speech either side; the step is smoothed like the
+// gain, and the hangover keeps most of it off the speech. False when no
+// pause needed it.
+bool lowerPausesByLimiterLoss(const FrameAnalysis& a, std::span<const unsigned char> pause,
+                              double ceiling, double decay, double sigma, std::vector<double>& g) {
+    const std::size_t n = g.size();
+    const auto around = static_cast<std::size_t>(PauseDetector::limiterLossFrames);
+    std::vector<double> before(n);
+    std::vector<double> after(n);
+    double env = 1.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double gl = amplitude(g[i]);
+        const double over = std::max(a.peak[i] * gl / ceiling, 1.0);
+        env = std::max(over, decay * (env - 1.0) + 1.0);
+        before[i] = (a.kPower[i] * gl) * gl;
+        after[i] = before[i] / (env * env);
+    }
+    std::vector<double> adjustment(n, 0.0);
+    bool any = false;
+    std::size_t i = 0;
+    while (i < n) {
+        if (pause[i] == 0) {
+            ++i;
+            continue;
+        }
+        const std::size_t begin = i;
+        while (i < n && pause[i] != 0) {
+            ++i;
+        }
+        const std::size_t end = i;
+        double sumBefore = 0.0;
+        double sumAfter = 0.0;
+        const std::size_t lo = begin > around ? begin - around : 0;
+        const std::size_t hi = std::min(n, end + around);
+        for (std::size_t k = lo; k < hi; ++k) {
+            if (pause[k] == 0) {
+                sumBefore += before[k];
+                sumAfter += after[k];
+            }
+        }
+        if (!(sumAfter > 0.0) || !(sumBefore > sumAfter)) {
+            continue;
+        }
+        const double lossDb = 10.0 * std::log10(sumBefore / sumAfter);
+        std::fill(adjustment.begin() + static_cast<std::ptrdiff_t>(begin),
+                  adjustment.begin() + static_cast<std::ptrdiff_t>(end), -lossDb);
+        any = true;
+    }
+    if (!any) {
+        return false;
+    }
+    const std::vector<double> smoothed = gaussianFilter(adjustment, sigma);
+    for (std::size_t k = 0; k < n; ++k) {
+        g[k] += smoothed[k];
+    }
+    return true;
 }
 
 } // namespace
@@ -218,6 +280,28 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
             ++activeCount;
         }
     }
+    std::vector<unsigned char> pause;
+    if (p.noiseAwarePauses) {
+        // A loud room passes both gates above; its pauses, and the frames of
+        // speech it drowns, must not drag the tracked level down.
+        pause.resize(n);
+        const PauseDetector::Levels noise = PauseDetector::markPauses(a.meanSquare, pause);
+        for (std::size_t i = 0; i < n; ++i) {
+            // Under a quiet floor the gates above already work: leave the plan alone.
+            if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
+                pause[i] = 0;
+                continue;
+            }
+            const bool inactive =
+                pause[i] != 0 ||
+                PauseDetector::noiseDominated(frameDb[i], noise.floorDb[i], noise.speechDb[i]);
+            if (inactive && den[i] != 0.0) {
+                num[i] = 0.0;
+                den[i] = 0.0;
+                --activeCount;
+            }
+        }
+    }
     curve.activeFraction = static_cast<double>(activeCount) / static_cast<double>(n);
 
     // Level of the active frames nearby; pauses are bridged, not tracked.
@@ -229,6 +313,9 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
                                                 : std::numeric_limits<double>::quiet_NaN();
     }
     fillGaps(level);
+    if (p.noiseAwarePauses) {
+        PauseDetector::holdAcrossPauses(level, pause);
+    }
 
     std::vector<double>& raw = den; // reused
     for (std::size_t i = 0; i < n; ++i) {
@@ -240,20 +327,31 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
     const double ceiling = amplitude(limiterCeilingDB);
     const double decay = std::exp(-1.0 / (limiterReleaseSeconds * framesPerSecond));
     std::vector<double>& predictedPower = local; // reused
-    double predicted = 0.0;
-    for (int prediction = 1;; ++prediction) {
-        predictPowers(a, g, ceiling, decay, predictedPower);
-        predicted = Loudness::integrated(predictedPower);
-        if (std::fabs(p.targetLoudness - predicted) < loudnessToleranceLu) {
-            break;
+    const auto meetTarget = [&] {
+        double predicted = 0.0;
+        for (int prediction = 1;; ++prediction) {
+            predictPowers(a, g, ceiling, decay, predictedPower);
+            predicted = Loudness::integrated(predictedPower);
+            if (std::fabs(p.targetLoudness - predicted) < loudnessToleranceLu) {
+                break;
+            }
+            const double delta = p.targetLoudness - predicted;
+            for (double& gain : g) {
+                gain = clampGain(gain + delta, p);
+            }
+            if (prediction == maxPredictions) {
+                break;
+            }
         }
-        const double delta = p.targetLoudness - predicted;
-        for (double& gain : g) {
-            gain = clampGain(gain + delta, p);
-        }
-        if (prediction == maxPredictions) {
-            break;
-        }
+        return predicted;
+    };
+    double predicted = meetTarget();
+
+    if (p.noiseAwarePauses && lowerPausesByLimiterLoss(a, pause, ceiling, decay,
+                                                       p.gainSmoothingSigma * framesPerSecond, g)) {
+        // Quieter pauses fall under the relative gate and the loudness rises:
+        // meet the target again.
+        predicted = meetTarget();
     }
 
     curve.gainDB = std::move(g);

@@ -2,8 +2,8 @@
 
 namespace ostrand {
 
-// What the gain planner aims for. Only the target comes from the user; the
-// other six are the algorithm's fixed tuning for speech.
+// What the gain planner aims for. The target and the pause mode come from the
+// user; the other six are the algorithm's fixed tuning for speech.
 struct LevelingParameters {
     double targetLoudness = -16.0;    // LUFS
     double trackingSigma = 0.9;       // seconds, Gaussian tracking the level of active frames
@@ -12,10 +12,14 @@ struct LevelingParameters {
     double maxBoost = 24.0;           // dB
     double maxCut = 30.0;             // dB, positive
     double gainSmoothingSigma = 0.15; // seconds
+    // Judges pauses against the recording's own noise floor, so that a noisy
+    // room or a music bed between phrases is not leveled up like speech.
+    bool noiseAwarePauses = false;
 
-    static LevelingParameters forTarget(double targetLoudness) {
+    static LevelingParameters forTarget(double targetLoudness, bool noiseAwarePauses = false) {
         LevelingParameters parameters;
         parameters.targetLoudness = targetLoudness;
+        parameters.noiseAwarePauses = noiseAwarePauses;
         return parameters;
     }
 };

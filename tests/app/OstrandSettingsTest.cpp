@@ -1,5 +1,6 @@
 #include "AppTestSupport.h"
 
+#include <QSignalSpy>
 #include <QTest>
 #include <QTextStream>
 
@@ -19,23 +20,30 @@ private slots:
                             const char* expected) {
             QTest::newRow(name) << key << stored << expected;
         };
-        const char* defaults = "-16|-1|nextToOriginal|0|keepOriginal|0|0";
+        const char* defaults = "-16|-1|nextToOriginal|0|keepOriginal|0|0|0";
         const auto* grants = OstrandSettings::Keys::folderGrants;
         const QVariant bytes = QByteArray("/a");
         row("only an unknown key", "unknown", 1, defaults);
-        row("target", "targetLoudness", -18.5, "-18.5|-1|nextToOriginal|0|keepOriginal|0|0");
+        row("target", "targetLoudness", -18.5, "-18.5|-1|nextToOriginal|0|keepOriginal|0|0|0");
         row("target as a boolean", "targetLoudness", true, defaults);
-        row("ceiling", "truePeakCeiling", -2, "-16|-2|nextToOriginal|0|keepOriginal|0|0");
-        row("ask every time", "saveMode", "askEveryTime", "-16|-1|askEveryTime|0|keepOriginal|0|0");
-        row("fixed folder", "saveMode", "fixedFolder", "-16|-1|fixedFolder|0|keepOriginal|0|0");
+        row("ceiling", "truePeakCeiling", -2, "-16|-2|nextToOriginal|0|keepOriginal|0|0|0");
+        row("ask every time", "saveMode", "askEveryTime",
+            "-16|-1|askEveryTime|0|keepOriginal|0|0|0");
+        row("fixed folder", "saveMode", "fixedFolder", "-16|-1|fixedFolder|0|keepOriginal|0|0|0");
         row("save mode in another case", "saveMode", "FixedFolder", defaults);
-        row("reveal", "revealWhenDone", true, "-16|-1|nextToOriginal|1|keepOriginal|0|0");
+        row("reveal", "revealWhenDone", true, "-16|-1|nextToOriginal|1|keepOriginal|0|0|0");
         row("reveal as text", "revealWhenDone", "yes", defaults);
-        row("mono", "outputChannels", "mono", "-16|-1|nextToOriginal|0|mono|0|0");
+        row("mono", "outputChannels", "mono", "-16|-1|nextToOriginal|0|mono|0|0|0");
         row("unknown channels", "outputChannels", "stereo", defaults);
-        row("wav sidecar", "exportWAVWithVideo", true, "-16|-1|nextToOriginal|0|keepOriginal|1|0");
+        row("wav sidecar", "exportWAVWithVideo", true,
+            "-16|-1|nextToOriginal|0|keepOriginal|1|0|0");
+        row("noise-aware pauses", "noiseAwarePauses", true,
+            "-16|-1|nextToOriginal|0|keepOriginal|0|0|1");
+        row("noise-aware pauses as text", "noiseAwarePauses", "true",
+            "-16|-1|nextToOriginal|0|keepOriginal|0|0|1");
+        row("noise-aware pauses as a number", "noiseAwarePauses", 1, defaults);
         row("grants", grants, QVariantMap{{"/a", bytes}},
-            "-16|-1|nextToOriginal|0|keepOriginal|0|1");
+            "-16|-1|nextToOriginal|0|keepOriginal|0|1|0");
         row("grants, one not bytes", grants, QVariantMap{{"/a", bytes}, {"/b", "/b"}}, defaults);
     }
 
@@ -50,8 +58,20 @@ private slots:
         QTextStream(&values) << s.targetLoudness() << '|' << s.truePeakCeiling() << '|'
                              << rawValue(s.saveMode()) << '|' << s.revealWhenDone() << '|'
                              << rawValue(s.outputChannels()) << '|' << s.exportWAVWithVideo() << '|'
-                             << s.folderGrants().size();
+                             << s.folderGrants().size() << '|' << s.noiseAwarePauses();
         QCOMPARE(values, expected);
+    }
+
+    // Like every setter: a change is signalled once, an equal value never.
+    void noiseAwarePausesNotifiesOnlyOnChange() {
+        TestSettings t;
+        QSignalSpy spy(&t.settings, &OstrandSettings::noiseAwarePausesChanged);
+        t.settings.setNoiseAwarePauses(false);
+        QCOMPARE(spy.count(), 0);
+        t.settings.setNoiseAwarePauses(true);
+        t.settings.setNoiseAwarePauses(true);
+        QCOMPARE(spy.count(), 1);
+        QCOMPARE(OstrandSettings(t.store()).noiseAwarePauses(), true);
     }
 
     // Every assignment reaches the file at once, also of the current value;
@@ -65,6 +85,7 @@ private slots:
         QTest::newRow("revealWhenDone=true") << QVariant(true);
         QTest::newRow("outputChannels=mono") << QVariant::fromValue(OutputChannels::mono);
         QTest::newRow("exportWAVWithVideo=true") << QVariant(true);
+        QTest::newRow("noiseAwarePauses=true") << QVariant(true);
     }
 
     void assignmentsWriteAtOnce() {

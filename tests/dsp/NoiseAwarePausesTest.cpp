@@ -1,0 +1,381 @@
+#include "dsp/GainCurveBuilder.h"
+#include "dsp/PauseDetector.h"
+
+#include "dsp/FrameAnalyzer.h"
+#include "dsp/Loudness.h"
+#include "dsp/TruePeakLimiter.h"
+#include "support/Signals.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <ostream>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace ostrand {
+namespace {
+
+constexpr double rate = 16000.0;      // the planner only sees frames; keep the signals cheap
+constexpr double speechGainDb = 10.0; // the louder speaker near -20 LUFS
+
+struct Span {
+    std::size_t begin = 0; // frames
+    std::size_t end = 0;
+};
+
+// Phrases of speech with long pauses between them, over a bed.
+struct Programme {
+    test::PlanarAudio audio;
+    std::vector<Span> phrases;
+    std::vector<Span> pauses;
+    std::vector<int> speakerOfPhrase;
+};
+
+enum class Bed { pinkRoom, whiteRoom, music };
+
+struct Case {
+    const char* name;
+    Bed bed;
+    double bedDbfs;
+};
+
+std::ostream& operator<<(std::ostream& os, const Case& c) {
+    return os << c.name;
+}
+
+// Chords that change every two seconds, each note swelling on its own.
+test::PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
+    test::PlanarAudio bed = test::silence(rate, 1, seconds);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    std::vector<float>& x = bed.channels[0];
+    const auto chord = static_cast<std::size_t>(2.0 * rate);
+    double sumSquares = 0.0;
+    std::vector<double> raw(x.size());
+    for (std::size_t start = 0; start < x.size(); start += chord) {
+        const double root = 110.0 * std::pow(2.0, std::floor(unit(rng) * 12.0) / 12.0);
+        for (const double ratio : {1.0, 1.26, 1.5, 2.0}) {
+            const double swell = 0.5 + unit(rng);
+            for (std::size_t i = start; i < std::min(x.size(), start + chord); ++i) {
+                const double t = static_cast<double>(i - start) / rate;
+                raw[i] += std::sin(2.0 * std::numbers::pi * root * ratio * t) *
+                          (0.6 + 0.4 * std::sin(2.0 * std::numbers::pi * swell * t)) / ratio;
+            }
+        }
+    }
+    for (const double v : raw) {
+        sumSquares += v * v;
+    }
+    const double scale =
+        std::pow(10.0, rmsDbfs / 20.0) / std::sqrt(sumSquares / static_cast<double>(raw.size()));
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        x[i] = static_cast<float>(raw[i] * scale);
+    }
+    return bed;
+}
+
+// `speakerGapDb` lowers every second phrase; `fadeDb` fades the speech
+// linearly in dB over the whole programme.
+Programme programme(Bed bed, double bedDbfs, double speakerGapDb, double fadeDb,
+                    std::uint32_t seed) {
+    Programme p;
+    p.audio = test::silence(rate, 1, 0.0);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const auto frameOf = [](const test::PlanarAudio& a) {
+        return static_cast<std::size_t>(a.frames() / static_cast<std::int64_t>(rate / 100.0));
+    };
+    for (int k = 0; k < 8; ++k) {
+        test::PlanarAudio phrase = test::speechLike(rate, 1, 6.0 + 4.0 * unit(rng), seed + 10 * k);
+        phrase.applyGainDb(k % 2 == 1 ? speechGainDb - speakerGapDb : speechGainDb);
+        p.phrases.push_back({frameOf(p.audio), frameOf(p.audio) + frameOf(phrase)});
+        p.speakerOfPhrase.push_back(k % 2);
+        p.audio.append(phrase);
+        if (k < 7) {
+            const test::PlanarAudio pause = test::silence(rate, 1, 2.5 + 3.0 * unit(rng));
+            p.pauses.push_back({frameOf(p.audio), frameOf(p.audio) + frameOf(pause)});
+            p.audio.append(pause);
+        }
+    }
+    std::vector<float>& x = p.audio.channels[0];
+    const double seconds = static_cast<double>(x.size()) / rate;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        x[i] *= static_cast<float>(std::pow(10.0, -fadeDb * static_cast<double>(i) /
+                                                      static_cast<double>(x.size()) / 20.0));
+    }
+    const test::PlanarAudio noise = bed == Bed::music ? musicBed(seconds, bedDbfs, seed)
+                                    : bed == Bed::pinkRoom
+                                        ? test::pinkNoise(rate, 1, seconds, bedDbfs, seed)
+                                        : test::whiteNoise(rate, 1, seconds, bedDbfs, seed);
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        x[i] += noise.channels[0][i];
+    }
+    return p;
+}
+
+FrameAnalysis analyse(const test::PlanarAudio& audio) {
+    FrameAnalyzer analyzer(audio.sampleRate, 1);
+    analyzer.append(audio.constPointers(), audio.frames());
+    return std::move(analyzer).analysis();
+}
+
+GainCurve plan(const FrameAnalysis& a, bool noiseAware) {
+    return GainCurveBuilder::build(a, LevelingParameters::forTarget(-16.0, noiseAware), -1.0, 0.2);
+}
+
+// The engine's leveling pass: the per-sample gain ramp, then the limiter
+// (-1 dBTP, 5 ms ahead, 200 ms release) with its delay taken out; measured.
+FrameAnalysis render(const test::PlanarAudio& audio, const GainCurve& curve) {
+    test::PlanarAudio out = audio;
+    std::vector<float>& x = out.channels[0];
+    std::vector<float> gain(x.size());
+    fillGainRamp(curve.gainDB, curve.frameLength, 0, gain);
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        x[i] *= gain[i];
+    }
+    TruePeakLimiter limiter(1, rate, -1.0, 5.0, 200.0);
+    const auto latency = static_cast<std::size_t>(limiter.latency());
+    x.resize(x.size() + latency, 0.0f);
+    std::vector<float*> pointers = out.pointers();
+    limiter.process(pointers, out.frames());
+    x.erase(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(latency));
+    return analyse(out);
+}
+
+struct Leveled {
+    FrameAnalysis before;
+    GainCurve curve;
+    FrameAnalysis after;
+};
+
+Leveled level(const Programme& p, bool noiseAware = true) {
+    Leveled l{analyse(p.audio), {}, {}};
+    l.curve = plan(l.before, noiseAware);
+    l.after = render(p.audio, l.curve);
+    return l;
+}
+
+double levelDb(const FrameAnalysis& a, std::size_t begin, std::size_t end) {
+    double sum = 0.0;
+    for (std::size_t i = begin; i < end; ++i) {
+        sum += a.kPower[i];
+    }
+    return 10.0 * std::log10(sum / static_cast<double>(end - begin));
+}
+
+// Level of the inner pause (half a second off each end) against the level of
+// the two seconds of programme on either side, after minus before; the
+// median over the pauses.
+double medianPauseRiseDb(const Programme& p, const Leveled& l) {
+    const auto relativeDb = [&](const FrameAnalysis& a, const Span& pause) {
+        const double around =
+            10.0 *
+            std::log10(0.5 * (std::pow(10.0, levelDb(a, pause.begin - 200, pause.begin) / 10.0) +
+                              std::pow(10.0, levelDb(a, pause.end, pause.end + 200) / 10.0)));
+        return levelDb(a, pause.begin + 50, pause.end - 50) - around;
+    };
+    std::vector<double> rises;
+    for (const Span& pause : p.pauses) {
+        rises.push_back(relativeDb(l.after, pause) - relativeDb(l.before, pause));
+    }
+    std::sort(rises.begin(), rises.end());
+    return rises[rises.size() / 2];
+}
+
+// Loudness after leveling of the phrases for which `take` holds.
+template <typename Take>
+double loudnessAfter(const Programme& p, const Leveled& l, Take take) {
+    std::vector<double> power;
+    for (std::size_t k = 0; k < p.phrases.size(); ++k) {
+        if (take(k)) {
+            power.insert(power.end(),
+                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].begin),
+                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].end));
+        }
+    }
+    return Loudness::integrated(power);
+}
+
+class NoisyRoom : public testing::TestWithParam<Case> {};
+class TwoSpeakers : public testing::TestWithParam<Case> {};
+
+TEST_P(NoisyRoom, PausesStayAtTheLevelOfTheSpeechAround) {
+    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 0.0, 7);
+    const Leveled l = level(p);
+    EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
+    EXPECT_NEAR(Loudness::integrated(l.after.kPower), -16.0, 0.5);
+}
+
+TEST_P(TwoSpeakers, TwelveDecibelsApartEndClose) {
+    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 12.0, 0.0, 11);
+    const Leveled l = level(p);
+    const double first = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 0; });
+    const double second = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 1; });
+    EXPECT_LE(std::fabs(first - second), 1.5);
+    if (GetParam().bedDbfs > -70.0) { // a clean room keeps the exact plan
+        EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
+    }
+}
+
+TEST_P(NoisyRoom, TenDecibelFadeIsEvenedOut) {
+    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 10.0, 13);
+    const Leveled l = level(p);
+    const double first = loudnessAfter(p, l, [](std::size_t k) { return k == 0; });
+    const double last =
+        loudnessAfter(p, l, [&](std::size_t k) { return k + 1 == p.phrases.size(); });
+    EXPECT_LE(std::fabs(first - last), 1.0);
+}
+
+const auto caseName = [](const testing::TestParamInfo<Case>& param) {
+    return std::string(param.param.name);
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Beds, NoisyRoom,
+    testing::Values(Case{"pink_60", Bed::pinkRoom, -60.0}, Case{"pink_50", Bed::pinkRoom, -50.0},
+                    Case{"pink_45", Bed::pinkRoom, -45.0}, Case{"pink_40", Bed::pinkRoom, -40.0},
+                    Case{"white_45", Bed::whiteRoom, -45.0}, Case{"music_38", Bed::music, -38.0}),
+    caseName);
+
+INSTANTIATE_TEST_SUITE_P(Rooms, TwoSpeakers,
+                         testing::Values(Case{"pink_70", Bed::pinkRoom, -70.0},
+                                         Case{"pink_55", Bed::pinkRoom, -55.0},
+                                         Case{"pink_45", Bed::pinkRoom, -45.0},
+                                         Case{"pink_40", Bed::pinkRoom, -40.0},
+                                         Case{"white_45", Bed::whiteRoom, -45.0}),
+                         caseName);
+
+class CleanSpeech : public testing::TestWithParam<double> {};
+
+TEST_P(CleanSpeech, GainFollowsTheExactPlan) {
+    for (const double gap : {0.0, 12.0}) {
+        const Programme p = programme(Bed::pinkRoom, GetParam(), gap, 0.0, 17);
+        const FrameAnalysis a = analyse(p.audio);
+        const GainCurve exact = plan(a, false);
+        const GainCurve aware = plan(a, true);
+        double worst = 0.0;
+        for (std::size_t i = 0; i < exact.gainDB.size(); ++i) {
+            worst = std::max(worst, std::fabs(aware.gainDB[i] - exact.gainDB[i]));
+        }
+        EXPECT_LE(worst, 0.5) << "speakers " << gap << " dB apart";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Floors, CleanSpeech, testing::Values(-70.0, -80.0, -100.0));
+
+} // namespace
+} // namespace ostrand
+
+namespace ostrand {
+namespace {
+
+// The definition, frame by frame: a pause is where no frame within the
+// hangover has a 100 ms level more than the margin over the floor; the margin
+// is half the way up to the loudest 200 ms block within 4 s, 4 to 14 dB.
+std::vector<unsigned char> naivePauses(const std::vector<double>& power) {
+    const std::vector<double> floorDb = PauseDetector::noiseFloorDb(power);
+    const auto n = static_cast<long>(power.size());
+    std::vector<double> blockDb;
+    for (long b = 0; b * 20 < n; ++b) {
+        double sum = 0.0;
+        long count = 0;
+        for (long i = b * 20; i < std::min(n, b * 20 + 20); ++i, ++count) {
+            sum += power[static_cast<std::size_t>(i)];
+        }
+        blockDb.push_back(10.0 * std::log10(sum / static_cast<double>(count) + 1e-14));
+    }
+    std::vector<bool> loud(power.size());
+    for (long i = 0; i < n; ++i) {
+        double speechDb = -1000.0;
+        for (long b = std::max(0L, i / 20 - 20);
+             b <= std::min(i / 20 + 20, static_cast<long>(blockDb.size()) - 1); ++b) {
+            speechDb = std::max(speechDb, blockDb[static_cast<std::size_t>(b)]);
+        }
+        double sum = 0.0;
+        long count = 0;
+        for (long j = std::max(0L, i - 5); j < std::min(n, i + 5); ++j) {
+            sum += power[static_cast<std::size_t>(j)];
+            ++count;
+        }
+        const auto u = static_cast<std::size_t>(i);
+        const double margin = std::clamp(0.5 * (speechDb - floorDb[u]), 4.0, 14.0);
+        loud[u] = 10.0 * std::log10(sum / static_cast<double>(count) + 1e-14) > floorDb[u] + margin;
+    }
+    std::vector<unsigned char> pause(power.size(), 1);
+    for (long i = 0; i < n; ++i) {
+        for (long j = std::max(0L, i - 20); j <= std::min(n - 1, i + 20); ++j) {
+            if (loud[static_cast<std::size_t>(j)]) {
+                pause[static_cast<std::size_t>(i)] = 0;
+            }
+        }
+    }
+    return pause;
+}
+
+TEST(PauseDetector, FloorIsTheQuietestBlockNearby) {
+    std::vector<double> power(6000, 1e-4); // -40 dB
+    for (std::size_t i = 2000; i < 2020; ++i) {
+        power[i] = 1e-6; // one quiet 200 ms block at 20 s
+    }
+    const std::vector<double> floorDb = PauseDetector::noiseFloorDb(power);
+    EXPECT_NEAR(floorDb[2000 - 800], -60.0, 1e-6); // 8 s before: still in reach
+    EXPECT_NEAR(floorDb[2000 - 820], -40.0, 1e-6); // one block further: out of reach
+    EXPECT_NEAR(floorDb[2019 + 800], -60.0, 1e-6);
+    EXPECT_NEAR(floorDb[5999], -40.0, 1e-6);
+    EXPECT_TRUE(PauseDetector::noiseFloorDb({}).empty());
+}
+
+TEST(PauseDetector, MarksWhatTheDefinitionMarks) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    for (const std::size_t n : {1UL, 7UL, 45UL, 3000UL}) {
+        std::vector<double> power(n);
+        double level = 1e-5;
+        for (double& x : power) {
+            if (unit(rng) < 0.02) {
+                level = unit(rng) < 0.5 ? 1e-5 : 1e-2 * unit(rng);
+            }
+            x = level * (0.5 + unit(rng));
+        }
+        std::vector<unsigned char> pause(n);
+        PauseDetector::markPauses(power, pause);
+        EXPECT_EQ(pause, naivePauses(power)) << n << " frames";
+    }
+}
+
+TEST(PauseDetector, PausesHoldTheLouderNeighbourUntilTheLead) {
+    using V = std::vector<double>;
+    const std::size_t lead = PauseDetector::leadFrames;
+    // Quieter speech after the pause: its level returns `lead` frames early.
+    V level(lead + 100, -20.0);
+    std::vector<unsigned char> pause(level.size(), 0);
+    for (std::size_t i = 10; i < 10 + lead + 30; ++i) {
+        pause[i] = 1;
+        level[i] = -60.0; // what the noise would have tracked
+    }
+    for (std::size_t i = 10 + lead + 30; i < level.size(); ++i) {
+        level[i] = -30.0;
+    }
+    PauseDetector::holdAcrossPauses(level, pause);
+    EXPECT_EQ(level[10], -20.0);
+    EXPECT_EQ(level[39], -20.0);
+    EXPECT_EQ(level[40], -30.0);
+    EXPECT_EQ(level[10 + lead + 29], -30.0);
+
+    // A pause shorter than the lead, louder speech after it; a file that is
+    // one pause keeps what it has.
+    V shortRun{-30, -60, -60, -20};
+    PauseDetector::holdAcrossPauses(shortRun, std::vector<unsigned char>{0, 1, 1, 0});
+    EXPECT_EQ(shortRun, (V{-30, -30, -30, -20}));
+    V allPause{-50, -60};
+    PauseDetector::holdAcrossPauses(allPause, std::vector<unsigned char>{1, 1});
+    EXPECT_EQ(allPause, (V{-50, -60}));
+}
+
+} // namespace
+} // namespace ostrand
