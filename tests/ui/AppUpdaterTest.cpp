@@ -2,13 +2,17 @@
 // user check and a background check show, skipping, installing, and the
 // second launch's question. The windows are replaced by a recorder.
 #include "ui/AppUpdater.h"
+#include "ui/UpdateDialogs.h"
 #include "update/Ed25519.h"
 #include "update/TestHttpServer.h"
 
+#include <QDialog>
 #include <QDir>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTextBrowser>
 
 using namespace ostrand;
 using ostrand::test::TestHttpServer;
@@ -301,6 +305,76 @@ private slots:
         }
         QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
         QCOMPARE(m_server->requests(QStringLiteral("/current.xml")), 0);
+    }
+
+    // The offer's window gives exactly one answer, whichever way it ends, and
+    // a critical update has no way to be skipped.
+    void offerDialogAnswers_data() {
+        QTest::addColumn<bool>("critical");
+        QTest::addColumn<QString>("button"); // empty: the window is closed
+        QTest::addColumn<int>("expected");
+        QTest::newRow("install") << false << "install" << int(UpdatePrompter::Choice::Install);
+        QTest::newRow("skip") << false << "skip" << int(UpdatePrompter::Choice::Skip);
+        QTest::newRow("later") << false << "later" << int(UpdatePrompter::Choice::Later);
+        QTest::newRow("closed") << false << "" << int(UpdatePrompter::Choice::Later);
+        QTest::newRow("critical: install")
+            << true << "install" << int(UpdatePrompter::Choice::Install);
+        QTest::newRow("critical: closed") << true << "" << int(UpdatePrompter::Choice::Later);
+    }
+    void offerDialogAnswers() {
+        QFETCH(bool, critical);
+        QFETCH(QString, button);
+        QFETCH(int, expected);
+        AppcastItem item;
+        item.version = QStringLiteral("0.2.0");
+        item.shortVersion = QStringLiteral("0.2");
+        item.critical = critical;
+        item.releaseNotes = QStringLiteral("<p>Now with <b>bold</b> notes</p><script>x</script>");
+        QList<int> answers;
+        QPointer<QDialog> dialog = UpdateDialogs::makeOfferDialog(
+            item, QStringLiteral("0.1.0"),
+            [&answers](UpdatePrompter::Choice choice) { answers << int(choice); }, nullptr);
+        dialog->show();
+        QCOMPARE(dialog->findChild<QPushButton*>(QStringLiteral("skip")) != nullptr, !critical);
+        const QString notes =
+            dialog->findChild<QTextBrowser*>(QStringLiteral("releaseNotes"))->toPlainText();
+        QCOMPARE(notes.trimmed(), QStringLiteral("Now with bold notes"));
+        if (button.isEmpty()) {
+            dialog->close();
+        } else {
+            dialog->findChild<QPushButton*>(button)->click();
+        }
+        QTRY_VERIFY(dialog.isNull()); // deleted once answered
+        QCOMPARE(answers, QList<int>{expected});
+    }
+
+    void cancelledDownloadEndsTheCheck() {
+        m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"),
+                        {200, m_package.left(100), {}, m_package.size()});
+        struct Cancelling : Recorder {
+            using Recorder::Recorder;
+            void downloadStarted(const AppcastItem&, std::function<void()> cancel) override {
+                m_log.calls << QStringLiteral("started");
+                QTimer::singleShot(0, std::move(cancel)); // as a click would, later
+            }
+            void downloadEnded() override { m_log.calls << QStringLiteral("ended"); }
+        };
+        m_log.answer = UpdatePrompter::Choice::Install;
+        AppUpdater::Configuration config;
+        config.feedUrl = m_server->url(QStringLiteral("/newer.xml")).toString();
+        config.publicKey = key();
+        config.currentVersion = QStringLiteral("0.1.0");
+        config.store = store();
+        config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
+        AppUpdater updater(std::move(config), std::make_unique<Cancelling>(m_log));
+        QTRY_VERIFY(updater.canCheckForUpdates());
+        QSignalSpy idle(&updater, &AppUpdater::idle);
+        updater.checkForUpdates();
+        QTRY_COMPARE_WITH_TIMEOUT(idle.count(), 1, 10'000);
+        QVERIFY(updater.canCheckForUpdates());
+        QCOMPARE(m_log.calls, QStringList({QStringLiteral("offer: 0.2.0"),
+                                           QStringLiteral("started"), QStringLiteral("ended")}));
+        QVERIFY(QDir(QDir(m_dir->path()).filePath(QStringLiteral("downloads"))).isEmpty());
     }
 
 private:
