@@ -162,7 +162,11 @@ void UpdateFeed::download(const AppcastItem& item) {
         name = QStringLiteral("ostrand-update.deb");
     }
     QDir().mkpath(m_downloadFolder);
-    m_downloadFile = std::make_unique<QFile>(QDir(m_downloadFolder).filePath(name));
+    // A partial name until it verifies, so that neither a half download nor
+    // a rejected one ever stands where the user looks, or replaces a file.
+    m_downloadName = name;
+    m_downloadFile =
+        std::make_unique<QFile>(QDir(m_downloadFolder).filePath(name + QStringLiteral(".part")));
     if (!m_downloadFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         const QString error = m_downloadFile->errorString();
         m_downloadFile.reset();
@@ -246,7 +250,21 @@ void UpdateFeed::downloadFinished() {
         emit downloadFailed(m_downloadError);
         return;
     }
-    const QString path = m_downloadFile->fileName();
+    const QFileInfo name(m_downloadName);
+    QString path = QDir(m_downloadFolder).filePath(m_downloadName);
+    for (int n = 2; QFileInfo::exists(path); ++n) {
+        path = QDir(m_downloadFolder)
+                   .filePath(QStringLiteral("%1 (%2).%3")
+                                 .arg(name.completeBaseName())
+                                 .arg(n)
+                                 .arg(name.suffix()));
+    }
+    if (!m_downloadFile->rename(path)) {
+        const QString error = m_downloadFile->errorString();
+        discardDownload();
+        emit downloadFailed(QStringLiteral("The update cannot be saved: %1").arg(error));
+        return;
+    }
     m_downloadFile.reset();
     emit downloaded(path);
 }

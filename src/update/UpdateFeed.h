@@ -35,7 +35,8 @@ public:
     void setDownloadFolder(const QString& folder) { m_downloadFolder = folder; }
 
     void fetch();
-    // Into the download folder; the file is kept only once it verifies.
+    // Into the download folder; the file is kept only once it verifies, and
+    // under a new name ("NAME (2).deb") when the name is taken.
     void download(const AppcastItem& item);
     void cancelDownload();
     bool isBusy() const { return m_feedReply || m_downloadReply; }
@@ -65,6 +66,7 @@ private:
     QPointer<QNetworkReply> m_downloadReply;
     std::unique_ptr<QFile> m_downloadFile;
     AppcastItem m_downloadItem;
+    QString m_downloadName;
     QString m_downloadError;
     bool m_cancelled = false;
 };

@@ -319,8 +319,34 @@ private slots:
         } else {
             const QString error = failed.first().first().toString();
             QVERIFY2(error.contains(errorPart, Qt::CaseInsensitive), qPrintable(error));
-            QVERIFY2(!QFile::exists(path), "a rejected download must be deleted");
+            QVERIFY2(QDir(m_downloads.path()).isEmpty(), "a rejected download must be deleted");
         }
+    }
+
+    void takenNameIsNotReplaced() {
+        const QByteArray package = QByteArray(5000, 'z');
+        AppcastItem update;
+        update.length = package.size();
+        update.edSignature = QString::fromLatin1(ed25519::sign(m_keys.seed, package).toBase64());
+        TestHttpServer server;
+        server.serve(QStringLiteral("/o.deb"), {200, package, {}, -1});
+        update.url = server.url(QStringLiteral("/o.deb"));
+        QTemporaryDir folder;
+        QFile mine(QDir(folder.path()).filePath(QStringLiteral("o.deb")));
+        QVERIFY(mine.open(QIODevice::WriteOnly));
+        mine.write("the user's own file");
+        mine.close();
+        UpdateFeed updates(update.url, m_keys.publicKey);
+        updates.setDownloadFolder(folder.path());
+        QSignalSpy done(&updates, &UpdateFeed::downloaded);
+        updates.download(update);
+        QTRY_COMPARE_WITH_TIMEOUT(done.count(), 1, 10'000);
+        QCOMPARE(done.first().first().toString(),
+                 QDir(folder.path()).filePath(QStringLiteral("o (2).deb")));
+        QVERIFY(mine.open(QIODevice::ReadOnly));
+        QCOMPARE(mine.readAll(), QByteArray("the user's own file"));
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files),
+                 QStringList({QStringLiteral("o (2).deb"), QStringLiteral("o.deb")}));
     }
 
     void cancelledDownloadIsDeleted() {
@@ -339,7 +365,7 @@ private slots:
         updates.cancelDownload();
         QTRY_COMPARE_WITH_TIMEOUT(cancelled.count(), 1, 10'000);
         QVERIFY(!updates.isBusy());
-        QVERIFY(!QFile::exists(QDir(m_downloads.path()).filePath(QStringLiteral("slow.deb"))));
+        QVERIFY(QDir(m_downloads.path()).isEmpty());
     }
 
 private:
