@@ -1,22 +1,228 @@
 #include "AppUpdater.h"
 
+#include "AppInfo.h"
+#include "UpdateDialogs.h"
+#include "update/Ed25519.h"
+#include "update/UpdateFeed.h"
+
+#include <QDateTime>
+
+#include <cstdio>
+
+#ifndef OSTRAND_UPDATE_FEED_URL
+#define OSTRAND_UPDATE_FEED_URL ""
+#endif
+#ifndef OSTRAND_UPDATE_PUBLIC_KEY
+#define OSTRAND_UPDATE_PUBLIC_KEY ""
+#endif
+
 namespace ostrand {
 
-AppUpdater::AppUpdater(QObject* parent)
-    : QObject(parent) {}
+namespace {
 
-void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
-    if (m_automaticallyChecks == checks) {
+const QString launchesKey = QStringLiteral("updates/launches");
+const QString askedKey = QStringLiteral("updates/askedAboutAutomaticChecks");
+const QString automaticKey = QStringLiteral("updates/automaticallyChecks");
+const QString lastCheckKey = QStringLiteral("updates/lastCheck");
+const QString skippedKey = QStringLiteral("updates/skippedVersion");
+
+constexpr qint64 secondsPerDay = 24 * 60 * 60;
+constexpr int dueCheckInterval = 60 * 60 * 1000;
+
+AppUpdater::Configuration buildConfiguration() {
+    AppUpdater::Configuration config;
+    config.feedUrl = QStringLiteral(OSTRAND_UPDATE_FEED_URL);
+    config.publicKey = QStringLiteral(OSTRAND_UPDATE_PUBLIC_KEY);
+    config.currentVersion = AppInfo::version();
+    return config;
+}
+
+} // namespace
+
+AppUpdater::AppUpdater(QObject* parent)
+    : AppUpdater(buildConfiguration(), std::make_unique<UpdateDialogs>(), parent) {}
+
+AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompter> prompter,
+                       QObject* parent)
+    : QObject(parent)
+    , m_config(std::move(configuration))
+    , m_prompter(std::move(prompter)) {
+    const QUrl feedUrl(m_config.feedUrl, QUrl::StrictMode);
+    const std::optional<QByteArray> key = ed25519::publicKeyFromBase64(m_config.publicKey);
+    if (m_config.feedUrl.isEmpty() || m_config.publicKey.isEmpty()) {
+        m_unavailable = QStringLiteral("this build has no update feed address and public key");
+    } else if (!key) {
+        m_unavailable = QStringLiteral("the update public key is not 32 bytes of base64");
+    } else if (const QString refused = UpdateFeed::refusal(feedUrl); !refused.isEmpty()) {
+        m_unavailable = QStringLiteral("the update feed address is refused: ") + refused;
+    }
+    if (!m_unavailable.isEmpty()) {
+        m_config.store.reset();
+        std::fprintf(stderr, "ostrand: checking for updates is unavailable: %s\n",
+                     qPrintable(m_unavailable));
         return;
     }
-    m_automaticallyChecks = checks;
+
+    if (!m_config.store) {
+        m_config.store =
+            std::make_unique<QSettings>(QStringLiteral("Ostrand"), QStringLiteral("Ostrand"));
+    }
+    m_feed = new UpdateFeed(feedUrl, *key, this);
+    if (!m_config.downloadFolder.isEmpty()) {
+        m_feed->setDownloadFolder(m_config.downloadFolder);
+    }
+    if (m_config.feedLimit > 0) {
+        m_feed->setFeedLimit(m_config.feedLimit);
+    }
+    connect(m_feed, &UpdateFeed::fetched, this, &AppUpdater::fetched);
+    connect(m_feed, &UpdateFeed::fetchFailed, this, &AppUpdater::fetchFailed);
+    connect(m_feed, &UpdateFeed::downloadProgress, this, [this](qint64 received, qint64 total) {
+        m_prompter->downloadProgress(received, total);
+    });
+    connect(m_feed, &UpdateFeed::downloaded, this, [this](const QString& path) {
+        m_prompter->downloadEnded();
+        m_prompter->open(path);
+        finish();
+    });
+    connect(m_feed, &UpdateFeed::downloadFailed, this, [this](const QString& error) {
+        m_prompter->downloadEnded();
+        m_prompter->failed(error);
+        finish();
+    });
+    connect(m_feed, &UpdateFeed::downloadCancelled, this, [this] {
+        m_prompter->downloadEnded();
+        finish();
+    });
+
+    // Even the first "can check" arrives on a later turn of the event loop,
+    // after the windows have bound to this object.
+    QTimer::singleShot(0, this, [this] {
+        setCanCheckForUpdates(true);
+        launched();
+    });
+    m_dailyTimer.setInterval(dueCheckInterval);
+    connect(&m_dailyTimer, &QTimer::timeout, this, &AppUpdater::backgroundCheckIfDue);
+    m_dailyTimer.start();
+}
+
+AppUpdater::~AppUpdater() = default;
+
+bool AppUpdater::automaticallyChecksForUpdates() const {
+    return m_config.store ? m_config.store->value(automaticKey, false).toBool()
+                          : m_automaticWithoutStore;
+}
+
+void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
+    if (m_config.store) {
+        m_config.store->setValue(automaticKey, checks);
+        // Choosing either way is the answer to the second launch's question.
+        m_config.store->setValue(askedKey, true);
+        m_config.store->sync();
+    } else {
+        m_automaticWithoutStore = checks;
+    }
     emit automaticallyChecksForUpdatesChanged();
 }
 
-void AppUpdater::checkForUpdates() {
-    if (m_canCheckForUpdates) {
-        emit checkStarted();
+void AppUpdater::launched() {
+    QSettings& store = *m_config.store;
+    const int launches = store.value(launchesKey, 0).toInt() + 1;
+    store.setValue(launchesKey, launches);
+    store.sync();
+    if (launches < 2) {
+        return;
     }
+    if (!store.value(askedKey, false).toBool()) {
+        store.setValue(askedKey, true);
+        store.sync();
+        m_prompter->askAutomaticChecks([this](bool agreed) {
+            setAutomaticallyChecksForUpdates(agreed);
+            backgroundCheckIfDue();
+        });
+        return;
+    }
+    backgroundCheckIfDue();
+}
+
+void AppUpdater::backgroundCheckIfDue() {
+    if (!automaticallyChecksForUpdates() || !m_canCheckForUpdates) {
+        return;
+    }
+    const QDateTime last = m_config.store->value(lastCheckKey).toDateTime();
+    if (last.isValid() && last.secsTo(QDateTime::currentDateTimeUtc()) < secondsPerDay) {
+        return;
+    }
+    checkInBackground();
+}
+
+void AppUpdater::checkForUpdates() {
+    check(true);
+}
+
+void AppUpdater::checkInBackground() {
+    check(false);
+}
+
+void AppUpdater::check(bool userInitiated) {
+    if (!m_canCheckForUpdates) {
+        return;
+    }
+    emit checkStarted();
+    if (!m_feed) {
+        return;
+    }
+    m_userInitiated = userInitiated;
+    setCanCheckForUpdates(false);
+    m_feed->fetch();
+}
+
+void AppUpdater::fetched(const QList<AppcastItem>& items) {
+    m_config.store->setValue(lastCheckKey, QDateTime::currentDateTimeUtc());
+    const std::optional<AppcastItem> update =
+        newestUpdate(items, m_config.currentVersion, m_config.store->value(skippedKey).toString());
+    if (!update) {
+        if (m_userInitiated) {
+            m_prompter->upToDate(QStringLiteral("Ostrand %1 is the newest version available.")
+                                     .arg(m_config.currentVersion));
+        }
+        finish();
+        return;
+    }
+    m_prompter->offer(
+        *update, m_config.currentVersion,
+        [this, item = *update](UpdatePrompter::Choice choice) { decided(item, choice); });
+}
+
+void AppUpdater::fetchFailed(const QString& error) {
+    if (m_userInitiated) {
+        m_prompter->failed(error);
+    } else {
+        std::fprintf(stderr, "ostrand: background update check: %s\n", qPrintable(error));
+    }
+    finish();
+}
+
+void AppUpdater::decided(const AppcastItem& item, UpdatePrompter::Choice choice) {
+    switch (choice) {
+    case UpdatePrompter::Choice::Install:
+        m_prompter->downloadStarted(item, [this] { m_feed->cancelDownload(); });
+        m_feed->download(item);
+        return;
+    case UpdatePrompter::Choice::Skip:
+        if (!item.critical) {
+            m_config.store->setValue(skippedKey, item.version);
+        }
+        break;
+    case UpdatePrompter::Choice::Later:
+        break;
+    }
+    finish();
+}
+
+void AppUpdater::finish() {
+    m_config.store->sync();
+    setCanCheckForUpdates(true);
+    emit idle();
 }
 
 void AppUpdater::setCanCheckForUpdates(bool canCheck) {

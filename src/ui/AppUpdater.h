@@ -1,13 +1,24 @@
 #pragma once
 
+#include "UpdatePrompter.h"
+
 #include <QObject>
+#include <QSettings>
+#include <QTimer>
+#include <QUrl>
+
+#include <memory>
 
 namespace ostrand {
 
-// The update controls' model. No update feed is configured in this build,
-// so it cannot check and its "Check for Updates…" items stay disabled; the
-// automatic-check choice is kept for the life of the process only. Main
-// thread only.
+class UpdateFeed;
+
+// Checks the signed update feed (an appcast) and offers, downloads, verifies
+// and opens a newer package. Without a feed address and a valid public key
+// in the build, it cannot check and its "Check for Updates…" items stay
+// disabled. Background checks are off until the user agrees on the second
+// launch, run at most once a day and show nothing but an update. Main thread
+// only.
 class AppUpdater : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool canCheckForUpdates READ canCheckForUpdates NOTIFY canCheckForUpdatesChanged)
@@ -15,27 +26,61 @@ class AppUpdater : public QObject {
                    setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
 
 public:
+    struct Configuration {
+        QString feedUrl;
+        QString publicKey; // base64
+        QString currentVersion;
+        std::unique_ptr<QSettings> store; // null: the application's own
+        QString downloadFolder;           // empty: the user's downloads
+        qint64 feedLimit = 0;             // 0: the default
+    };
+
+    // From the build's configuration, with dialogs.
     explicit AppUpdater(QObject* parent = nullptr);
+    AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompter> prompter,
+               QObject* parent = nullptr);
+    ~AppUpdater() override;
 
     bool canCheckForUpdates() const { return m_canCheckForUpdates; }
-    bool automaticallyChecksForUpdates() const { return m_automaticallyChecks; }
+    bool automaticallyChecksForUpdates() const;
     void setAutomaticallyChecksForUpdates(bool checks);
 
-    // Does nothing while no check is possible.
+    // A user-initiated check. Does nothing while no check is possible.
     void checkForUpdates();
+    // A background check: only an update is ever shown.
+    void checkInBackground();
+
+    // Why checking is unavailable; empty when it is available.
+    QString unavailableReason() const { return m_unavailable; }
 
 signals:
     void canCheckForUpdatesChanged();
     void automaticallyChecksForUpdatesChanged();
     void checkStarted();
+    // A check or download has ended and nothing is shown any more.
+    void idle();
 
 protected:
-    // For an updater that has a feed to check.
     void setCanCheckForUpdates(bool canCheck);
 
 private:
+    void launched();
+    void backgroundCheckIfDue();
+    void check(bool userInitiated);
+    void fetched(const QList<AppcastItem>& items);
+    void fetchFailed(const QString& error);
+    void decided(const AppcastItem& item, UpdatePrompter::Choice choice);
+    void finish();
+
+    Configuration m_config;
+    std::unique_ptr<UpdatePrompter> m_prompter;
+    UpdateFeed* m_feed = nullptr;
+    QString m_unavailable;
     bool m_canCheckForUpdates = false;
-    bool m_automaticallyChecks = false;
+    bool m_userInitiated = false;
+    // Without a feed nothing is worth persisting.
+    bool m_automaticWithoutStore = false;
+    QTimer m_dailyTimer;
 };
 
 } // namespace ostrand

@@ -6,8 +6,10 @@
 #include "ui/JobList.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
+#include "ui/UpdateDialogs.h"
 
 #include <QApplication>
+#include <QDialog>
 #include <QListView>
 #include <QMenu>
 #include <QScreen>
@@ -38,6 +40,12 @@ void saveScreen(const QRect& area, const QString& name) {
         ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
         .save(output.filePath(name + QStringLiteral(".png")));
 }
+
+// As when the feed has been reached and a check may start.
+class ReadyUpdater : public AppUpdater {
+public:
+    ReadyUpdater() { setCanCheckForUpdates(true); }
+};
 
 } // namespace
 
@@ -98,6 +106,31 @@ int main(int argc, char** argv) {
             settings.settings.setOutputChannels(OutputChannels::mono);
             save(window, QStringLiteral("settings-fixedFolder-chosen"));
         }
+    }
+
+    {
+        TestSettings settings;
+        ReadyUpdater ready;
+        SettingsWindow window(settings.settings, ready);
+        window.show();
+        save(window, QStringLiteral("settings-updates-available"));
+    }
+
+    AppcastItem update;
+    update.version = QStringLiteral("0.2.0");
+    update.shortVersion = QStringLiteral("0.2");
+    update.releaseNotes = QStringLiteral(
+        "<h3>What\u2019s new</h3><ul><li>Faster analysis of long recordings</li>"
+        "<li>WebM files keep their <b>Opus</b> audio</li></ul>"
+        "<p>Details on <a href=\"https://example.com/notes\">the release page</a>.</p>");
+    for (bool critical : {false, true}) {
+        update.critical = critical;
+        QDialog* offer = UpdateDialogs::makeOfferDialog(
+            update, QStringLiteral("0.1.0"), [](UpdatePrompter::Choice) {}, nullptr);
+        offer->show();
+        save(*offer,
+             critical ? QStringLiteral("update-offer-critical") : QStringLiteral("update-offer"));
+        offer->close();
     }
     return 0;
 }

@@ -1,0 +1,419 @@
+// The updater against a feed and packages served from 127.0.0.1: what a
+// user check and a background check show, skipping, installing, and the
+// second launch's question. The windows are replaced by a recorder.
+#include "ui/AppUpdater.h"
+#include "ui/UpdateDialogs.h"
+#include "update/Ed25519.h"
+#include "update/TestHttpServer.h"
+
+#include <QDialog>
+#include <QDir>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTextBrowser>
+
+using namespace ostrand;
+using ostrand::test::TestHttpServer;
+
+namespace {
+
+struct Recorder : UpdatePrompter {
+    struct Log {
+        QStringList calls;
+        Choice answer = Choice::Later;
+        bool agree = true;
+        QString opened;
+    };
+    explicit Recorder(Log& log)
+        : m_log(log) {}
+    void upToDate(const QString& message) override { m_log.calls << "upToDate: " + message; }
+    void failed(const QString& message) override { m_log.calls << "failed: " + message; }
+    void offer(const AppcastItem& item, const QString&,
+               std::function<void(Choice)> decided) override {
+        m_log.calls << "offer: " + item.version;
+        decided(m_log.answer);
+    }
+    void askAutomaticChecks(std::function<void(bool)> decided) override {
+        m_log.calls << QStringLiteral("ask");
+        decided(m_log.agree);
+    }
+    void downloadStarted(const AppcastItem&, std::function<void()>) override {}
+    void downloadProgress(qint64, qint64) override {}
+    void downloadEnded() override {}
+    void open(const QString& path) override {
+        m_log.calls << QStringLiteral("open");
+        m_log.opened = path;
+    }
+    Log& m_log;
+};
+
+QByteArray feedOf(const QByteArray& items) {
+    return "<?xml version=\"1.0\"?><rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
+           "<title>Ostrand</title>" +
+           items + "</channel></rss>";
+}
+
+QByteArray itemOf(const QString& version, const QUrl& url, qint64 length, const QString& signature,
+                  bool critical = false) {
+    return QStringLiteral(
+               "<item><sparkle:version>%1</sparkle:version>%2"
+               "<description><![CDATA[<p>New</p>]]></description>"
+               "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
+               "sparkle:os=\"linux\" sparkle:edSignature=\"%5\"/></item>")
+        .arg(version, critical ? QStringLiteral("<sparkle:criticalUpdate/>") : QString(),
+             url.toString())
+        .arg(length)
+        .arg(signature)
+        .toUtf8();
+}
+
+} // namespace
+
+class AppUpdaterTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        m_keys = *ed25519::generate();
+        m_package = QByteArray("!<arch>\n") + QByteArray(20'000, 'd');
+        m_signature = QString::fromLatin1(ed25519::sign(m_keys.seed, m_package).toBase64());
+    }
+
+    void init() {
+        m_dir = std::make_unique<QTemporaryDir>();
+        m_server = std::make_unique<TestHttpServer>();
+        m_log = {};
+        // The second launch's question has its own tests.
+        store()->setValue(QStringLiteral("updates/askedAboutAutomaticChecks"), true);
+        const QUrl deb = m_server->url(QStringLiteral("/ostrand_0.2.0_amd64.deb"));
+        m_server->serve(QStringLiteral("/current.xml"),
+                        {200, feedOf(itemOf("0.1.0", deb, m_package.size(), m_signature)), {}, -1});
+        m_server->serve(QStringLiteral("/newer.xml"),
+                        {200,
+                         feedOf(itemOf("0.1.0", deb, m_package.size(), m_signature) +
+                                itemOf("0.2.0", deb, m_package.size(), m_signature)),
+                         {},
+                         -1});
+        m_server->serve(
+            QStringLiteral("/critical.xml"),
+            {200, feedOf(itemOf("0.2.0", deb, m_package.size(), m_signature, true)), {}, -1});
+        m_server->serve(
+            QStringLiteral("/forged.xml"),
+            {200,
+             feedOf(itemOf("0.2.0", deb, m_package.size(),
+                           QString::fromLatin1(
+                               ed25519::sign(ed25519::generate()->seed, m_package).toBase64()))),
+             {},
+             -1});
+        m_server->serve(QStringLiteral("/broken.xml"), {200, "<rss><channel><item>", {}, -1});
+        m_server->serve(QStringLiteral("/huge.xml"), {200, feedOf(QByteArray(5000, ' ')), {}, -1});
+        m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), {200, m_package, {}, -1});
+    }
+
+    void unavailableWithoutValidConfiguration_data() {
+        QTest::addColumn<QString>("feed");
+        QTest::addColumn<QString>("key");
+        const QString key = QString::fromLatin1(QByteArray(32, 'k').toBase64());
+        QTest::newRow("neither") << ""
+                                 << "";
+        QTest::newRow("no key") << "https://example.com/appcast.xml"
+                                << "";
+        QTest::newRow("no feed") << "" << key;
+        QTest::newRow("key not base64") << "https://example.com/appcast.xml"
+                                        << "not*base64!";
+        QTest::newRow("key of 31 bytes") << "https://example.com/appcast.xml"
+                                         << QString::fromLatin1(QByteArray(31, 'k').toBase64());
+        QTest::newRow("key of 33 bytes") << "https://example.com/appcast.xml"
+                                         << QString::fromLatin1(QByteArray(33, 'k').toBase64());
+        QTest::newRow("plain http to a host") << "http://example.com/appcast.xml" << key;
+    }
+    void unavailableWithoutValidConfiguration() {
+        QFETCH(QString, feed);
+        QFETCH(QString, key);
+        auto updater = make(feed, key);
+        QVERIFY(!updater->unavailableReason().isEmpty());
+        QTest::qWait(50);
+        QVERIFY(!updater->canCheckForUpdates());
+        updater->checkForUpdates();
+        QVERIFY(m_log.calls.isEmpty());
+    }
+
+    // A user check says what it found; a background check only ever offers.
+    void checkOutcome_data() {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("skipped");
+        QTest::addColumn<bool>("background");
+        QTest::addColumn<QString>("expected"); // a prefix of the one call; empty: none
+        struct Row {
+            const char* name;
+            const char* path;
+            const char* skipped;
+            const char* user;
+            bool offered;
+        };
+        const Row rows[] = {
+            {"up to date", "/current.xml", "",
+             "upToDate: Ostrand 0.1.0 is the newest version available.", false},
+            {"newer offered", "/newer.xml", "", "offer: 0.2.0", true},
+            {"skipped not offered", "/newer.xml", "0.2.0",
+             "upToDate: Ostrand 0.1.0 is the newest version available.", false},
+            {"critical offered though skipped", "/critical.xml", "0.2.0", "offer: 0.2.0", true},
+            {"malformed XML", "/broken.xml", "", "failed: The update feed is not valid XML", false},
+            {"HTTP 404", "/gone.xml", "",
+             "failed: The update feed could not be read: the server answered HTTP 404", false},
+            {"over the size limit", "/huge.xml", "", "failed: The update feed is larger than",
+             false},
+            {"unreachable host", "unreachable", "",
+             "failed: The update feed could not be read: Connection refused", false},
+        };
+        for (const Row& row : rows) {
+            QTest::addRow("user: %s", row.name) << row.path << row.skipped << false << row.user;
+            QTest::addRow("background: %s", row.name)
+                << row.path << row.skipped << true << (row.offered ? row.user : "");
+        }
+    }
+    void checkOutcome() {
+        QFETCH(QString, path);
+        QFETCH(QString, skipped);
+        QFETCH(bool, background);
+        QFETCH(QString, expected);
+        QUrl url = m_server->url(path);
+        if (path == u"unreachable") {
+            QTcpServer probe;
+            probe.listen(QHostAddress::LocalHost, 0);
+            url = QUrl(QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(probe.serverPort()));
+            probe.close();
+        }
+        if (!skipped.isEmpty()) {
+            store()->setValue(QStringLiteral("updates/skippedVersion"), skipped);
+        }
+        auto updater = make(url.toString(), key());
+        QTRY_VERIFY(updater->canCheckForUpdates());
+        QSignalSpy changes(updater.get(), &AppUpdater::canCheckForUpdatesChanged);
+        QSignalSpy idle(updater.get(), &AppUpdater::idle);
+        background ? updater->checkInBackground() : updater->checkForUpdates();
+        // Both items are off while the check runs.
+        QVERIFY(!updater->canCheckForUpdates());
+        QVERIFY(idle.wait(10'000));
+        QVERIFY(updater->canCheckForUpdates());
+        QCOMPARE(changes.count(), 2);
+        if (expected.isEmpty()) {
+            QCOMPARE(m_log.calls, QStringList());
+        } else {
+            QCOMPARE(m_log.calls.size(), 1);
+            QVERIFY2(m_log.calls.first().startsWith(expected), qPrintable(m_log.calls.first()));
+        }
+    }
+
+    void skipIsRememberedAcrossLaunches() {
+        m_log.answer = UpdatePrompter::Choice::Skip;
+        {
+            auto updater = checked(QStringLiteral("/newer.xml"));
+            QCOMPARE(m_log.calls, QStringList{QStringLiteral("offer: 0.2.0")});
+        }
+        m_log.calls.clear();
+        auto again = checked(QStringLiteral("/newer.xml"));
+        QCOMPARE(m_log.calls.size(), 1);
+        QVERIFY(m_log.calls.first().startsWith(QStringLiteral("upToDate")));
+    }
+
+    void remindMeLaterOffersAgain() {
+        m_log.answer = UpdatePrompter::Choice::Later;
+        auto updater = checked(QStringLiteral("/newer.xml"));
+        QSignalSpy idle(updater.get(), &AppUpdater::idle);
+        updater->checkForUpdates();
+        QVERIFY(idle.wait(10'000));
+        QCOMPARE(m_log.calls,
+                 QStringList({QStringLiteral("offer: 0.2.0"), QStringLiteral("offer: 0.2.0")}));
+    }
+
+    void installOpensOnlyAVerifiedPackage_data() {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("opened");
+        QTest::newRow("verifies") << "/newer.xml" << true;
+        QTest::newRow("signed by another key") << "/forged.xml" << false;
+    }
+    void installOpensOnlyAVerifiedPackage() {
+        QFETCH(QString, path);
+        QFETCH(bool, opened);
+        m_log.answer = UpdatePrompter::Choice::Install;
+        auto updater = checked(path);
+        const QString file =
+            QDir(m_dir->path()).filePath(QStringLiteral("downloads/ostrand_0.2.0_amd64.deb"));
+        if (opened) {
+            QCOMPARE(m_log.calls,
+                     QStringList({QStringLiteral("offer: 0.2.0"), QStringLiteral("open")}));
+            QCOMPARE(m_log.opened, file);
+            QFile package(file);
+            QVERIFY(package.open(QIODevice::ReadOnly));
+            QCOMPARE(package.readAll(), m_package);
+        } else {
+            QCOMPARE(m_log.calls.size(), 2);
+            QVERIFY2(m_log.calls.last().contains(QStringLiteral("signature does not verify")),
+                     qPrintable(m_log.calls.last()));
+            QVERIFY(!QFile::exists(file));
+        }
+    }
+
+    // Never on the first launch; one question on the second; at most a
+    // check a day after that; the answer persists.
+    void automaticChecksFollowTheLaunches() {
+        const QString feed = m_server->url(QStringLiteral("/current.xml")).toString();
+        const QString fetches = QStringLiteral("/current.xml");
+        store()->clear();
+        {
+            auto first = make(feed, key());
+            QTest::qWait(200);
+            QCOMPARE(m_log.calls, QStringList());
+            QCOMPARE(m_server->requests(fetches), 0);
+            QVERIFY(!first->automaticallyChecksForUpdates());
+        }
+        {
+            auto second = make(feed, key());
+            QTRY_COMPARE(m_server->requests(fetches), 1);
+            QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
+            QVERIFY(second->automaticallyChecksForUpdates());
+            QTRY_VERIFY(second->canCheckForUpdates()); // the check has ended
+        }
+        {
+            auto third = make(feed, key());
+            QTest::qWait(200);
+            QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
+            QCOMPARE(m_server->requests(fetches), 1); // checked less than a day ago
+            QVERIFY(third->automaticallyChecksForUpdates());
+            third->setAutomaticallyChecksForUpdates(false);
+        }
+        store()->setValue(QStringLiteral("updates/lastCheck"),
+                          QDateTime::currentDateTimeUtc().addDays(-2));
+        auto fourth = make(feed, key());
+        QTest::qWait(200);
+        QVERIFY(!fourth->automaticallyChecksForUpdates());
+        QCOMPARE(m_server->requests(fetches), 1); // off: no check, however long ago
+    }
+
+    void declinedQuestionIsNotAskedAgain() {
+        m_log.agree = false;
+        store()->clear();
+        const QString feed = m_server->url(QStringLiteral("/current.xml")).toString();
+        for (int launch = 0; launch < 4; ++launch) {
+            auto updater = make(feed, key());
+            QTest::qWait(50);
+            QVERIFY(!updater->automaticallyChecksForUpdates());
+        }
+        QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
+        QCOMPARE(m_server->requests(QStringLiteral("/current.xml")), 0);
+    }
+
+    // The offer's window gives exactly one answer, whichever way it ends, and
+    // a critical update has no way to be skipped.
+    void offerDialogAnswers_data() {
+        QTest::addColumn<bool>("critical");
+        QTest::addColumn<QString>("button"); // empty: the window is closed
+        QTest::addColumn<int>("expected");
+        QTest::newRow("install") << false << "install" << int(UpdatePrompter::Choice::Install);
+        QTest::newRow("skip") << false << "skip" << int(UpdatePrompter::Choice::Skip);
+        QTest::newRow("later") << false << "later" << int(UpdatePrompter::Choice::Later);
+        QTest::newRow("closed") << false << "" << int(UpdatePrompter::Choice::Later);
+        QTest::newRow("critical: install")
+            << true << "install" << int(UpdatePrompter::Choice::Install);
+        QTest::newRow("critical: closed") << true << "" << int(UpdatePrompter::Choice::Later);
+    }
+    void offerDialogAnswers() {
+        QFETCH(bool, critical);
+        QFETCH(QString, button);
+        QFETCH(int, expected);
+        AppcastItem item;
+        item.version = QStringLiteral("0.2.0");
+        item.shortVersion = QStringLiteral("0.2");
+        item.critical = critical;
+        item.releaseNotes = QStringLiteral("<p>Now with <b>bold</b> notes</p><script>x</script>");
+        QList<int> answers;
+        QPointer<QDialog> dialog = UpdateDialogs::makeOfferDialog(
+            item, QStringLiteral("0.1.0"),
+            [&answers](UpdatePrompter::Choice choice) { answers << int(choice); }, nullptr);
+        dialog->show();
+        QCOMPARE(dialog->findChild<QPushButton*>(QStringLiteral("skip")) != nullptr, !critical);
+        const QString notes =
+            dialog->findChild<QTextBrowser*>(QStringLiteral("releaseNotes"))->toPlainText();
+        QCOMPARE(notes.trimmed(), QStringLiteral("Now with bold notes"));
+        if (button.isEmpty()) {
+            dialog->close();
+        } else {
+            dialog->findChild<QPushButton*>(button)->click();
+        }
+        QTRY_VERIFY(dialog.isNull()); // deleted once answered
+        QCOMPARE(answers, QList<int>{expected});
+    }
+
+    void cancelledDownloadEndsTheCheck() {
+        m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"),
+                        {200, m_package.left(100), {}, m_package.size()});
+        struct Cancelling : Recorder {
+            using Recorder::Recorder;
+            void downloadStarted(const AppcastItem&, std::function<void()> cancel) override {
+                m_log.calls << QStringLiteral("started");
+                QTimer::singleShot(0, std::move(cancel)); // as a click would, later
+            }
+            void downloadEnded() override { m_log.calls << QStringLiteral("ended"); }
+        };
+        m_log.answer = UpdatePrompter::Choice::Install;
+        AppUpdater::Configuration config;
+        config.feedUrl = m_server->url(QStringLiteral("/newer.xml")).toString();
+        config.publicKey = key();
+        config.currentVersion = QStringLiteral("0.1.0");
+        config.store = store();
+        config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
+        AppUpdater updater(std::move(config), std::make_unique<Cancelling>(m_log));
+        QTRY_VERIFY(updater.canCheckForUpdates());
+        QSignalSpy idle(&updater, &AppUpdater::idle);
+        updater.checkForUpdates();
+        QTRY_COMPARE_WITH_TIMEOUT(idle.count(), 1, 10'000);
+        QVERIFY(updater.canCheckForUpdates());
+        QCOMPARE(m_log.calls, QStringList({QStringLiteral("offer: 0.2.0"),
+                                           QStringLiteral("started"), QStringLiteral("ended")}));
+        QVERIFY(QDir(QDir(m_dir->path()).filePath(QStringLiteral("downloads"))).isEmpty());
+    }
+
+private:
+    QString key() const { return QString::fromLatin1(m_keys.publicKey.toBase64()); }
+    std::unique_ptr<QSettings> store() const {
+        return std::make_unique<QSettings>(
+            QDir(m_dir->path()).filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
+    }
+
+    std::unique_ptr<AppUpdater> make(const QString& feed, const QString& publicKey) {
+        AppUpdater::Configuration config;
+        config.feedUrl = feed;
+        config.publicKey = publicKey;
+        config.currentVersion = QStringLiteral("0.1.0");
+        config.store = store();
+        config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
+        config.feedLimit = 4096;
+        return std::make_unique<AppUpdater>(std::move(config), std::make_unique<Recorder>(m_log));
+    }
+
+    // An updater after one user check of `path` has ended.
+    std::unique_ptr<AppUpdater> checked(const QString& path) {
+        auto updater = make(m_server->url(path).toString(), key());
+        if (!QTest::qWaitFor([&] { return updater->canCheckForUpdates(); }, 5000)) {
+            return updater;
+        }
+        QSignalSpy idle(updater.get(), &AppUpdater::idle);
+        updater->checkForUpdates();
+        idle.wait(10'000);
+        return updater;
+    }
+
+    ed25519::KeyPair m_keys;
+    QByteArray m_package;
+    QString m_signature;
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<TestHttpServer> m_server;
+    Recorder::Log m_log;
+};
+
+QTEST_MAIN(AppUpdaterTest)
+#include "AppUpdaterTest.moc"

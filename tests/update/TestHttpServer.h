@@ -1,0 +1,89 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+#include <QUrl>
+
+namespace ostrand::test {
+
+// A tiny HTTP/1.0 server on 127.0.0.1 for the updater's tests: each path
+// answers with a fixed response. It stops by itself after `lifetime`.
+class TestHttpServer : public QObject {
+public:
+    struct Response {
+        int status = 200;
+        QByteArray body;
+        QByteArray location;        // a redirect's target
+        qint64 declaredLength = -1; // Content-Length, when it should lie
+    };
+
+    explicit TestHttpServer(int lifetimeMs = 60'000) {
+        m_server.listen(QHostAddress::LocalHost, 0);
+        connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::accept);
+        QTimer::singleShot(lifetimeMs, this, [this] { m_server.close(); });
+    }
+
+    void serve(const QString& path, Response response) { m_routes.insert(path, response); }
+    QUrl url(const QString& path) const {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path));
+    }
+    int requests(const QString& path) const { return m_counts.value(path); }
+
+private:
+    void accept() {
+        while (QTcpSocket* socket = m_server.nextPendingConnection()) {
+            connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { answer(socket); });
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
+    }
+
+    void answer(QTcpSocket* socket) {
+        QByteArray& request = m_pending[socket];
+        request += socket->readAll();
+        if (!request.contains("\r\n\r\n")) {
+            return;
+        }
+        const QString path = QString::fromLatin1(request.split(' ').value(1));
+        m_pending.remove(socket);
+        ++m_counts[path];
+        const Response response = m_routes.value(path, Response{404, "not here", {}, -1});
+        QByteArray out = "HTTP/1.0 " + QByteArray::number(response.status) + ' ' +
+                         reason(response.status) + "\r\n";
+        out += "Content-Length: " +
+               QByteArray::number(response.declaredLength >= 0 ? response.declaredLength
+                                                               : response.body.size()) +
+               "\r\n";
+        if (!response.location.isEmpty()) {
+            out += "Location: " + response.location + "\r\n";
+        }
+        out += "Connection: close\r\n\r\n" + response.body;
+        socket->write(out);
+        socket->disconnectFromHost();
+    }
+
+    static QByteArray reason(int status) {
+        switch (status) {
+        case 200:
+            return "OK";
+        case 301:
+            return "Moved Permanently";
+        case 302:
+            return "Found";
+        case 404:
+            return "Not Found";
+        default:
+            return "Status";
+        }
+    }
+
+    QTcpServer m_server;
+    QHash<QString, Response> m_routes;
+    QHash<QString, int> m_counts;
+    QHash<QTcpSocket*, QByteArray> m_pending;
+};
+
+} // namespace ostrand::test

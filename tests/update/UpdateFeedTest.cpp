@@ -1,0 +1,385 @@
+// The update feed without windows: versions, the appcast, and fetching and
+// verifying against a server on 127.0.0.1.
+#include "update/UpdateFeed.h"
+#include "TestHttpServer.h"
+#include "update/Appcast.h"
+#include "update/Ed25519.h"
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace ostrand;
+using ostrand::test::TestHttpServer;
+
+namespace {
+
+// One <item>; `extra` goes inside the item.
+QByteArray item(const QString& version, const QString& os = QStringLiteral("linux"),
+                const QString& extra = {},
+                const QString& url = QStringLiteral("https://example.com/o.deb"),
+                qint64 length = 10, const QString& signature = QStringLiteral("c2ln")) {
+    return QStringLiteral(
+               "<item><title>Ostrand %1</title><sparkle:version>%1</sparkle:version>"
+               "<description><![CDATA[<p>Notes for <b>%1</b></p>]]></description>%2"
+               "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
+               "sparkle:os=\"%5\" sparkle:edSignature=\"%6\"/></item>")
+        .arg(version, extra, url)
+        .arg(length)
+        .arg(os, signature)
+        .toUtf8();
+}
+
+QByteArray feed(const QByteArray& items) {
+    return "<?xml version=\"1.0\"?><rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
+           "<title>Ostrand</title>" +
+           items + "</channel></rss>";
+}
+
+QList<AppcastItem> parsed(const QByteArray& xml) {
+    auto result = parseAppcast(xml);
+    if (auto* error = std::get_if<QString>(&result)) {
+        qWarning("%s", qPrintable(*error));
+        return {};
+    }
+    return std::get<QList<AppcastItem>>(result);
+}
+
+} // namespace
+
+class UpdateFeedTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        const auto pair = ed25519::generate();
+        QVERIFY(pair);
+        m_keys = *pair;
+        QVERIFY(m_downloads.isValid());
+    }
+
+    void versionsCompareNumerically_data() {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("tens after units") << "1.10"
+                                          << "1.9" << 1;
+        QTest::newRow("missing component is zero") << "1.0"
+                                                   << "1" << 0;
+        QTest::newRow("longer is newer") << "1.0.1"
+                                         << "1.0" << 1;
+        QTest::newRow("major wins") << "2.0"
+                                    << "1.99.99" << 1;
+        QTest::newRow("older") << "0.1.0"
+                               << "0.2" << -1;
+        QTest::newRow("suffix ignored") << "1.2b3"
+                                        << "1.2" << 0;
+        QTest::newRow("no leading zeros trick") << "1.01"
+                                                << "1.1" << 0;
+    }
+    void versionsCompareNumerically() {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(int, expected);
+        QCOMPARE(compareVersions(a, b), expected);
+        QCOMPARE(compareVersions(b, a), -expected);
+    }
+
+    void newestUpdateIsChosen_data() {
+        QTest::addColumn<QByteArray>("items");
+        QTest::addColumn<QString>("skipped");
+        QTest::addColumn<QString>("expected"); // empty: no update
+        QTest::newRow("up to date") << item("0.1.0") << ""
+                                    << "";
+        QTest::newRow("older only") << item("0.0.9") << ""
+                                    << "";
+        QTest::newRow("newer offered") << item("0.2.0") << ""
+                                       << "0.2.0";
+        QTest::newRow("newest of several, any order")
+            << item("0.2.0") + item("0.10.0") + item("0.3.0") << ""
+            << "0.10.0";
+        QTest::newRow("other systems ignored")
+            << item("0.2.0") + item("0.9.0", "macos") + item("0.8.0", "") << ""
+            << "0.2.0";
+        QTest::newRow("skipped not offered") << item("0.2.0") << "0.2.0"
+                                             << "";
+        QTest::newRow("skipped one, older still offered")
+            << item("0.2.0") + item("0.3.0") << "0.3.0"
+            << "0.2.0";
+        QTest::newRow("critical offered though skipped")
+            << item("0.2.0", "linux", "<sparkle:criticalUpdate/>") << "0.2.0"
+            << "0.2.0";
+    }
+    void newestUpdateIsChosen() {
+        QFETCH(QByteArray, items);
+        QFETCH(QString, skipped);
+        QFETCH(QString, expected);
+        const auto update = newestUpdate(parsed(feed(items)), QStringLiteral("0.1.0"), skipped);
+        QCOMPARE(update ? update->version : QString(), expected);
+    }
+
+    void itemIsReadCompletely() {
+        const auto items =
+            parsed(feed(item("0.2.0", "linux",
+                             "<pubDate>Mon, 23 Nov 2026 16:00:00 +0000</pubDate>"
+                             "<sparkle:shortVersionString>0.2</sparkle:shortVersionString>",
+                             "https://example.com/a b.deb", 1234, "AAAA")));
+        QCOMPARE(items.size(), 1);
+        const AppcastItem& it = items.first();
+        QCOMPARE(it.shortVersion, QStringLiteral("0.2"));
+        QCOMPARE(it.length, 1234);
+        QCOMPARE(it.edSignature, QStringLiteral("AAAA"));
+        QCOMPARE(it.releaseNotes, QStringLiteral("<p>Notes for <b>0.2.0</b></p>"));
+        QCOMPARE(it.pubDate, QDateTime(QDate(2026, 11, 23), QTime(16, 0), Qt::UTC));
+        QVERIFY(!it.critical);
+    }
+
+    // What ostrand-sign writes is what the updater reads, notes with "]]>" too.
+    void writtenItemReadsBack() {
+        AppcastItem written;
+        written.title = QStringLiteral("Ostrand 1.2 & more");
+        written.version = QStringLiteral("1.2.0");
+        written.shortVersion = QStringLiteral("1.2");
+        written.releaseNotes = QStringLiteral("<p>a]]>b</p>");
+        written.pubDate = QDateTime(QDate(2026, 11, 23), QTime(9, 5, 1), Qt::UTC);
+        written.critical = true;
+        written.url = QUrl(QStringLiteral("https://example.com/ostrand_1.2.0_amd64.deb?x=1&y=2"));
+        written.length = 42;
+        written.type = QStringLiteral("application/vnd.debian.binary-package");
+        written.os = QStringLiteral("linux");
+        written.edSignature = QStringLiteral("c2lnbmF0dXJl");
+        QByteArray xml = insertAppcastItem({}, appcastItemXml(written), QStringLiteral("Ostrand"));
+        xml = insertAppcastItem(xml, appcastItemXml(written), QStringLiteral("Ostrand"));
+        const auto items = parsed(xml);
+        QCOMPARE(items.size(), 2);
+        const AppcastItem& read = items.first();
+        QCOMPARE(read.title, written.title);
+        QCOMPARE(read.version, written.version);
+        QCOMPARE(read.shortVersion, written.shortVersion);
+        QCOMPARE(read.releaseNotes, written.releaseNotes);
+        QCOMPARE(read.pubDate, written.pubDate);
+        QCOMPARE(read.critical, true);
+        QCOMPARE(read.url, written.url);
+        QCOMPARE(read.length, written.length);
+        QCOMPARE(read.os, written.os);
+        QCOMPARE(read.edSignature, written.edSignature);
+    }
+
+    void addressesAreRefused_data() {
+        QTest::addColumn<QString>("url");
+        QTest::addColumn<bool>("refused");
+        QTest::newRow("https") << "https://example.com/appcast.xml" << false;
+        QTest::newRow("http to a host") << "http://example.com/appcast.xml" << true;
+        QTest::newRow("http to 127.0.0.1") << "http://127.0.0.1:8080/appcast.xml" << false;
+        QTest::newRow("http to ::1") << "http://[::1]/appcast.xml" << false;
+        QTest::newRow("http to localhost") << "http://localhost/appcast.xml" << false;
+        QTest::newRow("http to 127.example.com") << "http://127.0.0.1.example.com/a" << true;
+        QTest::newRow("ftp") << "ftp://example.com/appcast.xml" << true;
+        QTest::newRow("file") << "file:///etc/passwd" << true;
+    }
+    void addressesAreRefused() {
+        QFETCH(QString, url);
+        QFETCH(bool, refused);
+        QCOMPARE(!UpdateFeed::refusal(QUrl(url)).isEmpty(), refused);
+    }
+
+    void plainHttpFeedIsNotFetched() {
+        UpdateFeed updates(QUrl(QStringLiteral("http://example.com/appcast.xml")),
+                           m_keys.publicKey);
+        QSignalSpy failed(&updates, &UpdateFeed::fetchFailed);
+        updates.fetch();
+        QCOMPARE(failed.count(), 1);
+        QVERIFY(failed.first().first().toString().contains(QStringLiteral("https://")));
+    }
+
+    void feedErrors_data() {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("errorPart");
+        QTest::newRow("malformed XML") << "/broken.xml"
+                                       << "not valid XML";
+        QTest::newRow("HTTP 404") << "/missing.xml"
+                                  << "HTTP 404 Not Found";
+        QTest::newRow("over the size limit") << "/huge.xml"
+                                             << "larger than";
+        QTest::newRow("not an appcast") << "/html"
+                                        << "no channel";
+        QTest::newRow("redirect to another scheme") << "/to-https"
+                                                    << "could not be read";
+        QTest::newRow("unreachable host") << "unreachable"
+                                          << "could not be read";
+    }
+    void feedErrors() {
+        QFETCH(QString, path);
+        QFETCH(QString, errorPart);
+        TestHttpServer server;
+        server.serve(QStringLiteral("/broken.xml"), {200, feed(item("0.2.0")).chopped(20), {}, -1});
+        server.serve(QStringLiteral("/huge.xml"),
+                     {200, feed(QByteArray(8000, ' ') + item("0.2.0")), {}, -1});
+        server.serve(QStringLiteral("/html"), {200, "<html><body>hello</body></html>", {}, -1});
+        server.serve(
+            QStringLiteral("/to-https"),
+            {302,
+             {},
+             server.url(QStringLiteral("/ok")).toString().replace("http:", "https:").toUtf8(),
+             -1});
+        QUrl url = server.url(path);
+        if (path == u"unreachable") {
+            url = QUrl(QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(closedPort()));
+        }
+        UpdateFeed updates(url, m_keys.publicKey);
+        updates.setFeedLimit(4096);
+        QSignalSpy failed(&updates, &UpdateFeed::fetchFailed);
+        QSignalSpy fetched(&updates, &UpdateFeed::fetched);
+        updates.fetch();
+        QVERIFY(failed.wait(10'000));
+        QCOMPARE(fetched.count(), 0);
+        const QString error = failed.first().first().toString();
+        QVERIFY2(error.contains(errorPart, Qt::CaseInsensitive), qPrintable(error));
+    }
+
+    void redirectWithinSchemeIsFollowed() {
+        TestHttpServer server;
+        server.serve(QStringLiteral("/moved"),
+                     {301, {}, server.url(QStringLiteral("/appcast.xml")).toEncoded(), -1});
+        server.serve(QStringLiteral("/appcast.xml"), {200, feed(item("0.2.0")), {}, -1});
+        UpdateFeed updates(server.url(QStringLiteral("/moved")), m_keys.publicKey);
+        QSignalSpy fetched(&updates, &UpdateFeed::fetched);
+        updates.fetch();
+        QVERIFY(fetched.wait(10'000));
+        QCOMPARE(fetched.first().first().value<QList<AppcastItem>>().size(), 1);
+    }
+
+    void downloads_data() {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QString>("errorPart"); // empty: it verifies
+        QTest::newRow("verifies") << ""
+                                  << "";
+        QTest::newRow("signature of other bytes") << "signature"
+                                                  << "signature does not verify";
+        QTest::newRow("signature by another key") << "key"
+                                                  << "signature does not verify";
+        QTest::newRow("truncated download") << "truncated"
+                                            << "could not be downloaded";
+        QTest::newRow("shorter than the feed says") << "shorter"
+                                                    << "the update feed says";
+        QTest::newRow("longer than the feed says") << "longer"
+                                                   << "longer than the update feed says";
+        QTest::newRow("HTTP 404") << "missing"
+                                  << "HTTP 404 Not Found";
+    }
+    void downloads() {
+        QFETCH(QString, fault);
+        QFETCH(QString, errorPart);
+        const QByteArray package = QByteArray("!<arch>\n") + QByteArray(100'000, 'p');
+        AppcastItem update;
+        update.version = QStringLiteral("0.2.0");
+        update.shortVersion = update.version;
+        update.os = QStringLiteral("linux");
+        update.length = package.size();
+        update.edSignature = QString::fromLatin1(ed25519::sign(m_keys.seed, package).toBase64());
+
+        TestHttpServer server;
+        TestHttpServer::Response response{200, package, {}, -1};
+        if (fault == u"signature") {
+            QByteArray other = package;
+            other[5000] = 'q';
+            response.body = other;
+        } else if (fault == u"key") {
+            update.edSignature =
+                QString::fromLatin1(ed25519::sign(ed25519::generate()->seed, package).toBase64());
+        } else if (fault == u"truncated") {
+            response.body = package.left(60'000);
+            response.declaredLength = package.size();
+        } else if (fault == u"shorter") {
+            update.length = package.size() + 1;
+        } else if (fault == u"longer") {
+            update.length = package.size() - 1;
+        }
+        if (fault != u"missing") {
+            server.serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), response);
+        }
+        update.url = server.url(QStringLiteral("/ostrand_0.2.0_amd64.deb"));
+
+        UpdateFeed updates(server.url(QStringLiteral("/appcast.xml")), m_keys.publicKey);
+        updates.setDownloadFolder(m_downloads.path());
+        QSignalSpy done(&updates, &UpdateFeed::downloaded);
+        QSignalSpy failed(&updates, &UpdateFeed::downloadFailed);
+        updates.download(update);
+        QTRY_VERIFY_WITH_TIMEOUT(done.count() + failed.count() == 1, 10'000);
+        const QString path =
+            QDir(m_downloads.path()).filePath(QStringLiteral("ostrand_0.2.0_amd64.deb"));
+        if (errorPart.isEmpty()) {
+            QCOMPARE(done.first().first().toString(), path);
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            QCOMPARE(file.readAll(), package);
+            QFile::remove(path);
+        } else {
+            const QString error = failed.first().first().toString();
+            QVERIFY2(error.contains(errorPart, Qt::CaseInsensitive), qPrintable(error));
+            QVERIFY2(QDir(m_downloads.path()).isEmpty(), "a rejected download must be deleted");
+        }
+    }
+
+    void takenNameIsNotReplaced() {
+        const QByteArray package = QByteArray(5000, 'z');
+        AppcastItem update;
+        update.length = package.size();
+        update.edSignature = QString::fromLatin1(ed25519::sign(m_keys.seed, package).toBase64());
+        TestHttpServer server;
+        server.serve(QStringLiteral("/o.deb"), {200, package, {}, -1});
+        update.url = server.url(QStringLiteral("/o.deb"));
+        QTemporaryDir folder;
+        QFile mine(QDir(folder.path()).filePath(QStringLiteral("o.deb")));
+        QVERIFY(mine.open(QIODevice::WriteOnly));
+        mine.write("the user's own file");
+        mine.close();
+        UpdateFeed updates(update.url, m_keys.publicKey);
+        updates.setDownloadFolder(folder.path());
+        QSignalSpy done(&updates, &UpdateFeed::downloaded);
+        updates.download(update);
+        QTRY_COMPARE_WITH_TIMEOUT(done.count(), 1, 10'000);
+        QCOMPARE(done.first().first().toString(),
+                 QDir(folder.path()).filePath(QStringLiteral("o (2).deb")));
+        QVERIFY(mine.open(QIODevice::ReadOnly));
+        QCOMPARE(mine.readAll(), QByteArray("the user's own file"));
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files),
+                 QStringList({QStringLiteral("o (2).deb"), QStringLiteral("o.deb")}));
+    }
+
+    void cancelledDownloadIsDeleted() {
+        AppcastItem update;
+        update.length = 1'000'000;
+        update.edSignature = QStringLiteral("AAAA");
+        TestHttpServer server; // never answers this path with the whole file
+        server.serve(QStringLiteral("/slow.deb"), {200, QByteArray(1000, 'x'), {}, 1'000'000});
+        update.url = server.url(QStringLiteral("/slow.deb"));
+        UpdateFeed updates(update.url, m_keys.publicKey);
+        updates.setDownloadFolder(m_downloads.path());
+        QSignalSpy cancelled(&updates, &UpdateFeed::downloadCancelled);
+        QSignalSpy progress(&updates, &UpdateFeed::downloadProgress);
+        updates.download(update);
+        QVERIFY(updates.isBusy());
+        updates.cancelDownload();
+        QTRY_COMPARE_WITH_TIMEOUT(cancelled.count(), 1, 10'000);
+        QVERIFY(!updates.isBusy());
+        QVERIFY(QDir(m_downloads.path()).isEmpty());
+    }
+
+private:
+    static quint16 closedPort() {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        const quint16 port = probe.serverPort();
+        probe.close();
+        return port;
+    }
+
+    ed25519::KeyPair m_keys;
+    QTemporaryDir m_downloads;
+};
+
+QTEST_GUILESS_MAIN(UpdateFeedTest)
+#include "UpdateFeedTest.moc"
