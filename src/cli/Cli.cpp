@@ -334,8 +334,8 @@ private:
         const auto started = Clock::now();
         const LevelingReport report = LevelingEngine::process(
             source, plan.destination, plan.existing,
-            LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
-            m_options.mono, plan.sidecar,
+            LevelingParameters::forTarget(target, m_options.noiseAware), ceiling, m_options.mono,
+            plan.sidecar,
             [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
