@@ -199,7 +199,8 @@ INSTANTIATE_TEST_SUITE_P(
         Usage{"unknownPreset", {"level", "--preset", "radio", "a.wav"}, "unknown preset"},
         Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"}, "exactly one input"},
         Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
-        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"}),
+        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"},
+        Usage{"measureNoiseAware", {"measure", "--noise-aware", "a.wav"}, "no --noise-aware"}),
     [](const auto& p) { return std::string(p.param.name); });
 
 TEST(CliTest, HelpAndVersion) {
@@ -452,8 +453,8 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     }
     EXPECT_NE(run({"help", "level"}).out.find("--skip-existing"), std::string::npos);
     EXPECT_NE(run({"presets"}).out.find("Broadcast (EBU R128)      -23.0 LUFS"), std::string::npos);
-    const CliRun verbose =
-        run({"level", "-v", "--output-dir", (dir / "v").string(), source.string()});
+    const CliRun verbose = run(
+        {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
     EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
 }
 
