@@ -101,17 +101,7 @@ bool lowerPausesByLimiterLoss(const FrameAnalysis& a, std::span<const unsigned c
     }
     std::vector<double> adjustment(n, 0.0);
     bool any = false;
-    std::size_t i = 0;
-    while (i < n) {
-        if (pause[i] == 0) {
-            ++i;
-            continue;
-        }
-        const std::size_t begin = i;
-        while (i < n && pause[i] != 0) {
-            ++i;
-        }
-        const std::size_t end = i;
+    PauseDetector::forEachPause(pause, [&](std::size_t begin, std::size_t end) {
         double sumBefore = 0.0;
         double sumAfter = 0.0;
         const std::size_t lo = begin > around ? begin - around : 0;
@@ -123,13 +113,13 @@ bool lowerPausesByLimiterLoss(const FrameAnalysis& a, std::span<const unsigned c
             }
         }
         if (!(sumAfter > 0.0) || !(sumBefore > sumAfter)) {
-            continue;
+            return;
         }
         const double lossDb = 10.0 * std::log10(sumBefore / sumAfter);
         std::fill(adjustment.begin() + static_cast<std::ptrdiff_t>(begin),
                   adjustment.begin() + static_cast<std::ptrdiff_t>(end), -lossDb);
         any = true;
-    }
+    });
     if (!any) {
         return false;
     }

@@ -119,17 +119,7 @@ void holdAcrossPauses(std::span<double> levelDb, std::span<const unsigned char> 
     const std::size_t n = levelDb.size();
     OSTRAND_REQUIRE(pause.size() == n, "pause mask of the wrong length");
     const auto lead = static_cast<std::size_t>(leadFrames);
-    std::size_t i = 0;
-    while (i < n) {
-        if (pause[i] == 0) {
-            ++i;
-            continue;
-        }
-        const std::size_t begin = i;
-        while (i < n && pause[i] != 0) {
-            ++i;
-        }
-        const std::size_t end = i;
+    forEachPause(pause, [&](std::size_t begin, std::size_t end) {
         if (begin == 0 && end == n) {
             return; // nothing to hold on to
         }
@@ -148,7 +138,7 @@ void holdAcrossPauses(std::span<double> levelDb, std::span<const unsigned char> 
                 levelDb[k] = before;
             }
         }
-    }
+    });
 }
 
 } // namespace ostrand::PauseDetector

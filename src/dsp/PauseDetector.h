@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -64,5 +65,22 @@ bool noiseDominated(double frameDb, double floorDb, double speechDb) noexcept;
 // either side; the last (or first) `leadFrames` of the run take the quieter
 // neighbour's level, so the smoothed gain has arrived when that speech starts.
 void holdAcrossPauses(std::span<double> levelDb, std::span<const unsigned char> pause);
+
+// Calls run(begin, end) for every run of pause frames [begin, end), in order.
+template <typename Run>
+void forEachPause(std::span<const unsigned char> pause, Run&& run) {
+    std::size_t i = 0;
+    while (i < pause.size()) {
+        if (pause[i] == 0) {
+            ++i;
+            continue;
+        }
+        const std::size_t begin = i;
+        while (i < pause.size() && pause[i] != 0) {
+            ++i;
+        }
+        run(begin, i);
+    }
+}
 
 } // namespace ostrand::PauseDetector
