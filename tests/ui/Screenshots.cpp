@@ -76,6 +76,13 @@ int main(int argc, char** argv) {
         window.resize(window.minimumSize());
         save(window, QStringLiteral("main-jobs-smallest"));
         window.resize(560, 640);
+        {
+            // A row whose output could not keep everything says so.
+            LevelingReport report = *fixture.queue.jobs()[2]->report();
+            report.notes = {"the cover art (mjpeg) cannot be kept in WebM"};
+            fixture.queue.jobs()[2]->setReport(report);
+            save(window, QStringLiteral("main-job-notes"));
+        }
 
         for (const auto& [row, name] : {std::pair{3, QStringLiteral("menu-finished")},
                                         std::pair{0, QStringLiteral("menu-running")},
