@@ -22,6 +22,8 @@ struct LevelingParameters {
         parameters.noiseAwarePauses = noiseAwarePauses;
         return parameters;
     }
+
+    friend bool operator==(const LevelingParameters&, const LevelingParameters&) = default;
 };
 
 } // namespace ostrand

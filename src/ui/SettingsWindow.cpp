@@ -103,6 +103,7 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
 
     connect(&settings, &OstrandSettings::targetLoudnessChanged, this, &SettingsWindow::refresh);
     connect(&settings, &OstrandSettings::truePeakCeilingChanged, this, &SettingsWindow::refresh);
+    connect(&settings, &OstrandSettings::noiseAwarePausesChanged, this, &SettingsWindow::refresh);
     connect(&settings, &OstrandSettings::outputChannelsChanged, this, &SettingsWindow::refresh);
     connect(&settings, &OstrandSettings::exportWAVWithVideoChanged, this, &SettingsWindow::refresh);
     connect(&settings, &OstrandSettings::saveModeChanged, this, &SettingsWindow::refresh);
@@ -150,6 +151,15 @@ QWidget* SettingsWindow::loudnessSection() {
     presetRow->insertWidget(0, new QLabel(QStringLiteral("Presets"), presets));
     presetRow->insertSpacing(1, 8);
     form->addRow(presets);
+
+    m_noiseAware = new QCheckBox(QStringLiteral("Keep room noise down in pauses"), box);
+    m_noiseAware->setObjectName(QStringLiteral("noiseAwarePauses"));
+    m_noiseAware->setToolTip(
+        QStringLiteral("For recordings with audible room noise or a music bed: pauses keep the "
+                       "gain of the speech around them instead of being lifted."));
+    connect(m_noiseAware, &QCheckBox::toggled, this,
+            [this](bool on) { m_settings.setNoiseAwarePauses(on); });
+    form->addRow(m_noiseAware);
     form->addRow(caption(QStringLiteral("Leveling is a slow, look-ahead gain ride that keeps "
                                         "speech at a steady level without pumping noise in "
                                         "pauses, followed by a true-peak limiter. Nothing else "
@@ -274,8 +284,8 @@ void SettingsWindow::chooseFolder() {
 
 void SettingsWindow::refresh() {
     // Controls follow the settings without writing them back.
-    const QList<QObject*> controls{m_target,   m_ceiling, m_channels, m_wav,
-                                   m_saveMode, m_reveal,  m_autoCheck};
+    const QList<QObject*> controls{m_target, m_ceiling,  m_noiseAware, m_channels,
+                                   m_wav,    m_saveMode, m_reveal,     m_autoCheck};
     std::vector<std::unique_ptr<QSignalBlocker>> blockers;
     for (QObject* control : controls) {
         blockers.push_back(std::make_unique<QSignalBlocker>(control));
@@ -285,6 +295,7 @@ void SettingsWindow::refresh() {
     m_targetValue->setText(QString::asprintf("%.1f LUFS", m_settings.targetLoudness()));
     m_ceiling->setValue(sliderPosition(m_settings.truePeakCeiling()));
     m_ceilingValue->setText(QString::asprintf("%.1f dBTP", m_settings.truePeakCeiling()));
+    m_noiseAware->setChecked(m_settings.noiseAwarePauses());
 
     const OutputChannels channels = m_settings.outputChannels();
     m_channels->button(static_cast<int>(channels))->setChecked(true);

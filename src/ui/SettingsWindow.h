@@ -51,6 +51,7 @@ private:
     QLabel* m_ceilingValue = nullptr;
     QButtonGroup* m_channels = nullptr;
     QLabel* m_channelsCaption = nullptr;
+    QCheckBox* m_noiseAware = nullptr;
     QCheckBox* m_wav = nullptr;
     QLabel* m_wavCaption = nullptr;
     QButtonGroup* m_saveMode = nullptr;

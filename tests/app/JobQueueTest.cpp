@@ -45,8 +45,8 @@ const JobQueue::Engine slowedEngine =
     };
 
 struct World {
-    World()
-        : queue(t.settings, {slowedEngine, &inhibitor, nullptr, &panels}) {}
+    explicit World(const JobQueue::Engine& engine = slowedEngine)
+        : queue(t.settings, {engine, &inhibitor, nullptr, &panels}) {}
     LevelingJob* job(int index) const { return queue.jobs().at(index); }
     auto files() const {
         const std::filesystem::directory_iterator all(media.path());
@@ -107,6 +107,36 @@ private slots:
         QCOMPARE(w.job(1)->state(), JobState::waiting());
         QVERIFY(!w.queue.hasFinished());
         QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
+    }
+
+    // A job runs with the settings of the moment it starts.
+    void runsWithTheLoudnessSettings_data() {
+        QTest::addColumn<bool>("noiseAware");
+        QTest::newRow("exact pauses") << false;
+        QTest::newRow("noise-aware pauses") << true;
+    }
+
+    void runsWithTheLoudnessSettings() {
+        QFETCH(bool, noiseAware);
+        LevelingParameters seen;
+        double seenCeiling = 0.0;
+        const JobQueue::Engine recording = [&](const auto& source, const auto& destination,
+                                               auto existing, const auto& parameters,
+                                               double ceiling, bool mono, const auto& sidecar,
+                                               const auto& progress, const auto& isCancelled) {
+            seen = parameters;
+            seenCeiling = ceiling;
+            return LevelingEngine::process(source, destination, existing, parameters, ceiling, mono,
+                                           sidecar, progress, isCancelled);
+        };
+        World w(recording);
+        w.t.settings.setTargetLoudness(-19.0);
+        w.t.settings.setTruePeakCeiling(-2.0);
+        w.t.settings.setNoiseAwarePauses(noiseAware);
+        w.queue.add({urlOf(sineFile(w.media / "a.wav", 48000, "mono", 0.5))});
+        QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
+        QVERIFY(seen == LevelingParameters::forTarget(-19.0, noiseAware));
+        QCOMPARE(seenCeiling, -2.0);
     }
 
     // Whatever the outcome, a run shows it, leaves a file only on success, and

@@ -86,6 +86,7 @@ private slots:
         m_settings->settings.setTargetLoudness(-14.0);
         m_settings->settings.setTruePeakCeiling(-2.0);
         m_settings->settings.setRevealWhenDone(true);
+        m_settings->settings.setNoiseAwarePauses(true);
         m_settings->settings.setSaveMode(SaveMode::askEveryTime);
         QCOMPARE(m_window->findChild<QSlider*>(QStringLiteral("Target"))->value(), -28);
         QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("targetValue"))->text(),
@@ -93,6 +94,7 @@ private slots:
         QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("ceilingValue"))->text(),
                  QStringLiteral("-2.0 dBTP"));
         QVERIFY(m_window->findChild<QCheckBox*>(QStringLiteral("revealWhenDone"))->isChecked());
+        QVERIFY(m_window->findChild<QCheckBox*>(QStringLiteral("noiseAwarePauses"))->isChecked());
         QVERIFY(m_window->findChild<QRadioButton*>(QStringLiteral("askEveryTime"))->isChecked());
         // Following a change writes nothing back.
         QCOMPARE(targetChanged.count(), 1);
@@ -171,11 +173,19 @@ private slots:
         QVERIFY(!choose->isVisible());
     }
 
-    void revealOptionWritesItsSetting() {
-        QTest::mouseClick(m_window->findChild<QCheckBox*>(QStringLiteral("revealWhenDone")),
-                          Qt::LeftButton);
-        QVERIFY(m_settings->settings.revealWhenDone());
-        QCOMPARE(reopenedStore()->value(OstrandSettings::Keys::revealWhenDone).toBool(), true);
+    void optionsWriteTheirSettings_data() {
+        QTest::addColumn<QString>("key");
+        QTest::newRow("reveal") << QString(OstrandSettings::Keys::revealWhenDone);
+        QTest::newRow("noise-aware pauses") << QString(OstrandSettings::Keys::noiseAwarePauses);
+    }
+
+    void optionsWriteTheirSettings() {
+        QFETCH(QString, key);
+        auto* option = m_window->findChild<QCheckBox*>(key);
+        // On the box itself: the row is wider than the text that takes clicks.
+        QTest::mouseClick(option, Qt::LeftButton, {}, QPoint(8, option->height() / 2));
+        QVERIFY(m_settings->settings.property(qPrintable(key)).toBool());
+        QCOMPARE(reopenedStore()->value(key).toBool(), true);
     }
 
     void updateControls() {
