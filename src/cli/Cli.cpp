@@ -12,6 +12,7 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -401,8 +402,7 @@ private:
     void measure(int slot, const fs::path& source) {
         m_console.started(slot, source.filename().string());
         const LevelingEngine::Measurement m = LevelingEngine::measure(
-            source, false,
-            [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+            source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         m_console.ended(slot);
         if (m_options.json) {
@@ -411,22 +411,70 @@ private:
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
             object["truePeak"] = jsonNumber(m.truePeak);
             object["samplePeak"] = jsonNumber(m.samplePeak);
+            object["loudnessRange"] = jsonNumber(m.loudnessRange);
+            object["maxMomentary"] = jsonNumber(m.maxMomentary);
+            object["maxShortTerm"] = jsonNumber(m.maxShortTerm);
             object["duration"] = jsonNumber(m.duration);
             object["sampleRate"] = jsonNumber(m.sampleRate);
             object["channels"] = static_cast<qint64>(m.channels);
+            object["layout"] = QString::fromStdString(m.layout);
+            QJsonArray tracks;
+            for (const LevelingEngine::ProgrammeMeasurement& track : m.tracks) {
+                const LoudnessFigures& f = track.loudness;
+                tracks.append(QJsonObject{
+                    {"streamIndex", track.streamIndex},
+                    {"layout", QString::fromStdString(track.layout)},
+                    {"channels", static_cast<qint64>(track.channels)},
+                    {"sampleRate", jsonNumber(track.sampleRate)},
+                    {"integratedLoudness", jsonNumber(f.integratedLoudness)},
+                    {"truePeak", jsonNumber(f.truePeak)},
+                    {"samplePeak", jsonNumber(f.samplePeak)},
+                    {"loudnessRange", jsonNumber(f.loudnessRange)},
+                    {"maxMomentary", jsonNumber(f.maxMomentary)},
+                    {"maxShortTerm", jsonNumber(f.maxShortTerm)},
+                });
+            }
+            object["tracks"] = tracks;
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
-            char line[256];
-            std::snprintf(
-                line, sizeof line,
-                "%.1f LUFS \u00b7 true peak %.1f dBTP \u00b7 sample peak %.1f dBFS \u00b7 ",
-                m.integratedLoudness, m.truePeak, m.samplePeak);
             std::ostringstream text;
-            text << source.string() << ": " << line << LevelingJob::format(m.duration).toStdString()
-                 << " \u00b7 " << static_cast<long long>(m.sampleRate) << " Hz "
-                 << (m.channels == 1 ? "mono" : "stereo") << '\n';
+            text << source.string() << ": "
+                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak) << " \u00b7 "
+                 << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
+                 << static_cast<long long>(m.sampleRate) << " Hz " << m.layout;
+            if (m.tracks.size() > 1) {
+                text << ", mix of " << m.tracks.size() << " tracks";
+            }
+            text << "\n  " << rangeText(m.loudnessRange, m.maxMomentary, m.maxShortTerm) << '\n';
+            for (std::size_t i = 0; m.tracks.size() > 1 && i < m.tracks.size(); ++i) {
+                const LevelingEngine::ProgrammeMeasurement& track = m.tracks[i];
+                const LoudnessFigures& f = track.loudness;
+                text << "  track " << i + 1 << " (" << track.layout
+                     << "): " << loudnessText(f.integratedLoudness, f.truePeak, f.samplePeak)
+                     << " \u00b7 " << rangeText(f.loudnessRange, f.maxMomentary, f.maxShortTerm)
+                     << '\n';
+            }
             m_console.report(text.str());
         }
+    }
+
+    static std::string loudnessText(double integrated, double truePeak, double samplePeak) {
+        return figure("%.1f LUFS", integrated) + " \u00b7 true peak " +
+               figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
+               figure("%.1f dBFS", samplePeak);
+    }
+
+    static std::string rangeText(double range, double maxMomentary, double maxShortTerm) {
+        return "range " + figure("%.1f LU", range) + " \u00b7 max momentary " +
+               figure("%.1f LUFS", maxMomentary) + " \u00b7 max short-term " +
+               figure("%.1f LUFS", maxShortTerm);
+    }
+
+    // A figure with its unit; "-inf" where there is nothing to measure.
+    static std::string figure(const char* format, double value) {
+        char text[64];
+        std::snprintf(text, sizeof text, format, value);
+        return text;
     }
 
     const CliOptions& m_options;

@@ -31,7 +31,7 @@ constexpr const char* generalHelp = R"(usage: ostrand-cli level [options] FILE|F
 
 level     evens out the loudness of the speech in each file and writes the
           result beside it as "NAME leveled.EXT"
-measure   prints the loudness, true peak and sample peak of each file
+measure   prints the loudness, range and peaks of each file, as a meter does
 presets   lists the loudness presets
 help      explains a command: "ostrand-cli help level"
 
@@ -82,8 +82,12 @@ never replaced without --force.
 
 constexpr const char* measureHelp = R"(usage: ostrand-cli measure [options] FILE|FOLDER|- ...
 
-Prints the integrated loudness (LUFS), true peak (dBTP) and sample peak
-(dBFS) of each file's mixed audio, its duration, rate and channels.
+Measures each file as a loudness meter in EBU Mode does (ITU-R BS.1770-4,
+EBU Tech 3341 and 3342) on the file's own channel layout (surround channels
+weigh 1.41, the LFE channel is left out): integrated loudness (LUFS), true
+peak (dBTP), sample peak (dBFS), loudness range (LU), maximum momentary and
+short-term loudness (LUFS), with the duration, rate and layout. A file with
+several audio tracks gets these for each track and for their mix.
 
   -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
                        "ostrand-cli help"

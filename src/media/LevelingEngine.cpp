@@ -308,56 +308,94 @@ LevelingReport process(const std::filesystem::path& source,
 
 namespace {
 
-Measurement measureSource(const std::filesystem::path& source, bool forceMono,
-                          const ProgressHandler& progress, const CancelCheck& isCancelled) {
-    const OpenedSource opened = openSource(source, forceMono, isCancelled);
-    const double rate = opened.format.sampleRate;
-    const std::int64_t channels = opened.format.channels;
-
-    FrameAnalyzer analyzer(rate, channels);
-    TruePeakMeter meter(channels);
-    std::vector<float> peaks;
-    float samplePeak = 0.0f;
-    PassProgress pass(progress, LevelingPhase::analyzing,
-                      std::max(rate * opened.asset.durationSeconds, 1.0), 0.0, 1.0);
-    MixedAudioReader reader(opened.asset, opened.format, opened.tracks, isCancelled);
-    ChannelView view;
+// Meters one programme (a track, or the mix of several) in one read.
+LoudnessFigures meterPass(const MediaAsset& asset, const SourceAudioFormat& format,
+                          const std::vector<MediaAsset::AudioTrack>& tracks, PassProgress& pass,
+                          const CancelCheck& isCancelled) {
+    LoudnessMeter meter(format.sampleRate, channelWeights(format.channelMask, format.channels));
+    MixedAudioReader reader(asset, format, tracks, isCancelled);
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
-        const std::span<const float* const> block = view.of(planar, 0);
-        analyzer.append(block, count);
-        peaks.resize(std::max(peaks.size(), static_cast<std::size_t>(count)));
-        meter.process(block, count, peaks);
-        for (const float* channel : block) {
-            samplePeak = std::max(samplePeak, VectorOps::maxMagnitude(channel, count));
-        }
+        meter.append(std::span<const float* const>(planar.data(), planar.size()), count);
         pass.advance(count);
     });
-    // The interpolator lags by a few samples: flush them.
-    const std::vector<float> zeros(TruePeakMeter::firDelay, 0.0f);
-    const std::vector<const float*> tail(static_cast<std::size_t>(channels), zeros.data());
-    peaks.resize(std::max(peaks.size(), zeros.size()));
-    meter.process(tail, TruePeakMeter::firDelay, peaks);
+    return meter.figures();
+}
 
-    const auto decibels = [](double amplitude) {
-        return amplitude > 0.0 ? 20.0 * std::log10(amplitude)
-                               : -std::numeric_limits<double>::infinity();
+Measurement measureSource(const std::filesystem::path& source, const ProgressHandler& progress,
+                          const CancelCheck& isCancelled) {
+    const MediaAsset asset = MediaAsset::open(source, isCancelled);
+    if (asset.audioTracks.empty()) {
+        throw OstrandError::noAudioTrack();
+    }
+    const auto formatOf = [](const MediaAsset::AudioTrack& track) {
+        SourceAudioFormat format;
+        format.sampleRate = track.sampleRate > 0.0 ? track.sampleRate : 48000.0;
+        format.channels = std::max<std::int64_t>(track.channels, 1);
+        format.channelMask = track.channelMask;
+        format.trackCount = 1;
+        return format;
     };
+    // Several tracks sum on the layout they share; tracks of different
+    // layouts are mixed down as they are for leveling.
+    SourceAudioFormat mix = formatOf(asset.audioTracks.front());
+    std::string mixLayout = asset.audioTracks.front().layout;
+    for (const auto& track : asset.audioTracks) {
+        mix.sampleRate = std::max(mix.sampleRate, formatOf(track).sampleRate);
+        if (track.channels != mix.channels || track.channelMask != mix.channelMask) {
+            mix = MixedAudioReader::probe(asset, false).first;
+            mixLayout = mix.channels == 1 ? "mono" : "stereo";
+            break;
+        }
+    }
+    mix.trackCount = static_cast<std::int64_t>(asset.audioTracks.size());
+    if (mix.sampleRate > static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
+        throw OstrandError::unreadable("unsupported sample rate");
+    }
+
+    const bool severalTracks = asset.audioTracks.size() > 1;
+    const double passes = static_cast<double>(asset.audioTracks.size() + (severalTracks ? 1 : 0));
+    const double share = 1.0 / passes;
+    double start = 0.0;
+    const auto expected = [&](double rate) { return std::max(rate * asset.durationSeconds, 1.0); };
+
     Measurement m;
-    m.integratedLoudness = Loudness::integrated(analyzer.kPower());
-    m.truePeak = decibels(static_cast<double>(meter.truePeak()));
-    m.samplePeak = decibels(static_cast<double>(samplePeak));
-    m.duration = opened.asset.durationSeconds;
-    m.sampleRate = rate;
-    m.channels = channels;
+    for (const auto& track : asset.audioTracks) {
+        if (!severalTracks) {
+            break;
+        }
+        const SourceAudioFormat format = formatOf(track);
+        PassProgress pass(progress, LevelingPhase::analyzing, expected(format.sampleRate), start,
+                          share);
+        m.tracks.push_back({track.streamIndex, track.layout, format.channels, format.sampleRate,
+                            meterPass(asset, format, {track}, pass, isCancelled)});
+        start += share;
+    }
+    PassProgress pass(progress, LevelingPhase::analyzing, expected(mix.sampleRate), start, share);
+    const LoudnessFigures figures = meterPass(asset, mix, asset.audioTracks, pass, isCancelled);
+    if (!severalTracks) {
+        m.tracks.push_back({asset.audioTracks.front().streamIndex, mixLayout, mix.channels,
+                            mix.sampleRate, figures});
+    }
+
+    m.integratedLoudness = figures.integratedLoudness;
+    m.truePeak = figures.truePeak;
+    m.samplePeak = figures.samplePeak;
+    m.loudnessRange = figures.loudnessRange;
+    m.maxMomentary = figures.maxMomentary;
+    m.maxShortTerm = figures.maxShortTerm;
+    m.duration = asset.durationSeconds;
+    m.sampleRate = mix.sampleRate;
+    m.channels = mix.channels;
+    m.layout = mixLayout;
     return m;
 }
 
 } // namespace
 
-Measurement measure(const std::filesystem::path& source, bool forceMono,
-                    const ProgressHandler& progress, const CancelCheck& isCancelled) {
-    return inWords([&] { return measureSource(source, forceMono, progress, isCancelled); });
+Measurement measure(const std::filesystem::path& source, const ProgressHandler& progress,
+                    const CancelCheck& isCancelled) {
+    return inWords([&] { return measureSource(source, progress, isCancelled); });
 }
 
 } // namespace ostrand::LevelingEngine

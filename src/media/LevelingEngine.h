@@ -4,6 +4,7 @@
 #include "MediaWriter.h"
 #include "OutputNaming.h"
 #include "dsp/LevelingParameters.h"
+#include "dsp/LoudnessMeter.h"
 
 #include <array>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Levels one file from end to end: analysis pass, gain plan, leveling pass
 // with the true-peak limiter, output (and optional 24-bit WAV sidecar beside a
@@ -39,20 +41,37 @@ LevelingReport process(const std::filesystem::path& source,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled);
 
-// The loudness figures of a file's mixed audio, from the analysis pass only.
-struct Measurement {
-    double integratedLoudness = 0.0; // LUFS
-    double truePeak = 0.0;           // dBTP, 4x oversampled estimate
-    double samplePeak = 0.0;         // dBFS
-    double duration = 0.0;           // seconds, of the source
-    double sampleRate = 0.0;         // Hz, of the mixed stream
-    std::int64_t channels = 0;       // of the mixed stream
+// What a programme meter reads on one audio track, or on the tracks' mix,
+// on its own channel layout.
+struct ProgrammeMeasurement {
+    int streamIndex = -1; // -1 for the mix
+    std::string layout;   // "stereo", "5.1(side)", ...
+    std::int64_t channels = 0;
+    double sampleRate = 0.0; // Hz
+    LoudnessFigures loudness{};
 };
 
-// Reads the source once; progress runs 0 to 1 in the analyzing phase.
-// Throws OstrandError.
-Measurement measure(const std::filesystem::path& source, bool forceMono,
-                    const ProgressHandler& progress, const CancelCheck& isCancelled);
+// The loudness figures of a file: its mix (the only track, or the tracks
+// summed: on their layout when they share one, else mixed down as for
+// leveling) and each track.
+struct Measurement {
+    double integratedLoudness = 0.0; // LUFS
+    double truePeak = 0.0;           // dBTP
+    double samplePeak = 0.0;         // dBFS
+    double loudnessRange = 0.0;      // LU
+    double maxMomentary = 0.0;       // LUFS
+    double maxShortTerm = 0.0;       // LUFS
+    double duration = 0.0;           // seconds, of the source
+    double sampleRate = 0.0;         // Hz, of the mix
+    std::int64_t channels = 0;       // of the mix
+    std::string layout;              // of the mix
+    std::vector<ProgrammeMeasurement> tracks;
+};
+
+// Reads the source once per track, and once more for the mix of several;
+// progress runs 0 to 1 in the analyzing phase. Throws OstrandError.
+Measurement measure(const std::filesystem::path& source, const ProgressHandler& progress,
+                    const CancelCheck& isCancelled);
 
 // The output's extension for a source ("mp4", "mov", "wav", "mkv", "m4a", ...)
 // and the container an output extension stands for (OutputFormat's table).

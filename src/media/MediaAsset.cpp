@@ -4,6 +4,11 @@
 #include "MediaInput.h"
 
 #include <algorithm>
+#include <utility>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+}
 
 namespace ostrand {
 
@@ -39,7 +44,55 @@ const char* otherKind(const AVStream& stream) {
     }
 }
 
+// The positions of a stream's channels as a mask in the order FFmpeg
+// delivers them after conversion, and the layout's name.
+std::pair<std::uint64_t, std::string> positionsOf(const AVChannelLayout& layout) {
+    std::uint64_t mask = 0;
+    if (layout.order == AV_CHANNEL_ORDER_NATIVE) {
+        mask = layout.u.mask;
+    } else if (layout.order == AV_CHANNEL_ORDER_CUSTOM) {
+        for (int i = 0; i < layout.nb_channels; ++i) {
+            const AVChannel channel = av_channel_layout_channel_from_index(&layout, i);
+            if (channel < 0 || channel >= 64 || (mask >> channel & 1) != 0) {
+                mask = 0;
+                break;
+            }
+            mask |= std::uint64_t{1} << channel;
+        }
+    }
+    AVChannelLayout known{};
+    if (mask != 0) {
+        av_channel_layout_from_mask(&known, mask);
+    } else {
+        av_channel_layout_default(&known, layout.nb_channels);
+        mask = known.order == AV_CHANNEL_ORDER_NATIVE ? known.u.mask : 0;
+    }
+    char name[64] = {};
+    av_channel_layout_describe(&known, name, sizeof name);
+    av_channel_layout_uninit(&known);
+    return {mask, name};
+}
+
 } // namespace
+
+std::vector<ChannelWeight> channelWeights(std::uint64_t channelMask, std::int64_t channels) {
+    std::vector<ChannelWeight> weights;
+    constexpr std::uint64_t surrounds = AV_CH_BACK_LEFT | AV_CH_BACK_RIGHT | AV_CH_BACK_CENTER |
+                                        AV_CH_SIDE_LEFT | AV_CH_SIDE_RIGHT |
+                                        AV_CH_SURROUND_DIRECT_LEFT | AV_CH_SURROUND_DIRECT_RIGHT;
+    constexpr std::uint64_t lfe = AV_CH_LOW_FREQUENCY | AV_CH_LOW_FREQUENCY_2;
+    for (int bit = 0; bit < 64 && std::ssize(weights) < channels; ++bit) {
+        const std::uint64_t position = std::uint64_t{1} << bit;
+        if ((channelMask & position) != 0) {
+            weights.push_back((position & lfe) != 0         ? ChannelWeight::excluded
+                              : (position & surrounds) != 0 ? ChannelWeight::surround
+                                                            : ChannelWeight::front);
+        }
+    }
+    weights.resize(static_cast<std::size_t>(std::max<std::int64_t>(channels, 0)),
+                   ChannelWeight::front);
+    return weights;
+}
 
 MediaAsset MediaAsset::open(const std::filesystem::path& url,
                             const std::function<bool()>& interrupted) {
@@ -58,10 +111,11 @@ MediaAsset MediaAsset::open(const std::filesystem::path& url,
         const AVCodecParameters& parameters = *stream.codecpar;
         const int index = static_cast<int>(i);
         if (parameters.codec_type == AVMEDIA_TYPE_AUDIO) {
+            auto [mask, layout] = positionsOf(parameters.ch_layout);
             asset.audioTracks.push_back(
                 {index,
                  parameters.sample_rate > 0 ? static_cast<double>(parameters.sample_rate) : 0.0,
-                 std::max(parameters.ch_layout.nb_channels, 0)});
+                 std::max(parameters.ch_layout.nb_channels, 0), mask, std::move(layout)});
         } else if (parameters.codec_type == AVMEDIA_TYPE_VIDEO &&
                    (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0) {
             asset.videoTracks.push_back({index});

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "dsp/LoudnessMeter.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -17,6 +19,11 @@ struct MediaAsset {
         int streamIndex = -1;
         double sampleRate = 0.0; // 0 when the container does not say
         std::int64_t channels = 0;
+        // The channels' positions as FFmpeg's AV_CH_* bits (channels without
+        // named positions take the usual layout for their count; 0 when
+        // there is none) and the layout's name ("stereo", "5.1(side)").
+        std::uint64_t channelMask = 0;
+        std::string layout;
     };
     struct VideoTrack {
         int streamIndex = -1;
@@ -45,5 +52,10 @@ struct MediaAsset {
     static MediaAsset open(const std::filesystem::path& url,
                            const std::function<bool()>& interrupted = {});
 };
+
+// How each channel of a layout counts in a loudness measurement, in the
+// layout's order: side and back channels are surrounds, LFE is left out.
+// Without a mask every channel counts as a front channel.
+std::vector<ChannelWeight> channelWeights(std::uint64_t channelMask, std::int64_t channels);
 
 } // namespace ostrand

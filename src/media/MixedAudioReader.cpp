@@ -13,6 +13,7 @@ extern "C" {
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <condition_variable>
@@ -21,6 +22,7 @@ extern "C" {
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 namespace ostrand {
@@ -121,7 +123,11 @@ public:
         , m_input(openMediaInput(asset.url, &m_interrupted))
         , m_packet(allocatePacket())
         , m_frame(allocateFrame()) {
-        av_channel_layout_default(&m_layout, m_channels);
+        if (std::popcount(format.channelMask) == m_channels) {
+            av_channel_layout_from_mask(&m_layout, format.channelMask);
+        } else {
+            av_channel_layout_default(&m_layout, m_channels);
+        }
         m_gapTolerance = std::llround(gapToleranceSeconds * m_rate);
         m_lagAllowance = std::llround(trackLagSeconds * m_rate);
         if (m_input->start_time != AV_NOPTS_VALUE) {
@@ -613,8 +619,9 @@ std::exception_ptr asReadError(std::exception_ptr error) {
 } // namespace
 
 void MixedAudioReader::read(const BlockHandler& handler) {
-    if (m_format.channels < 1 || m_format.channels > 2) {
-        throw OstrandError::unreadable("the mix must be mono or stereo");
+    if (m_format.channels < 1 || m_format.channels > 64) {
+        throw OstrandError::unreadable("unsupported number of channels (" +
+                                       std::to_string(m_format.channels) + ")");
     }
     if (!(m_format.sampleRate >= 1.0 && m_format.sampleRate <= INT_MAX)) {
         throw OstrandError::unreadable("unsupported sample rate");

@@ -14,8 +14,11 @@ namespace ostrand {
 // Format of the mixed stream a reader delivers.
 struct SourceAudioFormat {
     double sampleRate = 48000.0;
-    std::int64_t channels = 1; // 1 or 2
+    std::int64_t channels = 1; // 1 or 2 for leveling; a measurement keeps the layout
     std::int64_t trackCount = 0;
+    // The positions of the channels (AV_CH_* bits); 0: the usual layout for
+    // the count.
+    std::uint64_t channelMask = 0;
 
     friend bool operator==(const SourceAudioFormat&, const SourceAudioFormat&) = default;
 };

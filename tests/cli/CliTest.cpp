@@ -4,6 +4,7 @@
 #include "support/MediaFixtures.h"
 #include "support/TempDir.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -152,14 +153,76 @@ TEST(CliTest, MeasureReportsTheMixedStream) {
     const QJsonObject o = jsonLines(r.out).at(0);
     EXPECT_NEAR(o["samplePeak"].toDouble(), -20.0, 0.05);
     EXPECT_NEAR(o["truePeak"].toDouble(), -20.0, 0.1);
-    // Mean square -23.01 dB, K-weighting +0.44 dB at 1 kHz, offset -0.691.
-    EXPECT_NEAR(o["integratedLoudness"].toDouble(), -23.26, 0.05);
+    // Mean square -23.01 dB; the K-weighting and the offset cancel near 1 kHz.
+    EXPECT_NEAR(o["integratedLoudness"].toDouble(), -23.0, 0.05);
+    EXPECT_NEAR(o["maxShortTerm"].toDouble(), -23.0, 0.05);
+    EXPECT_NEAR(o["loudnessRange"].toDouble(), 0.0, 0.05);
     EXPECT_EQ(o["sampleRate"].toInt(), 44100);
     EXPECT_EQ(o["channels"].toInt(), 1);
+    EXPECT_EQ(o["layout"].toString(), "mono");
     EXPECT_NEAR(o["duration"].toDouble(), 3.0, 0.01);
 
     const CliRun text = run({"measure", source.string()});
     EXPECT_NE(text.out.find(" LUFS \u00b7 true peak "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("range 0.0 LU \u00b7 max momentary -23.0 LUFS"), std::string::npos)
+        << text.out;
+}
+
+// The same tone on every channel: the meter sums the channels of the file's
+// own layout, surrounds weighing 1.41, the LFE left out.
+struct LayoutCase {
+    const char* name;
+    const char* layout;
+    double gainOverMono; // dB
+};
+
+class MeasureLayout : public ::testing::TestWithParam<LayoutCase> {};
+
+TEST_P(MeasureLayout, WeighsEachChannel) {
+    const test::TempDir dir;
+    const fs::path source =
+        test::sineFile(dir / "tone.wav", 48000, GetParam().layout, 3.0, 997.0, -30.0);
+    const CliRun r = run({"measure", "--json", source.string()});
+    ASSERT_EQ(r.status, exitSuccess) << r.err;
+    const QJsonObject o = jsonLines(r.out).at(0);
+    EXPECT_NEAR(o["integratedLoudness"].toDouble(), -33.0 + GetParam().gainOverMono, 0.05);
+    EXPECT_EQ(o["layout"].toString(), GetParam().layout);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, MeasureLayout,
+    ::testing::Values(LayoutCase{"Stereo", "stereo", 3.010},
+                      LayoutCase{"FivePointOneBack", "5.1", 7.649},       // 3 + 2 x 1.41
+                      LayoutCase{"FivePointOneSide", "5.1(side)", 7.649}, // the same
+                      LayoutCase{"SevenPointOne", "7.1", 9.365},          // 3 + 4 x 1.41
+                      LayoutCase{"Quad", "quad", 6.830}),                 // 2 + 2 x 1.41
+    [](const auto& param) { return std::string(param.param.name); });
+
+TEST(CliTest, MeasureReportsEachTrackAndTheirMix) {
+    const test::TempDir dir;
+    test::AudioRecipe loud;
+    loud.seconds = 4.0;
+    loud.frequencyHz = 997.0;
+    loud.codec = "flac";
+    test::AudioRecipe quiet = loud;
+    quiet.peakDbfs = -30.0;
+    test::MediaRecipe recipe;
+    recipe.audio = {loud, quiet};
+    const fs::path source = test::makeMedia(dir / "two.mka", recipe);
+    const CliRun r = run({"measure", "--json", source.string()});
+    ASSERT_EQ(r.status, exitSuccess) << r.err;
+    const QJsonObject o = jsonLines(r.out).at(0);
+    const QJsonArray tracks = o["tracks"].toArray();
+    ASSERT_EQ(tracks.size(), 2);
+    const double first = tracks[0].toObject()["integratedLoudness"].toDouble();
+    EXPECT_NEAR(first - tracks[1].toObject()["integratedLoudness"].toDouble(), 10.0, 0.1);
+    // Tones in phase add their amplitudes: 0.1 + 0.0316.
+    EXPECT_NEAR(o["integratedLoudness"].toDouble() - first, 20.0 * std::log10(1.316), 0.1);
+    EXPECT_EQ(o["layout"].toString(), "stereo");
+
+    const CliRun text = run({"measure", source.string()});
+    EXPECT_NE(text.out.find("stereo, mix of 2 tracks"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("  track 2 (stereo): "), std::string::npos) << text.out;
 }
 
 TEST(CliTest, InterruptStopsAndLeavesNothing) {
