@@ -1,5 +1,6 @@
 #include "support/Signals.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
@@ -242,6 +243,42 @@ PlanarAudio surround51(double sampleRate, double seconds, std::uint32_t seed) {
     }
     audio.channels[4] = ambience.channels[0];
     audio.channels[5] = ambience.channels[1];
+    return audio;
+}
+
+PlanarAudio lowPassed(PlanarAudio audio, double cutoffHz, int halfTaps) {
+    const auto besselI0 = [](double x) {
+        double sum = 1.0;
+        double term = 1.0;
+        for (int k = 1; k < 60; ++k) {
+            term *= (x / (2.0 * k)) * (x / (2.0 * k));
+            sum += term;
+        }
+        return sum;
+    };
+    constexpr double beta = 8.0;
+    const double cutoff = cutoffHz / audio.sampleRate;
+    std::vector<double> h;
+    for (int k = -halfTaps; k <= halfTaps; ++k) {
+        const double r = static_cast<double>(k) / halfTaps;
+        const double sinc =
+            k == 0 ? 2.0 * cutoff
+                   : std::sin(2.0 * std::numbers::pi * cutoff * k) / (std::numbers::pi * k);
+        h.push_back(sinc * besselI0(beta * std::sqrt(1.0 - r * r)) / besselI0(beta));
+    }
+    const auto half = static_cast<std::ptrdiff_t>(halfTaps);
+    for (auto& channel : audio.channels) {
+        const std::vector<float> x = channel;
+        const auto n = static_cast<std::ptrdiff_t>(x.size());
+        for (std::ptrdiff_t i = 0; i < n; ++i) {
+            double y = 0.0;
+            for (std::ptrdiff_t j = std::max<std::ptrdiff_t>(0, i - half);
+                 j <= std::min(n - 1, i + half); ++j) {
+                y += h[static_cast<std::size_t>(i - j + half)] * x[static_cast<std::size_t>(j)];
+            }
+            channel[static_cast<std::size_t>(i)] = static_cast<float>(y);
+        }
+    }
     return audio;
 }
 

@@ -54,6 +54,10 @@ PlanarAudio musicLike(double sampleRate, int channels, double seconds, std::uint
 // the surrounds.
 PlanarAudio surround51(double sampleRate, double seconds, std::uint32_t seed);
 
+// The signal through a linear-phase low-pass (a Kaiser-windowed sinc of
+// 2 halfTaps + 1 taps, stopband 80 dB down), its delay removed.
+PlanarAudio lowPassed(PlanarAudio audio, double cutoffHz, int halfTaps = 127);
+
 // A square wave switching between +amplitude and -amplitude every half period.
 PlanarAudio square(double sampleRate, int channels, double seconds, double frequencyHz,
                    double amplitude);
