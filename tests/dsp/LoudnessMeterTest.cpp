@@ -205,12 +205,26 @@ std::vector<MeterCase> tech3341() {
              }
              return parts;
          }},
-        {"case15", [] { return once(peakTone(rate, 1.0 / 4, 0.5, 0.0), {truePeakOf(-6.0)}); }},
-        {"case16", [] { return once(peakTone(rate, 1.0 / 4, 0.5, 45.0), {truePeakOf(-6.0)}); }},
-        {"case17", [] { return once(peakTone(rate, 1.0 / 6, 0.5, 60.0), {truePeakOf(-6.0)}); }},
-        {"case18", [] { return once(peakTone(rate, 1.0 / 8, 0.5, 67.5), {truePeakOf(-6.0)}); }},
-        {"case19", [] { return once(peakTone(rate, 1.0 / 4, 1.41, 45.0), {truePeakOf(3.0)}); }},
     };
+    // The true-peak tones, at 48 kHz as published and at the other common
+    // rates, where the interpolator's factor and length differ.
+    struct Tone {
+        int number;
+        double fraction, amplitude, degrees;
+    };
+    for (const double sampleRate : {48000.0, 44100.0, 96000.0, 192000.0}) {
+        for (const Tone t : {Tone{15, 1.0 / 4, 0.5, 0.0}, Tone{16, 1.0 / 4, 0.5, 45.0},
+                             Tone{17, 1.0 / 6, 0.5, 60.0}, Tone{18, 1.0 / 8, 0.5, 67.5},
+                             Tone{19, 1.0 / 4, 1.41, 45.0}}) {
+            const std::string suffix =
+                sampleRate == rate ? "" : "_at" + std::to_string(static_cast<int>(sampleRate));
+            cases.push_back({"case" + std::to_string(t.number) + suffix, [sampleRate, t] {
+                                 return once(
+                                     peakTone(sampleRate, t.fraction, t.amplitude, t.degrees),
+                                     {truePeakOf(t.number == 19 ? 3.0 : -6.0)});
+                             }});
+        }
+    }
     // The file variants of the window tests: each offset is a file of its own.
     for (int i = 0; i < 20; ++i) {
         char name[32];
