@@ -31,6 +31,14 @@ Quad magnitude(Quad q) noexcept {
     return q < 0.0f ? -q : q;
 }
 
+Quad larger(Quad a, Quad b) noexcept {
+    return a < b ? b : a;
+}
+
+float largest(Quad q) noexcept {
+    return std::max(std::max(q[0], q[1]), std::max(q[2], q[3]));
+}
+
 double besselI0(double x) {
     double sum = 1.0;
     double term = 1.0;
@@ -59,7 +67,7 @@ OversampledPeak::OversampledPeak(double sampleRate, std::int64_t channels)
     : m_factor(factorFor(sampleRate))
     , m_tapsPerPhase(tapsPerPhaseFor(sampleRate))
     , m_history(static_cast<std::size_t>(channels), std::vector<float>(m_tapsPerPhase - 1, 0.0f))
-    , m_buffer(m_tapsPerPhase + chunkSamples + 4 * lanes, 0.0f) {
+    , m_scratch(makeScratch()) {
     OSTRAND_REQUIRE(channels >= 0, "channel count cannot be negative");
     const std::size_t taps = m_tapsPerPhase;
     // Phase p interpolates p / factor of the way from buffer[j + taps/2 - 1]
@@ -87,28 +95,38 @@ OversampledPeak::OversampledPeak(double sampleRate, std::int64_t channels)
     }
 }
 
+OversampledPeak::Scratch OversampledPeak::makeScratch() const {
+    const std::size_t size = m_tapsPerPhase + chunkSamples + 4 * lanes;
+    return {std::vector<float>(size, 0.0f), std::vector<float>(size / lanes, 0.0f)};
+}
+
 void OversampledPeak::scan(const float* input, std::int64_t count, std::vector<float>& history,
-                           std::vector<float>& buffer, float& peak, float& samplePeak) const {
+                           Scratch& scratch, float& peak, float& samplePeak) const {
     const std::size_t taps = m_tapsPerPhase;
     const std::size_t phases = static_cast<std::size_t>(m_factor - 1);
+    // The blocks of 16 that the 16 outputs of one pass read.
+    const std::size_t reachBlocks = (lanes + taps - 2) / lanes + 1;
     while (count > 0) {
         const auto n = static_cast<std::size_t>(std::min<std::int64_t>(count, chunkSamples));
-        float* const window = buffer.data();
+        float* const window = scratch.window.data();
         std::copy(history.begin(), history.end(), window);
         std::copy(input, input + n, window + (taps - 1));
-        std::fill(window + (taps - 1 + n), window + buffer.size(), 0.0f);
+        std::fill(window + (taps - 1 + n), window + scratch.window.size(), 0.0f);
+        float* const blockPeaks = scratch.blockPeaks.data();
+        for (std::size_t b = 0; b < (n - 1) / lanes + reachBlocks; ++b) {
+            Quad loudest{};
+            for (std::size_t k = 0; k < lanes; k += 4) {
+                loudest = larger(loudest, magnitude(load(window + b * lanes + k)));
+            }
+            blockPeaks[b] = largest(loudest);
+        }
 
-        // Output j lies between buffer[j + taps/2 - 1] and the sample after
-        // it; it reads buffer[j .. j + taps - 1].
+        // Output j lies between window[j + taps/2 - 1] and the sample after
+        // it; it reads window[j .. j + taps - 1].
         for (std::size_t j0 = 0; j0 < n; j0 += lanes) {
             const float* reach = window + j0;
-            Quad loudest{};
-            for (std::size_t k = 0; k < taps + lanes - 1; k += 4) {
-                const Quad a = magnitude(load(reach + k));
-                loudest = loudest < a ? a : loudest;
-            }
-            const float most =
-                std::max(std::max(loudest[0], loudest[1]), std::max(loudest[2], loudest[3]));
+            const float* const firstBlock = blockPeaks + j0 / lanes;
+            const float most = *std::max_element(firstBlock, firstBlock + reachBlocks);
             // The samples themselves count; whatever an interpolated value
             // can reach from here is bounded by most * m_gainBound.
             samplePeak = std::max(samplePeak, most);
@@ -117,6 +135,7 @@ void OversampledPeak::scan(const float* input, std::int64_t count, std::vector<f
                 continue;
             }
             const std::size_t valid = std::min(lanes, n - j0);
+            Quad loudest{};
             for (std::size_t p = 0; p < phases; ++p) {
                 const float* h = m_taps.data() + p * taps;
                 // Four named sums, so that they stay in registers.
@@ -131,11 +150,17 @@ void OversampledPeak::scan(const float* input, std::int64_t count, std::vector<f
                     s2 += c * load(reach + k + 8);
                     s3 += c * load(reach + k + 12);
                 }
-                const std::array<Quad, lanes / 4> sum{s0, s1, s2, s3};
-                for (std::size_t i = 0; i < valid; ++i) {
-                    peak = std::max(peak, std::fabs(sum[i / 4][i % 4]));
+                if (valid == lanes) {
+                    loudest = larger(loudest, larger(larger(magnitude(s0), magnitude(s1)),
+                                                     larger(magnitude(s2), magnitude(s3))));
+                } else {
+                    const std::array<Quad, lanes / 4> sum{s0, s1, s2, s3};
+                    for (std::size_t i = 0; i < valid; ++i) {
+                        peak = std::max(peak, std::fabs(sum[i / 4][i % 4]));
+                    }
                 }
             }
+            peak = std::max(peak, largest(loudest));
         }
         std::copy(window + n, window + (n + taps - 1), history.begin());
         input += n;
@@ -146,7 +171,7 @@ void OversampledPeak::scan(const float* input, std::int64_t count, std::vector<f
 void OversampledPeak::process(std::span<const float* const> planar, std::int64_t count) {
     OSTRAND_REQUIRE(planar.size() >= m_history.size(), "one buffer per channel");
     for (std::size_t c = 0; c < m_history.size(); ++c) {
-        scan(planar[c], count, m_history[c], m_buffer, m_peak, m_samplePeak);
+        scan(planar[c], count, m_history[c], m_scratch, m_peak, m_samplePeak);
     }
 }
 
@@ -154,12 +179,12 @@ double OversampledPeak::peak() const {
     // The reconstructed waveform goes on for half the filter after the last
     // sample; silence pushes it through.
     const std::vector<float> silence(m_tapsPerPhase - 1, 0.0f);
-    std::vector<float> buffer(m_buffer.size(), 0.0f);
+    Scratch scratch = makeScratch();
     float peak = m_peak;
     float samplePeak = m_samplePeak;
     for (const std::vector<float>& history : m_history) {
         std::vector<float> state = history;
-        scan(silence.data(), static_cast<std::int64_t>(silence.size()), state, buffer, peak,
+        scan(silence.data(), static_cast<std::int64_t>(silence.size()), state, scratch, peak,
              samplePeak);
     }
     return static_cast<double>(peak);

@@ -40,17 +40,23 @@ public:
     static std::size_t tapsPerPhaseFor(double sampleRate) noexcept;
 
 private:
+    struct Scratch {
+        std::vector<float> window;     // history followed by the block being scanned
+        std::vector<float> blockPeaks; // largest |sample| of each 16 in the window
+    };
+
     // Scans `input` after `history` (the previous tapsPerPhase - 1 samples,
     // updated on return), raising `peak` and `samplePeak` to what it finds.
-    void scan(const float* input, std::int64_t count, std::vector<float>& history,
-              std::vector<float>& buffer, float& peak, float& samplePeak) const;
+    void scan(const float* input, std::int64_t count, std::vector<float>& history, Scratch& scratch,
+              float& peak, float& samplePeak) const;
+    Scratch makeScratch() const;
 
     int m_factor;
     std::size_t m_tapsPerPhase;
     std::vector<float> m_taps; // phases 1 .. factor - 1; phase 0 is the sample itself
     float m_gainBound = 0.0f;  // largest sum of |taps| of any phase
     std::vector<std::vector<float>> m_history;
-    std::vector<float> m_buffer; // history followed by the block being scanned
+    Scratch m_scratch;
     float m_peak = 0.0f;
     float m_samplePeak = 0.0f;
 };
