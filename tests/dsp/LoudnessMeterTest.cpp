@@ -60,13 +60,12 @@ void PrintTo(const MeterCase& c, std::ostream* os) {
     *os << c.name;
 }
 
-// 1 kHz tones on every channel, one (seconds, dBFS peak) pair per segment.
-test::PlanarAudio tones(const std::vector<std::pair<double, double>>& segments, double hz = 1000.0,
-                        int channels = 2) {
-    test::PlanarAudio audio = test::silence(rate, channels, 0.0);
+// Stereo 1 kHz tones, one (seconds, dBFS peak) pair per segment.
+test::PlanarAudio tones(const std::vector<std::pair<double, double>>& segments) {
+    test::PlanarAudio audio = test::silence(rate, 2, 0.0);
     for (const auto& [seconds, dbfs] : segments) {
-        audio.append(dbfs == silent ? test::silence(rate, channels, seconds)
-                                    : test::sine(rate, channels, seconds, hz, dbfs));
+        audio.append(dbfs == silent ? test::silence(rate, 2, seconds)
+                                    : test::sine(rate, 2, seconds, 1000.0, dbfs));
     }
     return audio;
 }
