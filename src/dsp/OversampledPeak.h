@@ -11,8 +11,8 @@ namespace ostrand {
 // of the samples and of the waveform between them, interpolated by a
 // polyphase Kaiser-windowed sinc, flat within 0.04 dB to 20 kHz (to 0.4535 of
 // the sample rate below 44.1 kHz) with images more than 53 dB down: 36 taps
-// per phase below 47 kHz, 24 from 48 kHz, whose band to 20 kHz leaves a
-// wider transition.
+// per phase below 47 kHz, 24 above, where the band to 20 kHz leaves a wider
+// transition.
 //
 // The factor follows the rate so that a tone at 20 kHz reads at most 0.14 dB
 // low between output points, 20 log10(cos(pi f / (factor fs))): 8x below
