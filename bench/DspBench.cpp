@@ -5,6 +5,7 @@
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/KWeightingFilter.h"
+#include "dsp/LoudnessMeter.h"
 #include "dsp/TruePeakLimiter.h"
 #include "support/Signals.h"
 
@@ -94,6 +95,28 @@ void BM_TruePeakLimiter(benchmark::State& state) {
     reportThroughput(state, work.frames());
 }
 BENCHMARK(BM_TruePeakLimiter)->Unit(benchmark::kMillisecond);
+
+// The programme meter on a finished file: K-weighting, windows, gating and
+// the 8x true peak. Argument 0: speech as recorded; 1: the loud programme,
+// whose peaks recur often enough to defeat much of the interpolation skip.
+void BM_LoudnessMeter(benchmark::State& state) {
+    static const test::PlanarAudio speech = test::speechLike(sampleRate, channels, 20.0, 1);
+    const test::PlanarAudio& audio = state.range(0) != 0 ? programme() : speech;
+    for (auto _ : state) {
+        LoudnessMeter meter(sampleRate, {ChannelWeight::front, ChannelWeight::front});
+        std::vector<const float*> pointers = audio.constPointers();
+        for (std::int64_t start = 0; start < audio.frames(); start += block) {
+            const std::int64_t n = std::min(block, audio.frames() - start);
+            meter.append(pointers, n);
+            for (auto& p : pointers) {
+                p += n;
+            }
+        }
+        benchmark::DoNotOptimize(meter.figures());
+    }
+    reportThroughput(state, audio.frames());
+}
+BENCHMARK(BM_LoudnessMeter)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The programme in a room whose noise sits at -45 dBFS.
 const test::PlanarAudio& noisyProgramme() {

@@ -13,8 +13,6 @@ namespace ostrand {
 
 namespace {
 
-constexpr std::size_t momentaryLength = 4; // 100 ms sub-blocks in 400 ms
-constexpr std::size_t shortTermLength = 30;
 constexpr double lraRelativeGateLu = -20.0;
 constexpr double minusInfinity = -std::numeric_limits<double>::infinity();
 
@@ -72,11 +70,6 @@ double loudnessRangeOf(const std::vector<double>& shortTerm) {
     return at(0.95) - at(0.10);
 }
 
-double maxLoudness(const std::vector<double>& powers) {
-    const auto it = std::max_element(powers.begin(), powers.end());
-    return it == powers.end() ? minusInfinity : loudness(*it);
-}
-
 } // namespace
 
 std::array<Biquad, 2> LoudnessMeter::kWeighting(double sampleRate) noexcept {
@@ -130,10 +123,81 @@ LoudnessMeter::LoudnessMeter(double sampleRate, std::vector<ChannelWeight> weigh
     , m_weights(std::move(weights))
     , m_filters(m_weights.size(), kWeighting(sampleRate))
     , m_channelSums(m_weights.size(), 0.0)
-    , m_truePeakMeter(static_cast<std::int64_t>(m_weights.size())) {
+    , m_sliceSums(shortTermSlices, 0.0)
+    , m_sliceLengths(shortTermSlices, 0)
+    , m_truePeak(sampleRate, static_cast<std::int64_t>(m_weights.size())) {
     OSTRAND_REQUIRE(sampleRate >= 1000.0, "sample rate must be at least 1 kHz");
-    m_subBlockEnd = static_cast<std::int64_t>(std::floor(m_sampleRate / 10.0 + 1e-6));
+    m_sliceEnd = sliceBoundary(1);
 }
+
+std::int64_t LoudnessMeter::sliceBoundary(std::int64_t slice) const noexcept {
+    return static_cast<std::int64_t>(
+        std::floor(static_cast<double>(slice) * m_sampleRate / slicesPerSecond + 1e-6));
+}
+
+namespace {
+
+// Two channels side by side in one register: their recursions are
+// independent, and the pair costs about what one channel does alone.
+using Pair = double __attribute__((vector_size(16)));
+
+// One K-weighting section in the state-space form of transposed direct form
+// II: the loop-carried path is one multiply and one add.
+struct PairSection {
+    double b0, c1, c2, a1, a2; // c1 = b1 - a1 b0, c2 = b2 - a2 b0
+    Pair s1, s2;
+
+    [[gnu::always_inline]] inline Pair tick(Pair x) noexcept {
+        const Pair y = s1 + b0 * x;
+        const Pair next = (s2 + c1 * x) - a1 * s1;
+        s2 = c2 * x - a2 * s1;
+        s1 = next;
+        return y;
+    }
+};
+
+PairSection sectionOf(const Biquad& first, const Biquad* second) {
+    return {first.b0,
+            first.b1 - first.a1 * first.b0,
+            first.b2 - first.a2 * first.b0,
+            first.a1,
+            first.a2,
+            Pair{first.z1, second != nullptr ? second->z1 : 0.0},
+            Pair{first.z2, second != nullptr ? second->z2 : 0.0}};
+}
+
+void storeState(const PairSection& s, Biquad& first, Biquad* second) {
+    first.z1 = s.s1[0];
+    first.z2 = s.s2[0];
+    if (second != nullptr) {
+        second->z1 = s.s1[1];
+        second->z2 = s.s2[1];
+    }
+}
+
+// K-weights `count` samples of one or two channels and adds the squares of
+// each to its sum.
+template <bool Two>
+void weighChannels(const float* x0, const float* x1, std::array<Biquad, 2>* filters, double* sums,
+                   std::int64_t count) {
+    std::array<Biquad, 2>* second = Two ? filters + 1 : nullptr;
+    PairSection shelf = sectionOf((*filters)[0], Two ? &(*second)[0] : nullptr);
+    PairSection pass = sectionOf((*filters)[1], Two ? &(*second)[1] : nullptr);
+    Pair sum{0.0, 0.0};
+    for (std::int64_t i = 0; i < count; ++i) {
+        const Pair in{static_cast<double>(x0[i]), Two ? static_cast<double>(x1[i]) : 0.0};
+        const Pair y = pass.tick(shelf.tick(in));
+        sum += y * y;
+    }
+    storeState(shelf, (*filters)[0], Two ? &(*second)[0] : nullptr);
+    storeState(pass, (*filters)[1], Two ? &(*second)[1] : nullptr);
+    sums[0] += sum[0];
+    if (Two) {
+        sums[1] += sum[1];
+    }
+}
+
+} // namespace
 
 void LoudnessMeter::append(std::span<const float* const> planar, std::int64_t count) {
     OSTRAND_REQUIRE(static_cast<std::int64_t>(planar.size()) >= channels(),
@@ -141,82 +205,83 @@ void LoudnessMeter::append(std::span<const float* const> planar, std::int64_t co
     if (count <= 0) {
         return;
     }
-    if (static_cast<std::int64_t>(m_peaks.size()) < count) {
-        m_peaks.resize(static_cast<std::size_t>(count));
-    }
-    std::fill(m_peaks.begin(), m_peaks.begin() + count, 0.0f);
-    m_truePeakMeter.process(planar, count,
-                            std::span<float>(m_peaks).first(static_cast<std::size_t>(count)));
+    m_truePeak.process(planar, count);
 
+    const std::size_t channelCount = m_weights.size();
     std::int64_t done = 0;
     while (done < count) {
-        const std::int64_t n = std::min(count - done, m_subBlockEnd - m_sampleIndex);
-        for (std::size_t c = 0; c < m_weights.size(); ++c) {
-            const float* x = planar[c] + done;
-            std::array<Biquad, 2> f = m_filters[c];
-            double sum = 0.0;
-            double peak = m_samplePeak;
-            for (std::int64_t i = 0; i < n; ++i) {
-                const double in = static_cast<double>(x[i]);
-                peak = std::max(peak, std::fabs(in));
-                // Transposed direct form II in double from input to square.
-                const double y0 = f[0].z1 + f[0].b0 * in;
-                f[0].z1 = f[0].z2 + (f[0].b1 * in - f[0].a1 * y0);
-                f[0].z2 = f[0].b2 * in - f[0].a2 * y0;
-                const double y1 = f[1].z1 + f[1].b0 * y0;
-                f[1].z1 = f[1].z2 + (f[1].b1 * y0 - f[1].a1 * y1);
-                f[1].z2 = f[1].b2 * y0 - f[1].a2 * y1;
-                sum += y1 * y1;
-            }
-            m_filters[c] = f;
-            m_channelSums[c] += sum;
-            m_samplePeak = peak;
+        const std::int64_t n = std::min(count - done, m_sliceEnd - m_sampleIndex);
+        std::size_t c = 0;
+        for (; c + 2 <= channelCount; c += 2) {
+            weighChannels<true>(planar[c] + done, planar[c + 1] + done, &m_filters[c],
+                                &m_channelSums[c], n);
+        }
+        if (c < channelCount) {
+            weighChannels<false>(planar[c] + done, nullptr, &m_filters[c], &m_channelSums[c], n);
         }
         done += n;
         m_sampleIndex += n;
-        if (m_sampleIndex == m_subBlockEnd) {
-            endSubBlock();
+        if (m_sampleIndex == m_sliceEnd) {
+            endSlice();
         }
     }
 }
 
-void LoudnessMeter::endSubBlock() {
+double LoudnessMeter::windowPower(std::size_t slices) const {
+    // The newest `slices` entries of the ring: up to two contiguous runs.
+    const auto end = static_cast<std::size_t>(m_slices) % shortTermSlices;
+    double sum = 0.0;
+    std::int64_t samples = 0;
+    const auto add = [&](std::size_t from, std::size_t to) {
+        for (std::size_t i = from; i < to; ++i) {
+            sum += m_sliceSums[i];
+            samples += m_sliceLengths[i];
+        }
+    };
+    if (slices <= end) {
+        add(end - slices, end);
+    } else {
+        add(shortTermSlices - (slices - end), shortTermSlices);
+        add(0, end);
+    }
+    return samples > 0 ? sum / static_cast<double>(samples) : 0.0;
+}
+
+void LoudnessMeter::endSlice() {
     double weighted = 0.0;
     for (std::size_t c = 0; c < m_weights.size(); ++c) {
         weighted += weightOf(m_weights[c]) * m_channelSums[c];
         m_channelSums[c] = 0.0;
     }
-    m_subBlockSums.push_back(weighted);
-    m_subBlockLengths.push_back(m_sampleIndex - m_subBlockStart);
-    ++m_subBlocks;
-    m_subBlockStart = m_sampleIndex;
-    m_subBlockEnd = static_cast<std::int64_t>(
-        std::floor(static_cast<double>(m_subBlocks + 1) * m_sampleRate / 10.0 + 1e-6));
+    const auto slot = static_cast<std::size_t>(m_slices) % shortTermSlices;
+    m_sliceSums[slot] = weighted;
+    m_sliceLengths[slot] = m_sampleIndex - m_sliceStart;
+    ++m_slices;
+    m_sliceStart = m_sampleIndex;
+    m_sliceEnd = sliceBoundary(m_slices + 1);
 
-    const auto windowPower = [&](std::size_t length) {
-        double sum = 0.0;
-        std::int64_t samples = 0;
-        for (std::size_t i = m_subBlockSums.size() - length; i < m_subBlockSums.size(); ++i) {
-            sum += m_subBlockSums[i];
-            samples += m_subBlockLengths[i];
+    const auto completed = static_cast<std::size_t>(m_slices);
+    const bool onBlockStep = completed % slicesPerStep == 0;
+    if (completed >= momentarySlices) {
+        const double power = windowPower(momentarySlices);
+        m_maxMomentary = std::max(m_maxMomentary, power);
+        if (onBlockStep) {
+            m_momentary.push_back(power);
         }
-        return sum / static_cast<double>(samples);
-    };
-    if (m_subBlockSums.size() >= momentaryLength) {
-        m_momentary.push_back(windowPower(momentaryLength));
     }
-    if (m_subBlockSums.size() >= shortTermLength) {
-        m_shortTerm.push_back(windowPower(shortTermLength));
+    if (completed >= shortTermSlices) {
+        const double power = windowPower(shortTermSlices);
+        m_maxShortTerm = std::max(m_maxShortTerm, power);
+        if (onBlockStep) {
+            m_shortTerm.push_back(power);
+        }
     }
 }
 
 LoudnessFigures LoudnessMeter::figures() const {
-    return {integratedOf(m_momentary),
-            loudnessRangeOf(m_shortTerm),
-            maxLoudness(m_momentary),
-            maxLoudness(m_shortTerm),
-            decibels(static_cast<double>(m_truePeakMeter.truePeak())),
-            decibels(m_samplePeak)};
+    return {integratedOf(m_momentary),   loudnessRangeOf(m_shortTerm),
+            loudness(m_maxMomentary),    loudness(m_maxShortTerm),
+            decibels(m_truePeak.peak()), decibels(m_truePeak.samplePeak())};
 }
 
 } // namespace ostrand

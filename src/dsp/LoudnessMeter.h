@@ -1,9 +1,10 @@
 #pragma once
 
 #include "Biquad.h"
-#include "TruePeakMeter.h"
+#include "OversampledPeak.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -31,8 +32,12 @@ struct LoudnessFigures {
 // K-weighting is designed from the analogue response at each sample rate
 // (bilinear transform, pre-warped), so it agrees with the standard's
 // coefficients at 48 kHz and keeps the same response at 44.1 or 96 kHz.
-// Momentary and short-term loudness advance in 100 ms steps. A value type;
-// one owner, one thread. Memory grows by a few numbers per 100 ms.
+// The gating blocks and the short-term values behind the loudness range
+// advance in 100 ms steps; the maxima of momentary and short-term loudness
+// are taken every 10 ms, so a burst that starts between two 100 ms steps
+// still reads its full level. The true peak comes from an oversampler of its
+// own (OversampledPeak), not the leveler's. A value type; one owner, one
+// thread. Memory grows by a few numbers per 100 ms.
 class LoudnessMeter {
 public:
     LoudnessMeter(double sampleRate, std::vector<ChannelWeight> weights);
@@ -52,27 +57,36 @@ public:
     static double weightOf(ChannelWeight weight) noexcept;
 
 private:
-    void endSubBlock();
+    // Windows and steps in 10 ms slices.
+    static constexpr double slicesPerSecond = 100.0;
+    static constexpr std::size_t slicesPerStep = 10;
+    static constexpr std::size_t momentarySlices = 40;
+    static constexpr std::size_t shortTermSlices = 300;
+
+    std::int64_t sliceBoundary(std::int64_t slice) const noexcept;
+    void endSlice();
+    double windowPower(std::size_t slices) const;
 
     double m_sampleRate;
     std::vector<ChannelWeight> m_weights;
     std::vector<std::array<Biquad, 2>> m_filters;
 
-    // The current 100 ms sub-block.
-    std::int64_t m_subBlocks = 0;       // completed so far
-    std::int64_t m_sampleIndex = 0;     // samples appended so far
-    std::int64_t m_subBlockStart = 0;   // first sample of the current sub-block
-    std::int64_t m_subBlockEnd = 0;     // first sample of the next one
-    std::vector<double> m_channelSums;  // squares of the current sub-block
-    std::vector<double> m_subBlockSums; // weighted sum of squares per sub-block
-    std::vector<std::int64_t> m_subBlockLengths;
+    // The current 10 ms slice.
+    std::int64_t m_slices = 0;         // completed so far
+    std::int64_t m_sampleIndex = 0;    // samples appended so far
+    std::int64_t m_sliceStart = 0;     // first sample of the current slice
+    std::int64_t m_sliceEnd = 0;       // first sample of the next one
+    std::vector<double> m_channelSums; // squares of the current slice
 
-    std::vector<double> m_momentary; // mean power of each 400 ms window
-    std::vector<double> m_shortTerm; // mean power of each 3 s window
-    double m_samplePeak = 0.0;
-    TruePeakMeter m_truePeakMeter;
-    std::vector<float> m_peaks; // scratch for the true-peak meter
-    std::vector<double> m_work; // one channel's K-weighted samples
+    // The last 3 s of slices, oldest overwritten first.
+    std::vector<double> m_sliceSums; // weighted sum of squares
+    std::vector<std::int64_t> m_sliceLengths;
+
+    std::vector<double> m_momentary; // mean power of each 400 ms gating block
+    std::vector<double> m_shortTerm; // mean power of each 3 s window, 100 ms apart
+    double m_maxMomentary = 0.0;     // powers, every 10 ms
+    double m_maxShortTerm = 0.0;
+    OversampledPeak m_truePeak; // and the sample peak
 };
 
 } // namespace ostrand

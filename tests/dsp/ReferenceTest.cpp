@@ -6,6 +6,7 @@
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/KWeightingFilter.h"
 #include "dsp/Loudness.h"
+#include "dsp/LoudnessMeter.h"
 #include "dsp/TruePeakLimiter.h"
 #include "support/ReferenceMeters.h"
 #include "support/Signals.h"
@@ -16,6 +17,7 @@
 #include <complex>
 #include <cstdio>
 #include <numbers>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -125,6 +127,71 @@ INSTANTIATE_TEST_SUITE_P(
                   ebur128WideToleranceLu},
         Programme{"tone10kHz", [] { return test::sine(44100.0, 2, 10.0, 10000.0, -20.0); },
                   ebur128ToleranceLu}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+// The programme meter against libebur128 (integrated loudness, told the
+// channel map) and against a 192 kHz soxr resample (true peak; libebur128's
+// own 4x true peak is printed beside it, for the record).
+constexpr double meterToleranceLu = 0.05;
+constexpr double meterTruePeakToleranceDb = 0.2;
+
+struct MeterProgramme {
+    const char* name;
+    test::PlanarAudio (*make)();
+};
+
+// Band-limited to 20 kHz, as recorded material is: between 20 kHz and half
+// the sample rate the level between samples depends on the reconstruction
+// filter one assumes, and meters rightly differ there.
+test::PlanarAudio bandLimited(const test::PlanarAudio& audio) {
+    return test::lowPassed(audio, 20700.0);
+}
+
+class MeterAgainstReferences : public testing::TestWithParam<MeterProgramme> {};
+
+TEST_P(MeterAgainstReferences, IntegratedAndTruePeakAgree) {
+    const test::PlanarAudio audio = bandLimited(GetParam().make());
+    std::vector<ChannelWeight> weights(audio.channels.size(), ChannelWeight::front);
+    std::vector<test::Ebur128Channel> map = {test::Ebur128Channel::left,
+                                             test::Ebur128Channel::right};
+    if (audio.channels.size() == 1) {
+        map = {test::Ebur128Channel::center};
+    } else if (audio.channels.size() == 6) {
+        weights = {ChannelWeight::front,    ChannelWeight::front,    ChannelWeight::front,
+                   ChannelWeight::excluded, ChannelWeight::surround, ChannelWeight::surround};
+        map = {test::Ebur128Channel::left,         test::Ebur128Channel::right,
+               test::Ebur128Channel::center,       test::Ebur128Channel::unused,
+               test::Ebur128Channel::leftSurround, test::Ebur128Channel::rightSurround};
+    }
+    LoudnessMeter meter(audio.sampleRate, weights);
+    meter.append(audio.constPointers(), audio.frames());
+    const LoudnessFigures ours = meter.figures();
+    const test::Ebur128Figures theirs = test::ebur128Figures(audio, map);
+    const double resampledPeak = test::oversampledPeakDb(audio);
+    std::printf("[ reference] %-14s I ours %.3f libebur128 %.3f (%+.3f LU); LRA ours %.2f "
+                "libebur128 %.2f; true peak ours %+.3f soxr 192k %+.3f (%+.3f dB) libebur128 "
+                "%+.3f; sample peak %+.3f\n",
+                GetParam().name, ours.integratedLoudness, theirs.integratedLufs,
+                ours.integratedLoudness - theirs.integratedLufs, ours.loudnessRange,
+                theirs.loudnessRangeLu, ours.truePeak, resampledPeak, ours.truePeak - resampledPeak,
+                theirs.truePeakDb, ours.samplePeak);
+    EXPECT_NEAR(ours.integratedLoudness, theirs.integratedLufs, meterToleranceLu);
+    EXPECT_NEAR(ours.truePeak, resampledPeak, meterTruePeakToleranceDb);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Programmes, MeterAgainstReferences,
+    testing::Values(
+        MeterProgramme{"speech48", [] { return test::speechLike(48000.0, 2, 30.0, 31); }},
+        MeterProgramme{"speech44mono", [] { return test::speechLike(44100.0, 1, 30.0, 32); }},
+        MeterProgramme{"music48", [] { return test::musicLike(48000.0, 2, 30.0, 33); }},
+        MeterProgramme{"music44", [] { return test::musicLike(44100.0, 2, 30.0, 34); }},
+        MeterProgramme{"pink48", [] { return test::pinkNoise(48000.0, 2, 20.0, -20.0, 35); }},
+        MeterProgramme{"pink44", [] { return test::pinkNoise(44100.0, 2, 20.0, -20.0, 36); }},
+        MeterProgramme{"white48", [] { return test::whiteNoise(48000.0, 2, 20.0, -20.0, 37); }},
+        MeterProgramme{"white44", [] { return test::whiteNoise(44100.0, 2, 20.0, -20.0, 38); }},
+        MeterProgramme{"surround48", [] { return test::surround51(48000.0, 30.0, 39); }},
+        MeterProgramme{"surround44", [] { return test::surround51(44100.0, 30.0, 40); }}),
     [](const auto& p) { return std::string(p.param.name); });
 
 // The limiter fed through the gain it sees in use: the plan for a target,

@@ -35,12 +35,36 @@ std::vector<float> interleave(const PlanarAudio& audio) {
     return out;
 }
 
-Ebur128Ptr measure(const PlanarAudio& audio, int mode) {
+int channelCode(Ebur128Channel channel) {
+    switch (channel) {
+    case Ebur128Channel::left:
+        return EBUR128_LEFT;
+    case Ebur128Channel::right:
+        return EBUR128_RIGHT;
+    case Ebur128Channel::center:
+        return EBUR128_CENTER;
+    case Ebur128Channel::leftSurround:
+        return EBUR128_LEFT_SURROUND;
+    case Ebur128Channel::rightSurround:
+        return EBUR128_RIGHT_SURROUND;
+    case Ebur128Channel::unused:
+        break;
+    }
+    return EBUR128_UNUSED;
+}
+
+Ebur128Ptr measure(const PlanarAudio& audio, int mode,
+                   const std::vector<Ebur128Channel>& map = {}) {
     const auto channels = static_cast<unsigned>(audio.channels.size());
     Ebur128Ptr state(
         ebur128_init(channels, static_cast<unsigned long>(std::lround(audio.sampleRate)), mode));
     if (!state) {
         throw std::runtime_error("ebur128_init failed");
+    }
+    for (unsigned c = 0; c < map.size() && c < channels; ++c) {
+        if (ebur128_set_channel(state.get(), c, channelCode(map[c])) != EBUR128_SUCCESS) {
+            throw std::runtime_error("ebur128_set_channel failed");
+        }
     }
     const std::vector<float> samples = interleave(audio);
     if (ebur128_add_frames_float(state.get(), samples.data(),
@@ -62,6 +86,22 @@ double ebur128Integrated(const PlanarAudio& audio) {
     double lufs = 0.0;
     ebur128_loudness_global(state.get(), &lufs);
     return lufs;
+}
+
+Ebur128Figures ebur128Figures(const PlanarAudio& audio, const std::vector<Ebur128Channel>& map) {
+    const Ebur128Ptr state =
+        measure(audio, EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK, map);
+    Ebur128Figures figures{};
+    ebur128_loudness_global(state.get(), &figures.integratedLufs);
+    ebur128_loudness_range(state.get(), &figures.loudnessRangeLu);
+    double peak = 0.0;
+    for (unsigned c = 0; c < audio.channels.size(); ++c) {
+        double channelPeak = 0.0;
+        ebur128_true_peak(state.get(), c, &channelPeak);
+        peak = std::max(peak, channelPeak);
+    }
+    figures.truePeakDb = 20.0 * std::log10(peak);
+    return figures;
 }
 
 void writeFloatWav(const std::filesystem::path& path, const PlanarAudio& audio) {

@@ -3,12 +3,25 @@
 #include "support/Signals.h"
 
 #include <filesystem>
+#include <vector>
 
 // Independent meters to check the project's own measurements against.
 namespace ostrand::test {
 
 // Integrated loudness in LUFS by libebur128.
 double ebur128Integrated(const PlanarAudio& audio);
+
+// Where libebur128 places a channel; `unused` leaves it out (the LFE).
+enum class Ebur128Channel { left, right, center, leftSurround, rightSurround, unused };
+
+struct Ebur128Figures {
+    double integratedLufs;
+    double loudnessRangeLu;
+    double truePeakDb; // its own 4x (below 96 kHz) true peak, over all channels
+};
+
+// libebur128's programme figures with an explicit channel map.
+Ebur128Figures ebur128Figures(const PlanarAudio& audio, const std::vector<Ebur128Channel>& map);
 
 // Largest |sample| in dBFS after resampling to 192 kHz with ffmpeg's soxr at
 // very high precision: a long, steep interpolator, closer to the real

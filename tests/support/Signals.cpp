@@ -1,5 +1,6 @@
 #include "support/Signals.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
@@ -167,6 +168,116 @@ PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uin
     }
     for (std::size_t c = 1; c < audio.channels.size(); ++c) {
         audio.channels[c] = out;
+    }
+    return audio;
+}
+
+PlanarAudio musicLike(double sampleRate, int channels, double seconds, std::uint32_t seed) {
+    const std::size_t n = sampleCount(sampleRate, seconds);
+    PlanarAudio audio = withChannels(sampleRate, channels, n);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const double beat = 0.5; // seconds: 120 beats a minute
+    const auto beatSamples = sampleCount(sampleRate, beat);
+    const double twoPi = 2.0 * std::numbers::pi;
+    // Chord roots in semitones above A2, one chord a bar of four beats.
+    std::vector<double> roots;
+    for (std::size_t bar = 0; bar * 4 * beatSamples < n; ++bar) {
+        roots.push_back(std::floor(12.0 * unit(rng)));
+    }
+    for (std::size_t c = 0; c < audio.channels.size(); ++c) {
+        std::vector<float>& out = audio.channels[c];
+        const double balance = 1.0 - 0.3 * static_cast<double>(c % 2);
+        std::mt19937 hatNoise(seed + 1000 + static_cast<std::uint32_t>(c));
+        std::normal_distribution<double> gauss(0.0, 1.0);
+        double previous = 0.0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const double t = static_cast<double>(i) / sampleRate;
+            const std::size_t beatIndex = i / beatSamples;
+            const double sinceBeat = static_cast<double>(i % beatSamples) / sampleRate;
+            const double root = 110.0 * std::pow(2.0, roots[beatIndex / 4] / 12.0);
+            double x = 0.0;
+            // The chord: root, third, fifth, an octave up, eight harmonics.
+            for (const double interval : {0.0, 4.0, 7.0}) {
+                const double f = 2.0 * root * std::pow(2.0, interval / 12.0);
+                for (int h = 1; h <= 8 && f * h < 0.45 * sampleRate; ++h) {
+                    x += 0.05 * balance * std::sin(twoPi * f * h * t) / h *
+                         std::exp(-sinceBeat * (1.0 + h));
+                }
+            }
+            x += 0.25 * std::sin(twoPi * root / 2.0 * t) * std::exp(-2.0 * sinceBeat);
+            if (beatIndex % 2 == 0) {
+                // Kick: a sine falling from 150 to 50 Hz.
+                const double kick =
+                    twoPi * (50.0 * sinceBeat + 100.0 * (1.0 - std::exp(-30.0 * sinceBeat)) / 30.0);
+                x += 0.5 * std::sin(kick) * std::exp(-12.0 * sinceBeat);
+            }
+            // Hi-hat on the off-beats: differentiated noise, quickly gone.
+            const double halfBeat = std::fmod(sinceBeat, beat / 2.0);
+            const double noise = gauss(hatNoise);
+            x += 0.15 * (noise - previous) * std::exp(-halfBeat * 60.0);
+            previous = noise;
+            out[i] = static_cast<float>(0.4 * x);
+        }
+    }
+    return audio;
+}
+
+PlanarAudio surround51(double sampleRate, double seconds, std::uint32_t seed) {
+    PlanarAudio audio = withChannels(sampleRate, 6, sampleCount(sampleRate, seconds));
+    const PlanarAudio front = musicLike(sampleRate, 2, seconds, seed);
+    const PlanarAudio centre = speechLike(sampleRate, 1, seconds, seed + 1);
+    const PlanarAudio rumble = pinkNoise(sampleRate, 1, seconds, -12.0, seed + 2);
+    const PlanarAudio ambience = pinkNoise(sampleRate, 2, seconds, -32.0, seed + 3);
+    audio.channels[0] = front.channels[0];
+    audio.channels[1] = front.channels[1];
+    audio.channels[2] = centre.channels[0];
+    // Two one-pole low-passes at 120 Hz leave the LFE's band.
+    const double pole = std::exp(-2.0 * std::numbers::pi * 120.0 / sampleRate);
+    double lp1 = 0.0;
+    double lp2 = 0.0;
+    for (std::size_t i = 0; i < rumble.channels[0].size(); ++i) {
+        lp1 = (1.0 - pole) * 1.2 * rumble.channels[0][i] + pole * lp1;
+        lp2 = (1.0 - pole) * lp1 + pole * lp2;
+        audio.channels[3][i] = static_cast<float>(lp2);
+    }
+    audio.channels[4] = ambience.channels[0];
+    audio.channels[5] = ambience.channels[1];
+    return audio;
+}
+
+PlanarAudio lowPassed(PlanarAudio audio, double cutoffHz, int halfTaps) {
+    const auto besselI0 = [](double x) {
+        double sum = 1.0;
+        double term = 1.0;
+        for (int k = 1; k < 60; ++k) {
+            term *= (x / (2.0 * k)) * (x / (2.0 * k));
+            sum += term;
+        }
+        return sum;
+    };
+    constexpr double beta = 8.0;
+    const double cutoff = cutoffHz / audio.sampleRate;
+    std::vector<double> h;
+    for (int k = -halfTaps; k <= halfTaps; ++k) {
+        const double r = static_cast<double>(k) / halfTaps;
+        const double sinc =
+            k == 0 ? 2.0 * cutoff
+                   : std::sin(2.0 * std::numbers::pi * cutoff * k) / (std::numbers::pi * k);
+        h.push_back(sinc * besselI0(beta * std::sqrt(1.0 - r * r)) / besselI0(beta));
+    }
+    const auto half = static_cast<std::ptrdiff_t>(halfTaps);
+    for (auto& channel : audio.channels) {
+        const std::vector<float> x = channel;
+        const auto n = static_cast<std::ptrdiff_t>(x.size());
+        for (std::ptrdiff_t i = 0; i < n; ++i) {
+            double y = 0.0;
+            for (std::ptrdiff_t j = std::max<std::ptrdiff_t>(0, i - half);
+                 j <= std::min(n - 1, i + half); ++j) {
+                y += h[static_cast<std::size_t>(i - j + half)] * x[static_cast<std::size_t>(j)];
+            }
+            channel[static_cast<std::size_t>(i)] = static_cast<float>(y);
+        }
     }
     return audio;
 }
