@@ -346,6 +346,9 @@ private:
             for (const std::string& note : report.notes) {
                 notes += source.string() + ": note: " + note + '\n';
             }
+            for (const std::string& warning : report.warnings) {
+                notes += source.string() + ": warning: " + warning + '\n';
+            }
             if (!notes.empty()) {
                 m_console.message(notes);
             }
@@ -364,11 +367,23 @@ private:
             object["minGain"] = jsonNumber(report.minGain);
             object["maxGain"] = jsonNumber(report.maxGain);
             object["activeFraction"] = jsonNumber(report.activeFraction);
+            object["outputTruePeak"] = jsonNumber(report.outputTruePeak);
+            object["outputIntegratedLoudness"] = jsonNumber(report.outputIntegratedLoudness);
+            QJsonArray warnings;
+            for (const std::string& warning : report.warnings) {
+                warnings.append(QString::fromStdString(warning));
+            }
+            object["warnings"] = warnings;
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report).toStdString() + '\n';
+            char measured[128];
+            std::snprintf(measured, sizeof measured,
+                          "  output %.1f LUFS \u00b7 true peak %.1f dBTP\n",
+                          report.outputIntegratedLoudness, report.outputTruePeak);
+            lines += measured;
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
             }

@@ -7,6 +7,7 @@
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/Loudness.h"
+#include "dsp/PauseDetector.h"
 #include "dsp/TruePeakLimiter.h"
 #include "dsp/TruePeakMeter.h"
 #include "dsp/VectorOps.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <memory>
 #include <system_error>
@@ -103,7 +105,33 @@ private:
     std::vector<const float*> m_pointers;
 };
 
+// One decimal, as the reports show figures.
+std::string tenths(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
 } // namespace
+
+std::vector<std::string> warnings(const LevelingReport& report, double targetLoudness,
+                                  double truePeakCeiling, bool speechFound) {
+    std::vector<std::string> found;
+    if (!speechFound) {
+        found.emplace_back("no speech was found, only silence or noise");
+    }
+    const double offTarget = report.outputIntegratedLoudness - targetLoudness;
+    if (std::isfinite(offTarget) && std::fabs(offTarget) > offTargetWarningLu) {
+        found.push_back("the output is " + tenths(std::fabs(offTarget)) + " LU " +
+                        (offTarget < 0.0 ? "quieter" : "louder") + " than the target of " +
+                        tenths(targetLoudness) + " LUFS");
+    }
+    if (report.outputTruePeak > truePeakCeiling + overCeilingWarningDb) {
+        found.push_back("the output's true peak of " + tenths(report.outputTruePeak) +
+                        " dBTP is above the ceiling of " + tenths(truePeakCeiling) + " dBTP");
+    }
+    return found;
+}
 
 std::string outputExtension(const std::filesystem::path& source) {
     return OutputFormat::forSource(source).extension;
@@ -114,6 +142,163 @@ FileType fileType(std::string_view extension) {
 }
 
 namespace {
+
+// Speech rises above the recording's floor somewhere; silence and steady
+// noise never do, though the plan's gates take them as active.
+bool hasSpeech(const FrameAnalysis& analysis, const GainCurve& curve) {
+    if (curve.activeFraction <= 0.0) {
+        return false;
+    }
+    std::vector<unsigned char> pause(analysis.meanSquare.size());
+    PauseDetector::markPauses(analysis.meanSquare, pause);
+    return std::find(pause.begin(), pause.end(), 0) != pause.end();
+}
+
+// What one file's leveling needs beyond its passes.
+struct Job {
+    const OpenedSource& opened;
+    const OutputFormat::Rule& rule;
+    MediaWriter::Encoding encoding;
+    const std::filesystem::path& destination;
+    OutputNaming::ExistingFile existing;
+    const std::optional<std::filesystem::path>& audioSidecar;
+    const ProgressHandler& progress;
+    const CancelCheck& isCancelled;
+    double expectedSamples;
+};
+
+// One leveling pass into complete but still unnamed files: dropping it
+// removes them.
+struct Attempt {
+    GainCurve curve;
+    double ceiling = 0.0; // the plan's and, untrimmed, the limiter's
+    std::unique_ptr<MediaWriter> output;
+    std::unique_ptr<MediaWriter> sidecar;
+    double ownLoudness = 0.0; // the leveler's own figure
+    double limiterGainReduction = 0.0;
+};
+
+// The plan is made for a limiter at `ceiling`; `trimDb` then lowers the gains
+// and the limiter's ceiling alike, so that the limiter does the same work and
+// the output is the untrimmed one, quieter by that much.
+Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
+                     const LevelingParameters& parameters, double ceiling, double trimDb,
+                     double progressStart, double progressShare) {
+    const MediaAsset& asset = job.opened.asset;
+    const double rate = job.opened.format.sampleRate;
+    const std::int64_t channels = job.opened.format.channels;
+    Attempt attempt;
+    attempt.ceiling = ceiling;
+    attempt.curve =
+        GainCurveBuilder::build(analysis, parameters, ceiling, limiterReleaseMs / 1000.0);
+    for (double& gainDb : attempt.curve.gainDB) {
+        gainDb -= trimDb;
+    }
+    const GainCurve& curve = attempt.curve;
+    const double limiterCeiling = ceiling - trimDb;
+
+    // A failure from here on drops the writers, which removes what they wrote.
+    attempt.output =
+        std::make_unique<MediaWriter>(job.destination, job.existing, job.rule.container, rate,
+                                      channels, job.encoding, asset, asset.videoTracks, true);
+    MediaWriter& output = *attempt.output;
+    if (!asset.videoTracks.empty() && job.audioSidecar) {
+        attempt.sidecar = std::make_unique<MediaWriter>(
+            *job.audioSidecar, OutputNaming::ExistingFile::keepAndNumber, FileType::wave, rate,
+            channels, MediaWriter::Encoding::pcm24, asset, std::vector<MediaAsset::VideoTrack>{});
+    }
+    MediaWriter* sidecar = attempt.sidecar.get();
+    TruePeakLimiter limiter(channels, rate, limiterCeiling, limiterLookaheadMs, limiterReleaseMs);
+    FrameAnalyzer outputAnalyzer(rate, channels);
+
+    const auto timeScale = static_cast<std::int32_t>(rate);
+    std::int64_t position = 0;
+    std::int64_t written = 0;
+    std::int64_t skip = limiter.latency();
+    std::optional<MediaTime> startTime;
+    std::vector<float> gain;
+    ChannelView view;
+    const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
+        const std::span<const float* const> block = view.of(planar, from);
+        outputAnalyzer.append(block, n);
+        const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
+        output.appendAudio(block, n, at);
+        if (sidecar) {
+            sidecar->appendAudio(block, n, at);
+        }
+        written += n;
+    };
+
+    PassProgress pass(job.progress, LevelingPhase::leveling, job.expectedSamples, progressStart,
+                      progressShare);
+    MixedAudioReader reader(asset, job.opened.format, job.opened.tracks, job.isCancelled);
+    reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
+        checkCancelled(job.isCancelled);
+        if (!startTime) {
+            startTime = time;
+        }
+        if (gain.size() < static_cast<std::size_t>(count)) {
+            gain.resize(static_cast<std::size_t>(count), 1.0f);
+        }
+        const std::span<float> blockGain(gain.data(), static_cast<std::size_t>(count));
+        fillGainRamp(curve.gainDB, curve.frameLength, position, blockGain);
+        for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
+            float* samples = planar[c];
+            for (std::size_t i = 0; i < blockGain.size(); ++i) {
+                samples[i] *= blockGain[i];
+            }
+        }
+        position += count;
+        limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
+
+        // The limiter's first output is its own silence, not the source.
+        const std::int64_t dropped = std::min(skip, count);
+        skip -= dropped;
+        if (count > dropped) {
+            write(planar, dropped, count - dropped);
+        }
+        pass.advance(count);
+    });
+
+    // The tail: the last samples still in the limiter's delay line.
+    const std::int64_t latency = limiter.latency();
+    std::vector<std::vector<float>> tail(
+        static_cast<std::size_t>(channels),
+        std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
+    std::vector<float*> tailPointers;
+    for (auto& channel : tail) {
+        tailPointers.push_back(channel.data());
+    }
+    limiter.process(tailPointers, latency);
+    write(tailPointers, 0, latency);
+
+    output.complete();
+    if (sidecar) {
+        sidecar->complete();
+    }
+    attempt.ownLoudness = Loudness::integrated(outputAnalyzer.kPower());
+    attempt.limiterGainReduction = limiter.maxGainReduction();
+    return attempt;
+}
+
+// Both files are complete before either takes a name, so a failure leaves
+// neither. The sidecar follows an output that had to move on to another name.
+void name(Attempt& attempt, const std::filesystem::path& destination) {
+    attempt.output->finish();
+    if (attempt.sidecar) {
+        try {
+            if (attempt.output->url() != destination) {
+                std::filesystem::path beside = attempt.output->url();
+                attempt.sidecar->setURL(beside.replace_extension(OutputNaming::sidecarExtension));
+            }
+            attempt.sidecar->finish();
+        } catch (...) {
+            std::error_code ignored;
+            std::filesystem::remove(attempt.output->url(), ignored);
+            throw;
+        }
+    }
+}
 
 LevelingReport level(const std::filesystem::path& source, const std::filesystem::path& destination,
                      OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
@@ -135,12 +320,15 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     opened.format.sampleRate = OutputFormat::encodedSampleRate(encoding, opened.format.sampleRate);
     const double rate = opened.format.sampleRate;
     const std::int64_t channels = opened.format.channels;
-    const double expectedSamples = std::max(rate * asset.durationSeconds, 1.0);
+    const Job job{opened,      rule,        encoding,
+                  destination, existing,    audioSidecar,
+                  progress,    isCancelled, std::max(rate * asset.durationSeconds, 1.0)};
 
     // Analysis pass.
     FrameAnalyzer analyzer(rate, channels);
     {
-        PassProgress pass(progress, LevelingPhase::analyzing, expectedSamples, 0.0, analysisShare);
+        PassProgress pass(progress, LevelingPhase::analyzing, job.expectedSamples, 0.0,
+                          analysisShare);
         MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
         ChannelView view;
         reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
@@ -149,127 +337,40 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
             pass.advance(count);
         });
     }
-    const GainCurve curve = GainCurveBuilder::build(std::move(analyzer).analysis(), parameters,
-                                                    truePeakCeiling, limiterReleaseMs / 1000.0);
+    const FrameAnalysis analysis = std::move(analyzer).analysis();
 
-    // Writers. From here on every failure removes what was written.
-    MediaWriter output(destination, existing, rule.container, rate, channels, encoding, asset,
-                       asset.videoTracks, true);
-    std::unique_ptr<MediaWriter> sidecar;
-    TruePeakLimiter limiter(channels, rate, truePeakCeiling, limiterLookaheadMs, limiterReleaseMs);
-    FrameAnalyzer outputAnalyzer(rate, channels);
-    try {
-        if (!asset.videoTracks.empty() && audioSidecar) {
-            sidecar = std::make_unique<MediaWriter>(
-                *audioSidecar, OutputNaming::ExistingFile::keepAndNumber, FileType::wave, rate,
-                channels, MediaWriter::Encoding::pcm24, asset,
-                std::vector<MediaAsset::VideoTrack>{});
-        }
-
-        const auto timeScale = static_cast<std::int32_t>(rate);
-        std::int64_t position = 0;
-        std::int64_t written = 0;
-        std::int64_t skip = limiter.latency();
-        std::optional<MediaTime> startTime;
-        std::vector<float> gain;
-        ChannelView view;
-        const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
-            const std::span<const float* const> block = view.of(planar, from);
-            outputAnalyzer.append(block, n);
-            const MediaTime at =
-                startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
-            output.appendAudio(block, n, at);
-            if (sidecar) {
-                sidecar->appendAudio(block, n, at);
-            }
-            written += n;
-        };
-
-        PassProgress pass(progress, LevelingPhase::leveling, expectedSamples, analysisShare,
-                          1.0 - analysisShare);
-        MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
-        reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
-            checkCancelled(isCancelled);
-            if (!startTime) {
-                startTime = time;
-            }
-            if (gain.size() < static_cast<std::size_t>(count)) {
-                gain.resize(static_cast<std::size_t>(count), 1.0f);
-            }
-            const std::span<float> blockGain(gain.data(), static_cast<std::size_t>(count));
-            fillGainRamp(curve.gainDB, curve.frameLength, position, blockGain);
-            for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
-                float* samples = planar[c];
-                for (std::size_t i = 0; i < blockGain.size(); ++i) {
-                    samples[i] *= blockGain[i];
-                }
-            }
-            position += count;
-            limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
-
-            // The limiter's first output is its own silence, not the source.
-            const std::int64_t dropped = std::min(skip, count);
-            skip -= dropped;
-            if (count > dropped) {
-                write(planar, dropped, count - dropped);
-            }
-            pass.advance(count);
-        });
-
-        // The tail: the last samples still in the limiter's delay line.
-        const std::int64_t latency = limiter.latency();
-        std::vector<std::vector<float>> tail(
-            static_cast<std::size_t>(channels),
-            std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
-        std::vector<float*> tailPointers;
-        for (auto& channel : tail) {
-            tailPointers.push_back(channel.data());
-        }
-        limiter.process(tailPointers, latency);
-        write(tailPointers, 0, latency);
-
-        // Both files complete before either takes a name, so a failure
-        // leaves neither. The sidecar follows an output that had to move on
-        // to another name.
-        output.complete();
-        if (sidecar) {
-            sidecar->complete();
-        }
-        output.finish();
-        if (sidecar) {
-            try {
-                if (output.url() != destination) {
-                    std::filesystem::path beside = output.url();
-                    sidecar->setURL(beside.replace_extension(OutputNaming::sidecarExtension));
-                }
-                sidecar->finish();
-            } catch (...) {
-                std::error_code ignored;
-                std::filesystem::remove(output.url(), ignored);
-                throw;
-            }
-        }
-    } catch (...) {
-        output.cancel();
-        if (sidecar) {
-            sidecar->cancel();
-        }
-        throw;
+    // A lossy codec adds peaks of its own above the limiter's: the limiter
+    // works below the ceiling, and when the decoded output still went over,
+    // a second pass makes the same output quieter by the excess.
+    const bool lossy = MediaWriter::isLossy(encoding);
+    const double levelingShare = 1.0 - analysisShare - (lossy ? secondPassShare : 0.0);
+    Attempt attempt =
+        levelingPass(job, analysis, parameters, truePeakCeiling - (lossy ? lossyHeadroomDb : 0.0),
+                     0.0, analysisShare, levelingShare);
+    const double excess = attempt.output->measured().truePeak - truePeakCeiling;
+    if (lossy && excess > 0.0) {
+        const double ceiling = attempt.ceiling;
+        attempt = {};
+        attempt = levelingPass(job, analysis, parameters, ceiling, excess + secondPassMarginDb,
+                               analysisShare + levelingShare, secondPassShare);
     }
+    name(attempt, destination);
     if (progress) {
         progress(LevelingProgress{LevelingPhase::leveling, 1.0});
     }
 
+    const GainCurve& curve = attempt.curve;
+    const LoudnessFigures& measured = attempt.output->measured();
     LevelingReport report;
-    report.outputURL = output.url();
-    if (sidecar) {
-        report.audioSidecarURL = sidecar->url();
+    report.outputURL = attempt.output->url();
+    if (attempt.sidecar) {
+        report.audioSidecarURL = attempt.sidecar->url();
     }
-    report.notes = output.notes();
+    report.notes = attempt.output->notes();
     report.duration = asset.durationSeconds;
     report.inputLoudness = curve.inputLoudness;
-    report.outputLoudness = Loudness::integrated(outputAnalyzer.kPower());
-    report.limiterGainReduction = limiter.maxGainReduction();
+    report.outputLoudness = attempt.ownLoudness;
+    report.limiterGainReduction = attempt.limiterGainReduction;
     if (!curve.gainDB.empty()) {
         const auto [lowest, highest] =
             std::minmax_element(curve.gainDB.begin(), curve.gainDB.end());
@@ -277,6 +378,10 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         report.maxGain = *highest;
     }
     report.activeFraction = curve.activeFraction;
+    report.outputTruePeak = measured.truePeak;
+    report.outputIntegratedLoudness = measured.integratedLoudness;
+    report.warnings =
+        warnings(report, parameters.targetLoudness, truePeakCeiling, hasSpeech(analysis, curve));
     return report;
 }
 

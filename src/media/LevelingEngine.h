@@ -24,6 +24,17 @@ namespace ostrand::LevelingEngine {
 inline constexpr double limiterLookaheadMs = 5.0;
 inline constexpr double limiterReleaseMs = 200.0;
 inline constexpr double analysisShare = 0.3; // of the job's progress
+// Lossy outputs: the limiter's ceiling sits this far below the asked one,
+// for the peaks the encoder adds; a second pass, when the decoded output
+// still went over, takes the last share of the progress and makes the same
+// output quieter by the excess and this margin.
+inline constexpr double lossyHeadroomDb = 0.3;
+inline constexpr double secondPassShare = 0.15;
+inline constexpr double secondPassMarginDb = 0.1;
+// Warnings: the output's loudness this far from the target, its true peak
+// further above the ceiling than a figure shown to a tenth can tell.
+inline constexpr double offTargetWarningLu = 1.0;
+inline constexpr double overCeilingWarningDb = 0.05;
 
 using ProgressHandler = std::function<void(const LevelingProgress&)>;
 using CancelCheck = std::function<bool()>;
@@ -40,6 +51,12 @@ LevelingReport process(const std::filesystem::path& source,
                        double truePeakCeiling, bool forceMono,
                        const std::optional<std::filesystem::path>& audioSidecar,
                        const ProgressHandler& progress, const CancelCheck& isCancelled);
+
+// What a finished report should tell the user though the file was written:
+// no speech found, loudness more than offTargetWarningLu from the target, a
+// true peak above the ceiling. Plain sentences, in that order.
+std::vector<std::string> warnings(const LevelingReport& report, double targetLoudness,
+                                  double truePeakCeiling, bool speechFound);
 
 // What a programme meter reads on one audio track, or on the tracks' mix,
 // on its own channel layout.

@@ -32,6 +32,13 @@ struct LevelingReport {
     double minGain = 0.0;              // dB, smallest planned gain
     double maxGain = 0.0;              // dB, largest planned gain
     double activeFraction = 0.0;       // share of frames judged active
+    // The written file as a programme meter reads it; for a lossy codec, on
+    // the decoded encoded stream.
+    double outputTruePeak = 0.0;           // dBTP
+    double outputIntegratedLoudness = 0.0; // LUFS, gated
+    // What went wrong with the result without failing it ("the output is
+    // 2.1 LU quieter than the target"), one plain sentence each.
+    std::vector<std::string> warnings = {};
     // What of the source the output could not keep (subtitles, cover art,
     // chapters ...), one plain sentence each; empty when everything was kept.
     std::vector<std::string> notes = {};

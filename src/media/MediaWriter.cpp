@@ -171,6 +171,13 @@ public:
     Impl& operator=(const Impl&) = delete;
 
     const std::filesystem::path& url() const noexcept { return m_url; }
+
+    const LoudnessFigures& measured() const {
+        if (!m_measured) {
+            fail("the file is not complete");
+        }
+        return *m_measured;
+    }
     const std::vector<std::string>& notes() const noexcept { return m_notes; }
 
     void setURL(std::filesystem::path url) {
@@ -207,6 +214,10 @@ public:
         }
         encodeFromFifo(av_audio_fifo_size(m_fifo.get()));
         sendFrame(nullptr);
+        if (m_decoder) {
+            decodeForMeter(nullptr);
+        }
+        m_measured = m_meter->figures();
         copyPackets(std::nullopt);
         check(av_write_trailer(m_output.get()), "finishWriting failed");
         avio_flush(m_output->pb);
@@ -355,6 +366,7 @@ private:
         m_audioStream->time_base = encoder.time_base;
         check(avcodec_parameters_from_context(m_audioStream->codecpar, &encoder),
               "cannot add audio input");
+        openOutputMeter();
         for (const char* key : {"language", "title"}) {
             if (!m_audioTags.empty() && m_audioTags.count(key) != 0) {
                 av_dict_set(&m_audioStream->metadata, key, m_audioTags.at(key).c_str(), 0);
@@ -371,6 +383,74 @@ private:
             throw std::bad_alloc();
         }
         prepareFrame(m_frameSamples);
+    }
+
+    void openOutputMeter() {
+        m_meter.emplace(
+            static_cast<double>(m_rate),
+            std::vector<ChannelWeight>(static_cast<std::size_t>(m_channels), ChannelWeight::front));
+        m_meterInput.resize(static_cast<std::size_t>(m_channels));
+        if (!MediaWriter::isLossy(m_encoding)) {
+            return;
+        }
+        const AVCodec* codec = avcodec_find_decoder(m_audioStream->codecpar->codec_id);
+        if (codec == nullptr) {
+            fail("cannot add audio input: no decoder to measure it");
+        }
+        m_decoder.reset(avcodec_alloc_context3(codec));
+        if (!m_decoder) {
+            throw std::bad_alloc();
+        }
+        check(avcodec_parameters_to_context(m_decoder.get(), m_audioStream->codecpar),
+              "cannot add audio input");
+        m_decoder->pkt_timebase = m_encoder->time_base;
+        m_decoder->request_sample_fmt = AV_SAMPLE_FMT_FLTP;
+        check(avcodec_open2(m_decoder.get(), codec, nullptr), "cannot add audio input");
+        m_decoded = allocateFrame();
+    }
+
+    // Decodes a packet just encoded (nullptr: the end) into the meter.
+    void decodeForMeter(const AVPacket* packet) {
+        const int sent = avcodec_send_packet(m_decoder.get(), packet);
+        if (sent != AVERROR_EOF) {
+            check(sent, "cannot measure the output");
+        }
+        for (;;) {
+            const int received = avcodec_receive_frame(m_decoder.get(), m_decoded.get());
+            if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
+                return;
+            }
+            check(received, "cannot measure the output");
+            meterDecoded(*m_decoded);
+            av_frame_unref(m_decoded.get());
+        }
+    }
+
+    void meterDecoded(const AVFrame& frame) {
+        const int count = frame.nb_samples;
+        if (frame.ch_layout.nb_channels != m_channels) {
+            fail("cannot measure the output: the decoder gave another channel count");
+        }
+        if (frame.format == AV_SAMPLE_FMT_FLTP) {
+            for (int c = 0; c < m_channels; ++c) {
+                m_meterInput[static_cast<std::size_t>(c)] =
+                    reinterpret_cast<const float*>(frame.extended_data[c]);
+            }
+        } else if (frame.format == AV_SAMPLE_FMT_FLT) {
+            const auto* in = reinterpret_cast<const float*>(frame.extended_data[0]);
+            m_meterPlanar.resize(static_cast<std::size_t>(count) *
+                                 static_cast<std::size_t>(m_channels));
+            for (int c = 0; c < m_channels; ++c) {
+                float* out = m_meterPlanar.data() + static_cast<std::ptrdiff_t>(c) * count;
+                for (int i = 0; i < count; ++i) {
+                    out[i] = in[i * m_channels + c];
+                }
+                m_meterInput[static_cast<std::size_t>(c)] = out;
+            }
+        } else {
+            fail("cannot measure the output: the decoder gave an unexpected sample format");
+        }
+        m_meter->append(m_meterInput, count);
     }
 
     void note(const std::string& what) {
@@ -648,6 +728,10 @@ private:
             }
             planes[0] = m_interleaved.data();
         }
+        if (!m_decoder) {
+            std::copy(planar.begin(), planar.end(), m_meterInput.begin());
+            m_meter->append(m_meterInput, count);
+        }
         const int written = av_audio_fifo_write(m_fifo.get(), planes, count);
         if (written < count) {
             check(written < 0 ? written : AVERROR(ENOMEM), "");
@@ -685,6 +769,9 @@ private:
                 return;
             }
             check(received, "");
+            if (m_decoder) {
+                decodeForMeter(m_packet.get());
+            }
             av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_audioStream->time_base);
             m_packet->stream_index = m_audioStream->index;
             // Takes the packet's data; the packet is blank afterwards.
@@ -771,6 +858,13 @@ private:
     PacketPtr m_copyPacket;
     bool m_copyPending = false;
     bool m_copyDone = false;
+    // The output meter; lossy codecs decode their own packets into it.
+    std::optional<LoudnessMeter> m_meter;
+    CodecContextPtr m_decoder;
+    FramePtr m_decoded;
+    std::vector<const float*> m_meterInput;
+    std::vector<float> m_meterPlanar; // a decoded interleaved frame, one channel after another
+    std::optional<LoudnessFigures> m_measured;
     std::exception_ptr m_threadError; // read after the thread is joined
 
     std::optional<BlockPipe> m_pipe;
@@ -809,6 +903,14 @@ void MediaWriter::cancel() noexcept {
 
 const std::filesystem::path& MediaWriter::url() const noexcept {
     return m_impl->url();
+}
+
+const LoudnessFigures& MediaWriter::measured() const {
+    return m_impl->measured();
+}
+
+bool MediaWriter::isLossy(Encoding encoding) noexcept {
+    return encoding == Encoding::aac || encoding == Encoding::opus;
 }
 
 const std::vector<std::string>& MediaWriter::notes() const noexcept {

@@ -4,6 +4,7 @@
 #include "MediaTime.h"
 #include "OutputFormat.h"
 #include "OutputNaming.h"
+#include "dsp/LoudnessMeter.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -36,6 +37,10 @@ using FileType = OutputFormat::Container;
 // own, fed through a pipe of a few blocks: appendAudio() copies the block and
 // returns unless the pipe is full, and an error of that thread surfaces as
 // OstrandError::writerFailed from the next appendAudio() or finish().
+//
+// Every file written is metered on what a player will hear: a lossy codec's
+// packets are decoded as they are written, on the encoding thread; lossless
+// samples are metered as they are.
 class MediaWriter {
 public:
     using Encoding = OutputFormat::AudioCodec;
@@ -47,6 +52,8 @@ public:
     ~MediaWriter();
     MediaWriter(const MediaWriter&) = delete;
     MediaWriter& operator=(const MediaWriter&) = delete;
+
+    static bool isLossy(Encoding encoding) noexcept;
 
     // Blocks in time order without gaps: the first block's time is where the
     // audio starts, the others follow it sample by sample. count < 1 does
@@ -66,6 +73,9 @@ public:
     void cancel() noexcept;
 
     const std::filesystem::path& url() const noexcept;
+    // The written audio as a programme meter reads it (every channel a front
+    // one); only after complete(), else throws OstrandError::writerFailed.
+    const LoudnessFigures& measured() const;
     // What of the source could not be kept, one plain sentence each, e.g.
     // "the subtitles (hdmv_pgs_subtitle) cannot be kept in MP4".
     const std::vector<std::string>& notes() const noexcept;

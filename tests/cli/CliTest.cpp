@@ -81,6 +81,8 @@ TEST(CliTest, LevelsBesideTheSourceWithoutOverwriting) {
         EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
         EXPECT_NE(r.out.find(" LUFS \u00b7 2s leveled in "), std::string::npos) << r.out;
         EXPECT_NE(r.out.find("gain +"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("\n  output -"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find(" LUFS \u00b7 true peak -"), std::string::npos) << r.out;
     }
     EXPECT_EQ(fileBytes(source), before);
 }
@@ -97,14 +99,34 @@ TEST(CliTest, JsonCarriesEveryReportField) {
     const QJsonObject& o = lines[0];
     for (const char* key :
          {"source", "outputURL", "audioSidecarURL", "duration", "inputLoudness", "outputLoudness",
-          "limiterGainReduction", "minGain", "maxGain", "activeFraction"}) {
+          "limiterGainReduction", "minGain", "maxGain", "activeFraction", "outputTruePeak",
+          "outputIntegratedLoudness", "warnings"}) {
         EXPECT_TRUE(o.contains(key)) << key;
     }
+    EXPECT_LE(o["outputTruePeak"].toDouble(), -1.0);
+    EXPECT_NEAR(o["outputIntegratedLoudness"].toDouble(), -23.0, 0.5);
+    EXPECT_TRUE(o["warnings"].isArray());
     EXPECT_EQ(o["outputURL"].toString().toStdString(),
               (dir / "out/new" / "clip leveled.mov").string());
     EXPECT_EQ(o["audioSidecarURL"].toString().toStdString(),
               (dir / "out/new" / "clip leveled.wav").string());
     EXPECT_NEAR(o["outputLoudness"].toDouble(), -23.0, 0.5);
+}
+
+// A result that falls short is still a result: warned about, status 0.
+TEST(CliTest, WarningsGoToStandardErrorAndJson) {
+    const test::TempDir dir;
+    const fs::path silence = test::sineFile(dir / "quiet.wav", 48000, "stereo", 3.0, 440.0, -200.0);
+    const std::string warning = "no speech was found, only silence or noise";
+    const CliRun text = run({"level", silence.string()});
+    EXPECT_EQ(text.status, exitSuccess);
+    EXPECT_NE(text.err.find(silence.string() + ": warning: " + warning + "\n"), std::string::npos)
+        << text.err;
+    const CliRun json = run({"level", "--json", "--force", silence.string()});
+    EXPECT_EQ(json.status, exitSuccess);
+    const std::vector<QJsonObject> lines = jsonLines(json.out);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0]["warnings"].toArray(), QJsonArray{QString::fromStdString(warning)});
 }
 
 TEST(CliTest, OneFailureDoesNotStopTheOthers) {

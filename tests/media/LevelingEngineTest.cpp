@@ -51,6 +51,7 @@ struct Options {
     std::optional<fs::path> sidecar;
     OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
     double targetLufs = target;
+    double ceilingDb = ceiling;
     bool forceMono = false;
     LevelingEngine::ProgressHandler progress;
     LevelingEngine::CancelCheck cancelled;
@@ -58,7 +59,7 @@ struct Options {
 
 LevelingReport level(const fs::path& source, const fs::path& destination, const Options& o = {}) {
     return LevelingEngine::process(source, destination, o.existing,
-                                   LevelingParameters::forTarget(o.targetLufs), ceiling,
+                                   LevelingParameters::forTarget(o.targetLufs), o.ceilingDb,
                                    o.forceMono, o.sidecar, o.progress, o.cancelled);
 }
 
@@ -116,6 +117,117 @@ INSTANTIATE_TEST_SUITE_P(
                       LoudnessCase{"LoudAacWithVideo", true, -9.0, looseToleranceLu, 3.0},
                       LoudnessCase{"LoudWavNeedsLimiting", false, -9.0, looseToleranceLu, 3.0}),
     byName);
+
+struct CeilingCase {
+    const char* name;
+    PlanarAudio (*signal)();
+    const char* source; // its extension picks the output's codec
+    const char* codec;  // of the source
+    double targetLufs;
+};
+
+class CeilingTest : public ::testing::TestWithParam<CeilingCase> {};
+
+// Lossy codecs add peaks of their own between the limiter and the file: the
+// decoded output, read by independent meters, still keeps the ceiling.
+TEST_P(CeilingTest, DecodedLossyOutputKeepsTheCeiling) {
+    const TempDir dir;
+    const CeilingCase& c = GetParam();
+    const fs::path wav = floatWav(dir / "in.wav", c.signal());
+    const fs::path source = makeMedia(dir / c.source, {.audio = {{.codec = c.codec, .from = wav}}});
+    const fs::path output = dir / ("out." + LevelingEngine::outputExtension(source));
+    std::vector<double> fractions;
+    const LevelingReport report = level(
+        source, output,
+        {.targetLufs = c.targetLufs, .progress = [&](auto p) { fractions.push_back(p.fraction); }});
+    // A second pass, if one was needed, moves on from where the first stopped.
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+    EXPECT_EQ(fractions.back(), 1.0);
+
+    const PlanarAudio out = decodeAudio(output);
+    const double peak = oversampledPeakDb(out);
+    const double loudness = ebur128Integrated(out);
+    std::printf("[ ceiling] %s: true peak %+.2f dBTP (own %+.2f), %.2f LUFS (own %.2f), "
+                "limiter %.1f dB\n",
+                c.name, peak, report.outputTruePeak, loudness, report.outputIntegratedLoudness,
+                report.limiterGainReduction);
+    EXPECT_LE(peak, ceiling + truePeakOvershootDb);
+    EXPECT_NEAR(report.outputTruePeak, peak, 0.2);
+    EXPECT_NEAR(report.outputIntegratedLoudness, loudness, 0.2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    HighGain, CeilingTest,
+    ::testing::Values(CeilingCase{"SpeechM4a", [] { return speechLike(48000.0, 2, 20.0, 7); },
+                                  "a.m4a", "alac", -9.0},
+                      CeilingCase{"PinkNoiseM4a",
+                                  [] { return pinkNoise(48000.0, 2, 10.0, -30.0, 3); }, "a.m4a",
+                                  "alac", -9.0},
+                      CeilingCase{"BrightMusicM4a",
+                                  [] { return brightMusicLike(44100.0, 2, 10.0, 5); }, "a.m4a",
+                                  "alac", -9.0},
+                      CeilingCase{"SpeechWebmOpus", [] { return speechLike(48000.0, 2, 20.0, 7); },
+                                  "a.webm", "libopus", -9.0}),
+    byName);
+
+struct WarningCase {
+    const char* name;
+    PlanarAudio (*signal)();
+    double targetLufs;
+    double ceilingDb;
+    std::vector<const char*> warnings; // each a part of one warning, in order
+};
+
+class WarningTest : public ::testing::TestWithParam<WarningCase> {};
+
+TEST_P(WarningTest, ReportSaysWhatWentWrong) {
+    const TempDir dir;
+    const WarningCase& c = GetParam();
+    const LevelingReport report = level(floatWav(dir / "in.wav", c.signal()), dir / "out.wav",
+                                        {.targetLufs = c.targetLufs, .ceilingDb = c.ceilingDb});
+    ASSERT_EQ(report.warnings.size(), c.warnings.size())
+        << ::testing::PrintToString(report.warnings);
+    for (std::size_t i = 0; i < c.warnings.size(); ++i) {
+        EXPECT_THAT(report.warnings[i], ::testing::HasSubstr(c.warnings[i]));
+    }
+}
+
+const auto talk30 = [] { return speechLike(48000.0, 2, 30.0, 42); };
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, WarningTest,
+    ::testing::Values(WarningCase{"OnTarget", talk30, target, ceiling, {}},
+                      WarningCase{"Silence",
+                                  [] { return silence(48000.0, 2, 5.0); },
+                                  target,
+                                  ceiling,
+                                  {"no speech was found, only silence or noise"}},
+                      WarningCase{"SteadyNoise",
+                                  [] { return pinkNoise(48000.0, 2, 10.0, -30.0, 3); },
+                                  target,
+                                  ceiling,
+                                  {"no speech was found, only silence or noise"}},
+                      WarningCase{"CeilingHoldsItDown",
+                                  talk30,
+                                  -6.0,
+                                  -12.0,
+                                  // Limited 13 dB deep, the leveler's 4x
+                                  // estimate lets a tenth through.
+                                  {" LU quieter than the target of -6.0 LUFS",
+                                   " dBTP is above the ceiling of -12.0 dBTP"}}),
+    byName);
+
+TEST(LevelingEngineTest, TruePeakAboveTheCeilingIsWarned) {
+    LevelingReport report{.outputTruePeak = -0.9, .outputIntegratedLoudness = -16.9};
+    EXPECT_EQ(LevelingEngine::warnings(report, -16.0, -1.0, true),
+              std::vector<std::string>{
+                  "the output's true peak of -0.9 dBTP is above the ceiling of -1.0 dBTP"});
+    report.outputTruePeak = -0.96; // reads -1.0
+    report.outputIntegratedLoudness = -17.1;
+    EXPECT_EQ(
+        LevelingEngine::warnings(report, -16.0, -1.0, true),
+        std::vector<std::string>{"the output is 1.1 LU quieter than the target of -16.0 LUFS"});
+}
 
 // A steady tone gets one gain and no limiting: every output sample is the
 // source's times that gain, the limiter's latency removed.

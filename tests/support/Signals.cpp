@@ -282,6 +282,39 @@ PlanarAudio lowPassed(PlanarAudio audio, double cutoffHz, int halfTaps) {
     return audio;
 }
 
+PlanarAudio brightMusicLike(double sampleRate, int channels, double seconds, std::uint32_t seed) {
+    const std::size_t n = sampleCount(sampleRate, seconds);
+    PlanarAudio audio = withChannels(sampleRate, channels, n);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    const std::size_t chordLength = sampleCount(sampleRate, 0.5);
+    const std::size_t eighth = chordLength / 4;
+    const double roots[] = {110.0, 146.8, 130.8, 164.8};
+    std::vector<double> phases(4 * audio.channels.size(), 0.0);
+    for (std::size_t i = 0; i < n; ++i) {
+        const double root = roots[(i / chordLength) % 4];
+        const double notes[] = {root, root * 1.26, root * 1.5, root * 2.0};
+        const double beatTime = static_cast<double>(i % (2 * eighth)) / sampleRate;
+        const double hatTime = static_cast<double>(i % eighth) / sampleRate;
+        const double drum = std::exp(-beatTime * 25.0) *
+                            std::sin(2.0 * std::numbers::pi * 55.0 * beatTime * (1.0 + beatTime));
+        const double hat = std::exp(-hatTime * 60.0) * unit(rng);
+        for (std::size_t c = 0; c < audio.channels.size(); ++c) {
+            double saw = 0.0;
+            for (std::size_t k = 0; k < 4; ++k) {
+                double& phase = phases[c * 4 + k];
+                // Detuned a little per channel, as two instruments would be.
+                phase += notes[k] * (1.0 + 0.002 * static_cast<double>(c)) / sampleRate;
+                phase -= std::floor(phase);
+                saw += 2.0 * phase - 1.0;
+            }
+            const double mix = 0.25 * saw * (c % 2 == 0 ? 0.8 : 1.0) + 0.5 * drum + 0.3 * hat;
+            audio.channels[c][i] = static_cast<float>(0.12 * mix);
+        }
+    }
+    return audio;
+}
+
 PlanarAudio square(double sampleRate, int channels, double seconds, double frequencyHz,
                    double amplitude) {
     PlanarAudio audio = withChannels(sampleRate, channels, sampleCount(sampleRate, seconds));

@@ -58,6 +58,13 @@ PlanarAudio surround51(double sampleRate, double seconds, std::uint32_t seed);
 // 2 halfTaps + 1 taps, stopband 80 dB down), its delay removed.
 PlanarAudio lowPassed(PlanarAudio audio, double cutoffHz, int halfTaps = 127);
 
+// Something bright that measures like mixed music: chords of sawtooth notes
+// (rich in harmonics up to the top of the band) changing every half second,
+// with hi-hat-like bursts of white noise on every eighth note and a low drum
+// on every beat, at about -20 LUFS. Channels differ a little, as panned
+// instruments do.
+PlanarAudio brightMusicLike(double sampleRate, int channels, double seconds, std::uint32_t seed);
+
 // A square wave switching between +amplitude and -amplitude every half period.
 PlanarAudio square(double sampleRate, int channels, double seconds, double frequencyHz,
                    double amplitude);
