@@ -4,6 +4,7 @@
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
 #include "OutputFormat.h"
+#include "dsp/FrameAnalysis.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/Loudness.h"
@@ -103,6 +104,43 @@ private:
     std::vector<const float*> m_pointers;
 };
 
+// The limiter's deepest reduction per frame of the written audio. Its
+// output lags by its latency, which the written audio drops, so output
+// sample j of the limiter is sample j - latency of the file.
+class ReductionTrack {
+public:
+    ReductionTrack(std::int64_t frameLength, std::int64_t latency)
+        : m_frameLength(frameLength)
+        , m_position(-latency) {}
+
+    void add(std::span<const float> gains) {
+        for (const float g : gains) {
+            if (m_position >= 0) {
+                const auto frame = static_cast<std::size_t>(m_position / m_frameLength);
+                if (frame >= m_lowest.size()) {
+                    m_lowest.resize(frame + 1, 1.0f);
+                }
+                m_lowest[frame] = std::min(m_lowest[frame], g);
+            }
+            ++m_position;
+        }
+    }
+
+    // dB, 0 or more, one per frame of `frames`.
+    std::vector<float> decibels(std::size_t frames) const {
+        std::vector<float> out(frames, 0.0f);
+        for (std::size_t i = 0; i < std::min(frames, m_lowest.size()); ++i) {
+            out[i] = m_lowest[i] < 1.0f ? -20.0f * std::log10(m_lowest[i]) : 0.0f;
+        }
+        return out;
+    }
+
+private:
+    std::int64_t m_frameLength;
+    std::int64_t m_position;
+    std::vector<float> m_lowest; // linear gain
+};
+
 } // namespace
 
 std::string outputExtension(const std::filesystem::path& source) {
@@ -149,8 +187,16 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
             pass.advance(count);
         });
     }
-    const GainCurve curve = GainCurveBuilder::build(std::move(analyzer).analysis(), parameters,
-                                                    truePeakCeiling, limiterReleaseMs / 1000.0);
+    auto series = std::make_shared<LevelingSeries>();
+    series->frameSeconds = static_cast<double>(analyzer.frameLength()) / rate;
+    series->duration = asset.durationSeconds;
+    series->targetLoudness = parameters.targetLoudness;
+    const GainCurve curve = [&] {
+        const FrameAnalysis analysis = std::move(analyzer).analysis();
+        series->inputLoudness = Loudness::shortTerm(analysis.kPower);
+        return GainCurveBuilder::build(analysis, parameters, truePeakCeiling,
+                                       limiterReleaseMs / 1000.0);
+    }();
 
     // Writers. From here on every failure removes what was written.
     MediaWriter output(destination, existing, rule.container, rate, channels, encoding, asset,
@@ -158,6 +204,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     std::unique_ptr<MediaWriter> sidecar;
     TruePeakLimiter limiter(channels, rate, truePeakCeiling, limiterLookaheadMs, limiterReleaseMs);
     FrameAnalyzer outputAnalyzer(rate, channels);
+    ReductionTrack reduction(curve.frameLength, limiter.latency());
     try {
         if (!asset.videoTracks.empty() && audioSidecar) {
             sidecar = std::make_unique<MediaWriter>(
@@ -206,6 +253,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
             }
             position += count;
             limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
+            reduction.add(limiter.gains());
 
             // The limiter's first output is its own silence, not the source.
             const std::int64_t dropped = std::min(skip, count);
@@ -226,6 +274,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
             tailPointers.push_back(channel.data());
         }
         limiter.process(tailPointers, latency);
+        reduction.add(limiter.gains());
         write(tailPointers, 0, latency);
 
         // Both files complete before either takes a name, so a failure
@@ -277,6 +326,16 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         report.maxGain = *highest;
     }
     report.activeFraction = curve.activeFraction;
+
+    series->outputLoudness = Loudness::shortTerm(outputAnalyzer.kPower());
+    // The written audio has the source's length, so its frames line up with
+    // the plan's; a frame short at the end is left to the plan.
+    const std::size_t frames = series->inputLoudness.size();
+    series->outputLoudness.resize(frames, static_cast<float>(Loudness::loudnessOf(0.0)));
+    series->gain.assign(curve.gainDB.begin(), curve.gainDB.end());
+    series->limiterReduction = reduction.decibels(frames);
+    series->active = curve.active;
+    report.series = std::move(series);
     return report;
 }
 
@@ -350,6 +409,11 @@ Measurement measureSource(const std::filesystem::path& source, bool forceMono,
     m.duration = opened.asset.durationSeconds;
     m.sampleRate = rate;
     m.channels = channels;
+    auto series = std::make_shared<LevelingSeries>();
+    series->frameSeconds = static_cast<double>(analyzer.frameLength()) / rate;
+    series->duration = m.duration;
+    series->inputLoudness = Loudness::shortTerm(analyzer.kPower());
+    m.series = std::move(series);
     return m;
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,12 +42,13 @@ LevelingReport process(const std::filesystem::path& source,
 
 // The loudness figures of a file's mixed audio, from the analysis pass only.
 struct Measurement {
-    double integratedLoudness = 0.0; // LUFS
-    double truePeak = 0.0;           // dBTP, 4x oversampled estimate
-    double samplePeak = 0.0;         // dBFS
-    double duration = 0.0;           // seconds, of the source
-    double sampleRate = 0.0;         // Hz, of the mixed stream
-    std::int64_t channels = 0;       // of the mixed stream
+    double integratedLoudness = 0.0;              // LUFS
+    double truePeak = 0.0;                        // dBTP, 4x oversampled estimate
+    double samplePeak = 0.0;                      // dBFS
+    double duration = 0.0;                        // seconds, of the source
+    double sampleRate = 0.0;                      // Hz, of the mixed stream
+    std::int64_t channels = 0;                    // of the mixed stream
+    std::shared_ptr<const LevelingSeries> series; // the source's loudness only
 };
 
 // Reads the source once; progress runs 0 to 1 in the analyzing phase.
