@@ -9,9 +9,11 @@
 #include "media/OstrandError.h"
 #include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
+#include "plot/LoudnessPlot.h"
 
 #include <QByteArray>
 #include <QFile>
+#include <QGuiApplication>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -22,6 +24,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -29,6 +32,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -69,6 +73,57 @@ std::string errorText(const std::exception& error) {
 std::string elapsedText(Clock::time_point since) {
     return LevelingJob::format(std::chrono::duration<double>(Clock::now() - since).count())
         .toStdString();
+}
+
+// --- Pictures ----------------------------------------------------------------
+
+constexpr QSize plotSize{900, 360};
+
+// Text in a picture needs the font database, which comes with a
+// QGuiApplication; the offscreen platform draws without a display. Made
+// only when a picture is asked for, it lives as long as the process.
+bool readyToDraw() {
+    if (QCoreApplication::instance() == nullptr) {
+        static int argc = 3;
+        static char name[] = "ostrand-cli";
+        static char platformOption[] = "-platform";
+        static char platform[] = "offscreen";
+        static char* argv[] = {name, platformOption, platform, nullptr};
+        // The platform's start-up chatter ("XDG_RUNTIME_DIR not set") is no
+        // concern of the user's.
+        const QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext&, const QString& text) {
+                if (type == QtCriticalMsg || type == QtFatalMsg) {
+                    std::fprintf(stderr, "%s\n", qPrintable(text));
+                }
+            });
+        new QGuiApplication(argc, argv);
+        qInstallMessageHandler(previous);
+    }
+    return qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr;
+}
+
+// Where a file's picture goes: --plot as given, or in --plot-dir after
+// `name` (the output's, or for a measurement the source's).
+std::optional<fs::path> plotLocation(const CliOptions& options, const fs::path& name) {
+    if (options.plot) {
+        return options.plot;
+    }
+    if (options.plotDir) {
+        return *options.plotDir / (name.stem().string() + ".png");
+    }
+    return std::nullopt;
+}
+
+// Throws with the reason in words when the picture cannot be written.
+void drawPlot(const fs::path& path, const std::shared_ptr<const LevelingSeries>& series,
+              const fs::path& titleFile) {
+    QString error;
+    if (!LoudnessPlot::save(decoded(path), series, plotSize, LoudnessPlot::Theme::light,
+                            decoded(titleFile.filename()), &error)) {
+        throw std::runtime_error("cannot write the plot " + path.string() + ": " +
+                                 error.toStdString());
+    }
 }
 
 // --- Inputs ----------------------------------------------------------------
@@ -340,6 +395,10 @@ private:
             cancelCheck());
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
         m_console.ended(slot);
+        const std::optional<fs::path> plot = plotLocation(m_options, report.outputURL);
+        if (plot) {
+            drawPlot(*plot, report.series, report.outputURL);
+        }
         if (!m_options.quiet) {
             std::string notes;
             for (const std::string& note : report.notes) {
@@ -363,6 +422,9 @@ private:
             object["minGain"] = jsonNumber(report.minGain);
             object["maxGain"] = jsonNumber(report.maxGain);
             object["activeFraction"] = jsonNumber(report.activeFraction);
+            if (plot) {
+                object["plot"] = decoded(*plot);
+            }
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
@@ -370,6 +432,9 @@ private:
                                 ReportText::detailLine(report).toStdString() + '\n';
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
+            }
+            if (plot) {
+                lines += "  Plot: " + plot->string() + '\n';
             }
             m_console.report(lines);
         }
@@ -405,9 +470,16 @@ private:
             [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         m_console.ended(slot);
+        const std::optional<fs::path> plot = plotLocation(m_options, source);
+        if (plot) {
+            drawPlot(*plot, m.series, source);
+        }
         if (m_options.json) {
             QJsonObject object;
             object["source"] = decoded(source);
+            if (plot) {
+                object["plot"] = decoded(*plot);
+            }
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
             object["truePeak"] = jsonNumber(m.truePeak);
             object["samplePeak"] = jsonNumber(m.samplePeak);
@@ -479,14 +551,20 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     if (!options.quiet) {
         err << inputs.notes << std::flush;
     }
-    if (options.outputDir && !options.dryRun) {
-        std::error_code error;
-        fs::create_directories(*options.outputDir, error);
-        if (error) {
-            err << "ostrand-cli: cannot make the folder " << options.outputDir->string() << ": "
-                << error.message() << '\n';
-            return exitFailure;
+    for (const auto& folder : {options.outputDir, options.plotDir}) {
+        if (folder && !options.dryRun) {
+            std::error_code error;
+            fs::create_directories(*folder, error);
+            if (error) {
+                err << "ostrand-cli: cannot make the folder " << folder->string() << ": "
+                    << error.message() << '\n';
+                return exitFailure;
+            }
         }
+    }
+    if ((options.plot || options.plotDir) && !options.dryRun && !readyToDraw()) {
+        err << "ostrand-cli: cannot draw plots in this process\n";
+        return exitFailure;
     }
 
     CliConsole console(out, err, environment.progressBar && !options.quiet,

@@ -110,11 +110,13 @@ void LoudnessPlot::layOut() {
     }
     const double maxTicks = std::max(2.0, std::floor(m_gainLane.height() / (line * 1.4)));
     double step = gainStep;
-    while ((std::ceil(hi / step) - std::floor(lo / step)) > maxTicks && step < 60.0) {
+    while ((std::ceil((hi + 0.5) / step) - std::floor((lo - 0.5) / step)) > maxTicks &&
+           step < 60.0) {
         step += gainStep;
     }
-    m_gainTop = std::max(step, std::ceil(hi / step) * step);
-    m_gainBottom = std::min(-step, std::floor(lo / step) * step);
+    // Half a dB of room, so that a gain at its limit does not run along the edge.
+    m_gainTop = std::max(step, std::ceil((hi + 0.5) / step) * step);
+    m_gainBottom = std::min(-step, std::floor((lo - 0.5) / step) * step);
 
     m_pauseColumns.assign(static_cast<std::size_t>(m_columns), 0);
     const std::size_t n = s.active.size();
