@@ -68,6 +68,9 @@ public:
     // Writes the picture as shown; false after telling the user why not.
     bool exportTo(const QString& path);
 
+protected:
+    void changeEvent(QEvent* event) override;
+
 private:
     LoudnessPlotView* m_view;
     QLabel* m_readout;
