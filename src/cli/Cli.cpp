@@ -29,6 +29,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -81,26 +82,34 @@ constexpr QSize plotSize{900, 360};
 
 // Text in a picture needs the font database, which comes with a
 // QGuiApplication; the offscreen platform draws without a display. Made
-// only when a picture is asked for, it lives as long as the process.
-bool readyToDraw() {
-    if (QCoreApplication::instance() == nullptr) {
-        static int argc = 3;
-        static char name[] = "ostrand-cli";
-        static char platformOption[] = "-platform";
-        static char platform[] = "offscreen";
-        static char* argv[] = {name, platformOption, platform, nullptr};
-        // The platform's start-up chatter ("XDG_RUNTIME_DIR not set") is no
-        // concern of the user's.
-        const QtMessageHandler previous = qInstallMessageHandler(
-            [](QtMsgType type, const QMessageLogContext&, const QString& text) {
-                if (type == QtCriticalMsg || type == QtFatalMsg) {
-                    std::fprintf(stderr, "%s\n", qPrintable(text));
-                }
-            });
-        new QGuiApplication(argc, argv);
-        qInstallMessageHandler(previous);
+// only when a picture is asked for and none is there, for one run. Qt
+// keeps its arguments, and takes the platform's out of them, so they live
+// beside it.
+struct DrawingApplication {
+    int argc = 3;
+    char name[12] = "ostrand-cli";
+    char platformOption[10] = "-platform";
+    char platform[10] = "offscreen";
+    char* argv[4] = {name, platformOption, platform, nullptr};
+    std::optional<QGuiApplication> application;
+};
+
+std::unique_ptr<DrawingApplication> applicationToDraw() {
+    if (QCoreApplication::instance() != nullptr) {
+        return nullptr;
     }
-    return qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr;
+    auto drawing = std::make_unique<DrawingApplication>();
+    // The platform's start-up chatter ("XDG_RUNTIME_DIR not set") is no
+    // concern of the user's.
+    const QtMessageHandler previous =
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
+            if (type == QtCriticalMsg || type == QtFatalMsg) {
+                std::fprintf(stderr, "%s\n", qPrintable(text));
+            }
+        });
+    drawing->application.emplace(drawing->argc, drawing->argv);
+    qInstallMessageHandler(previous);
+    return drawing;
 }
 
 // Where a file's picture goes: --plot as given, or in --plot-dir after
@@ -562,9 +571,13 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
             }
         }
     }
-    if ((options.plot || options.plotDir) && !options.dryRun && !readyToDraw()) {
-        err << "ostrand-cli: cannot draw plots in this process\n";
-        return exitFailure;
+    std::unique_ptr<DrawingApplication> application;
+    if ((options.plot || options.plotDir) && !options.dryRun) {
+        application = applicationToDraw();
+        if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) == nullptr) {
+            err << "ostrand-cli: cannot draw plots in this process\n";
+            return exitFailure;
+        }
     }
 
     CliConsole console(out, err, environment.progressBar && !options.quiet,

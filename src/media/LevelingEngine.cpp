@@ -113,16 +113,27 @@ public:
         : m_frameLength(frameLength)
         , m_position(-latency) {}
 
+    // A frame's stretch at a time: no division per sample.
     void add(std::span<const float> gains) {
-        for (const float g : gains) {
-            if (m_position >= 0) {
-                const auto frame = static_cast<std::size_t>(m_position / m_frameLength);
-                if (frame >= m_lowest.size()) {
-                    m_lowest.resize(frame + 1, 1.0f);
-                }
-                m_lowest[frame] = std::min(m_lowest[frame], g);
+        std::size_t i = 0;
+        if (m_position < 0) {
+            const auto skipped = std::min(static_cast<std::size_t>(-m_position), gains.size());
+            i = skipped;
+            m_position += static_cast<std::int64_t>(skipped);
+        }
+        while (i < gains.size()) {
+            const auto frame = static_cast<std::size_t>(m_position / m_frameLength);
+            const auto n =
+                std::min(static_cast<std::size_t>(m_frameLength - m_position % m_frameLength),
+                         gains.size() - i);
+            const auto stretch = gains.subspan(i, n);
+            if (frame >= m_lowest.size()) {
+                m_lowest.resize(frame + 1, 1.0f);
             }
-            ++m_position;
+            m_lowest[frame] =
+                std::min(m_lowest[frame], *std::min_element(stretch.begin(), stretch.end()));
+            i += n;
+            m_position += static_cast<std::int64_t>(n);
         }
     }
 

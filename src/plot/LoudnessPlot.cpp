@@ -121,17 +121,25 @@ void LoudnessPlot::layOut() {
     m_pauseColumns.assign(static_cast<std::size_t>(m_columns), 0);
     const std::size_t n = s.active.size();
     for (int c = 0; c < m_columns && n > 0; ++c) {
-        const double t0 = secondsAt(m_loudnessLane.left() + c);
-        const double t1 = secondsAt(m_loudnessLane.left() + c + 1);
-        auto f0 = static_cast<std::size_t>(std::max(0.0, std::floor(t0 / s.frameSeconds)));
-        auto f1 = static_cast<std::size_t>(std::max(0.0, std::floor(t1 / s.frameSeconds)));
-        f0 = std::min(f0, n - 1);
-        f1 = std::clamp(f1, f0 + 1, n);
+        const auto [f0, f1] = framesOf(c, n);
         const auto inactive = std::count(s.active.begin() + static_cast<std::ptrdiff_t>(f0),
                                          s.active.begin() + static_cast<std::ptrdiff_t>(f1), 0);
         m_pauseColumns[static_cast<std::size_t>(c)] =
             static_cast<unsigned char>(2 * static_cast<std::size_t>(inactive) > f1 - f0);
     }
+}
+
+std::pair<std::size_t, std::size_t> LoudnessPlot::framesOf(int column, std::size_t n) const {
+    // At least one frame, so that columns between two frames of a short
+    // file hold the frame they lie in.
+    const double fs = m_series->frameSeconds;
+    const double t0 = secondsAt(m_loudnessLane.left() + column);
+    const double t1 = secondsAt(m_loudnessLane.left() + column + 1);
+    auto f0 = static_cast<std::size_t>(std::max(0.0, std::floor(t0 / fs)));
+    auto f1 = static_cast<std::size_t>(std::max(0.0, std::floor(t1 / fs)));
+    f0 = std::min(f0, n - 1);
+    f1 = std::clamp(f1, f0 + 1, n);
+    return {f0, f1};
 }
 
 LoudnessPlot::Envelope LoudnessPlot::envelope(const std::vector<float>& values) const {
@@ -140,16 +148,10 @@ LoudnessPlot::Envelope LoudnessPlot::envelope(const std::vector<float>& values) 
     if (n == 0) {
         return env;
     }
-    const double fs = m_series->frameSeconds;
     env.low.resize(static_cast<std::size_t>(m_columns));
     env.high.resize(static_cast<std::size_t>(m_columns));
     for (int c = 0; c < m_columns; ++c) {
-        const double t0 = secondsAt(m_loudnessLane.left() + c);
-        const double t1 = secondsAt(m_loudnessLane.left() + c + 1);
-        auto f0 = static_cast<std::size_t>(std::max(0.0, std::floor(t0 / fs)));
-        auto f1 = static_cast<std::size_t>(std::max(0.0, std::floor(t1 / fs)));
-        f0 = std::min(f0, n - 1);
-        f1 = std::clamp(f1, f0 + 1, n);
+        const auto [f0, f1] = framesOf(c, n);
         const auto [lo, hi] = std::minmax_element(values.begin() + static_cast<std::ptrdiff_t>(f0),
                                                   values.begin() + static_cast<std::ptrdiff_t>(f1));
         env.low[static_cast<std::size_t>(c)] = *lo;

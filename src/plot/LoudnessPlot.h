@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 class QPainter;
@@ -98,6 +99,8 @@ private:
         std::vector<float> high;
     };
     Envelope envelope(const std::vector<float>& values) const;
+    // The frames [first, last) of a series of n that pixel column `column` covers.
+    std::pair<std::size_t, std::size_t> framesOf(int column, std::size_t n) const;
     void layOut();
     void paintLegend(QPainter& painter) const;
     void paintTimeAxis(QPainter& painter, bool grid) const; // grid lines, or ticks and labels
