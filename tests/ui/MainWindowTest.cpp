@@ -354,9 +354,12 @@ private slots:
         QVERIFY(panel);
         panel->reject();
 
+        // Nothing of the series stays behind once the row goes.
         QPointer<LoudnessGraphWindow> watched(graph);
+        const std::weak_ptr<const LevelingSeries> series = job->report()->series;
         m_fixture->queue.remove(job);
         QTRY_VERIFY(!watched);
+        QTRY_VERIFY(series.expired());
     }
 
     void doubleClickOnAFinishedRowShowsItsGraph() {
