@@ -124,8 +124,10 @@ void LoudnessPlot::layOut() {
         const auto [f0, f1] = framesOf(c, n);
         const auto inactive = std::count(s.active.begin() + static_cast<std::ptrdiff_t>(f0),
                                          s.active.begin() + static_cast<std::ptrdiff_t>(f1), 0);
-        m_pauseColumns[static_cast<std::size_t>(c)] =
-            static_cast<unsigned char>(2 * static_cast<std::size_t>(inactive) > f1 - f0);
+        // Quarters of pause: where short pauses crowd a column, it is
+        // shaded as much as they fill it.
+        m_pauseColumns[static_cast<std::size_t>(c)] = static_cast<unsigned char>(
+            std::lround(4.0 * static_cast<double>(inactive) / static_cast<double>(f1 - f0)));
     }
 }
 
@@ -243,18 +245,19 @@ void LoudnessPlot::paintPauses(QPainter& painter) const {
     }
     const auto columns = static_cast<int>(m_pauseColumns.size());
     for (int c = 0; c < columns;) {
-        if (m_pauseColumns[static_cast<std::size_t>(c)] == 0) {
-            ++c;
-            continue;
-        }
-        int end = c;
-        while (end < columns && m_pauseColumns[static_cast<std::size_t>(end)] != 0) {
+        const unsigned char quarters = m_pauseColumns[static_cast<std::size_t>(c)];
+        int end = c + 1;
+        while (end < columns && m_pauseColumns[static_cast<std::size_t>(end)] == quarters) {
             ++end;
         }
-        const double x0 = m_loudnessLane.left() + c;
-        const double x1 = std::min(m_loudnessLane.left() + end, m_loudnessLane.right());
-        for (const QRectF& lane : {m_loudnessLane, m_gainLane}) {
-            painter.fillRect(QRectF(x0, lane.top(), x1 - x0, lane.height()), m_colors.pause);
+        if (quarters > 0) {
+            const double x0 = m_loudnessLane.left() + c;
+            const double x1 = std::min(m_loudnessLane.left() + end, m_loudnessLane.right());
+            QColor shade = m_colors.pause;
+            shade.setAlphaF(shade.alphaF() * static_cast<float>(quarters) / 4.0f);
+            for (const QRectF& lane : {m_loudnessLane, m_gainLane}) {
+                painter.fillRect(QRectF(x0, lane.top(), x1 - x0, lane.height()), shade);
+            }
         }
         c = end;
     }

@@ -127,7 +127,7 @@ private:
     Envelope m_output;
     Envelope m_gain;
     Envelope m_limiter;
-    std::vector<unsigned char> m_pauseColumns;
+    std::vector<unsigned char> m_pauseColumns; // quarters of each column in pauses, 0 ... 4
 };
 
 } // namespace ostrand
