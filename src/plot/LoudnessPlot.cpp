@@ -53,7 +53,6 @@ LoudnessPlot::LoudnessPlot(std::shared_ptr<const LevelingSeries> series, QSizeF 
                            QString title, QFont font)
     : m_series(series ? std::move(series) : std::make_shared<const LevelingSeries>())
     , m_size(size)
-    , m_theme(theme)
     , m_colors(colors(theme))
     , m_title(std::move(title))
     , m_font(std::move(font)) {
@@ -114,6 +113,7 @@ void LoudnessPlot::layOut() {
            step < 60.0) {
         step += gainStep;
     }
+    m_gainTickStep = step;
     // Half a dB of room, so that a gain at its limit does not run along the edge.
     m_gainTop = std::max(step, std::ceil((hi + 0.5) / step) * step);
     m_gainBottom = std::min(-step, std::floor((lo - 0.5) / step) * step);
@@ -310,7 +310,6 @@ void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
         lane.height() / ((loudnessTop - loudnessBottom) / loudnessStep) < metrics.height() * 1.2
             ? 2.0 * loudnessStep
             : loudnessStep;
-    painter.setPen(QPen(m_colors.grid, 1.0));
     for (double v = loudnessBottom; v <= loudnessTop + 1e-9; v += step) {
         const double y = std::round(yForLoudness(v)) + 0.5;
         painter.setPen(QPen(m_colors.grid, 1.0));
@@ -376,12 +375,7 @@ void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
 void LoudnessPlot::paintGainLane(QPainter& painter) const {
     const QRectF& lane = m_gainLane;
     const QFontMetricsF metrics(m_font);
-    const double maxTicks = std::max(2.0, std::floor(lane.height() / (metrics.height() * 1.4)));
-    double step = gainStep;
-    while ((m_gainTop - m_gainBottom) / step > maxTicks && step < 60.0) {
-        step += gainStep;
-    }
-    for (double v = m_gainBottom; v <= m_gainTop + 1e-9; v += step) {
+    for (double v = m_gainBottom; v <= m_gainTop + 1e-9; v += m_gainTickStep) {
         const double y = std::round(yForGain(v)) + 0.5;
         painter.setPen(QPen(v == 0.0 ? m_colors.axis : m_colors.grid, 1.0));
         painter.drawLine(QPointF(lane.left(), y), QPointF(lane.right(), y));

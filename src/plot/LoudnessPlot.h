@@ -113,7 +113,6 @@ private:
 
     std::shared_ptr<const LevelingSeries> m_series;
     QSizeF m_size;
-    Theme m_theme;
     Colors m_colors;
     QString m_title;
     QFont m_font;
@@ -122,6 +121,7 @@ private:
     QRectF m_gainLane;
     double m_gainTop = gainStep;
     double m_gainBottom = -gainStep;
+    double m_gainTickStep = gainStep;
     int m_columns = 0;
     Envelope m_input;
     Envelope m_output;
