@@ -9,9 +9,11 @@
 #include "media/OstrandError.h"
 #include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
+#include "plot/LoudnessPlot.h"
 
 #include <QByteArray>
 #include <QFile>
+#include <QGuiApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -23,13 +25,16 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -70,6 +75,65 @@ std::string errorText(const std::exception& error) {
 std::string elapsedText(Clock::time_point since) {
     return LevelingJob::format(std::chrono::duration<double>(Clock::now() - since).count())
         .toStdString();
+}
+
+// --- Pictures ----------------------------------------------------------------
+
+constexpr QSize plotSize{900, 360};
+
+// Text in a picture needs the font database, which comes with a
+// QGuiApplication; the offscreen platform draws without a display. Made
+// only when a picture is asked for and none is there, for one run. Qt
+// keeps its arguments, and takes the platform's out of them, so they live
+// beside it.
+struct DrawingApplication {
+    int argc = 3;
+    char name[12] = "ostrand-cli";
+    char platformOption[10] = "-platform";
+    char platform[10] = "offscreen";
+    char* argv[4] = {name, platformOption, platform, nullptr};
+    std::optional<QGuiApplication> application;
+};
+
+std::unique_ptr<DrawingApplication> applicationToDraw() {
+    if (QCoreApplication::instance() != nullptr) {
+        return nullptr;
+    }
+    auto drawing = std::make_unique<DrawingApplication>();
+    // The platform's start-up chatter ("XDG_RUNTIME_DIR not set") is no
+    // concern of the user's.
+    const QtMessageHandler previous =
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
+            if (type == QtCriticalMsg || type == QtFatalMsg) {
+                std::fprintf(stderr, "%s\n", qPrintable(text));
+            }
+        });
+    drawing->application.emplace(drawing->argc, drawing->argv);
+    qInstallMessageHandler(previous);
+    return drawing;
+}
+
+// Where a file's picture goes: --plot as given, or in --plot-dir after
+// `name` (the output's, or for a measurement the source's).
+std::optional<fs::path> plotLocation(const CliOptions& options, const fs::path& name) {
+    if (options.plot) {
+        return options.plot;
+    }
+    if (options.plotDir) {
+        return *options.plotDir / (name.stem().string() + ".png");
+    }
+    return std::nullopt;
+}
+
+// Throws with the reason in words when the picture cannot be written.
+void drawPlot(const fs::path& path, const std::shared_ptr<const LevelingSeries>& series,
+              const fs::path& titleFile) {
+    QString error;
+    if (!LoudnessPlot::save(decoded(path), series, plotSize, LoudnessPlot::Theme::light,
+                            decoded(titleFile.filename()), &error)) {
+        throw std::runtime_error("cannot write the plot " + path.string() + ": " +
+                                 error.toStdString());
+    }
 }
 
 // --- Inputs ----------------------------------------------------------------
@@ -341,6 +405,10 @@ private:
             cancelCheck());
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
         m_console.ended(slot);
+        const std::optional<fs::path> plot = plotLocation(m_options, report.outputURL);
+        if (plot) {
+            drawPlot(*plot, report.series, report.outputURL);
+        }
         if (!m_options.quiet) {
             std::string notes;
             for (const std::string& note : report.notes) {
@@ -374,6 +442,9 @@ private:
                 warnings.append(QString::fromStdString(warning));
             }
             object["warnings"] = warnings;
+            if (plot) {
+                object["plot"] = decoded(*plot);
+            }
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
@@ -386,6 +457,9 @@ private:
             lines += measured;
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
+            }
+            if (plot) {
+                lines += "  Plot: " + plot->string() + '\n';
             }
             m_console.report(lines);
         }
@@ -420,9 +494,16 @@ private:
             source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         m_console.ended(slot);
+        const std::optional<fs::path> plot = plotLocation(m_options, source);
+        if (plot) {
+            drawPlot(*plot, m.series, source);
+        }
         if (m_options.json) {
             QJsonObject object;
             object["source"] = decoded(source);
+            if (plot) {
+                object["plot"] = decoded(*plot);
+            }
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
             object["truePeak"] = jsonNumber(m.truePeak);
             object["samplePeak"] = jsonNumber(m.samplePeak);
@@ -542,12 +623,22 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     if (!options.quiet) {
         err << inputs.notes << std::flush;
     }
-    if (options.outputDir && !options.dryRun) {
-        std::error_code error;
-        fs::create_directories(*options.outputDir, error);
-        if (error) {
-            err << "ostrand-cli: cannot make the folder " << options.outputDir->string() << ": "
-                << error.message() << '\n';
+    for (const auto& folder : {options.outputDir, options.plotDir}) {
+        if (folder && !options.dryRun) {
+            std::error_code error;
+            fs::create_directories(*folder, error);
+            if (error) {
+                err << "ostrand-cli: cannot make the folder " << folder->string() << ": "
+                    << error.message() << '\n';
+                return exitFailure;
+            }
+        }
+    }
+    std::unique_ptr<DrawingApplication> application;
+    if ((options.plot || options.plotDir) && !options.dryRun) {
+        application = applicationToDraw();
+        if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) == nullptr) {
+            err << "ostrand-cli: cannot draw plots in this process\n";
             return exitFailure;
         }
     }

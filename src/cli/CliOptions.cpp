@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 namespace ostrand {
 
@@ -76,6 +77,11 @@ never replaced without --force.
                        new one (or, with --output, instead of failing)
   --skip-existing      skip a file whose output name is already taken
   -n, --dry-run        print what would be written, write nothing
+  --plot FILE          also draw the loudness of input and output over time,
+                       the gain, the limiter and the pauses: a PNG or SVG
+                       picture by FILE's extension (one input only)
+  --plot-dir DIR       draw a PNG picture of each file into DIR (made if
+                       missing), named after its output: "NAME leveled.png"
   -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
                        "ostrand-cli help"
 )";
@@ -89,6 +95,10 @@ peak (dBTP), sample peak (dBFS), loudness range (LU), maximum momentary and
 short-term loudness (LUFS), with the duration, rate and layout. A file with
 several audio tracks gets these for each track and for their mix.
 
+  --plot FILE          also draw the short-term loudness over time: a PNG or
+                       SVG picture by FILE's extension (one input only)
+  --plot-dir DIR       draw a PNG picture of each file into DIR (made if
+                       missing), named after the file: "NAME.png"
   -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
                        "ostrand-cli help"
 )";
@@ -164,6 +174,7 @@ constexpr OptionSpec specs[] = {
     {nullptr, "noise-aware", nullptr, true},
     {nullptr, "wav-sidecar", nullptr, true}, {"o", "output", "FILE", true},
     {nullptr, "output-dir", "DIR", true},   {nullptr, "json", nullptr, false},
+    {nullptr, "plot", "FILE", false},       {nullptr, "plot-dir", "DIR", false},
     {"j", "jobs", "N", false},              {"r", "recursive", nullptr, false},
     {nullptr, "input-list", "FILE", false}, {"0", nullptr, nullptr, false},
     {nullptr, "include-leveled", nullptr, false}, {"f", "force", nullptr, true},
@@ -319,6 +330,12 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         o.outputDir = fs::path(*text);
     }
     o.json = set("json");
+    if (const auto text = value("plot")) {
+        o.plot = fs::path(*text);
+    }
+    if (const auto text = value("plot-dir")) {
+        o.plotDir = fs::path(*text);
+    }
     o.jobs = defaultJobs;
     if (const auto text = value("jobs")) {
         o.jobs = static_cast<int>(number("--jobs", *text, 1, maxJobs));
@@ -369,9 +386,26 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         (o.inputs.size() != 1 || o.inputList || o.recursive || o.inputs.front() == "-")) {
         throw UsageError{"--output takes exactly one input file"};
     }
+    if (o.plot && o.plotDir) {
+        throw UsageError{"--plot and --plot-dir exclude each other"};
+    }
+    if (o.plot && (o.inputs.size() != 1 || o.inputList || o.recursive || o.inputs.front() == "-")) {
+        throw UsageError{"--plot takes exactly one input file (--plot-dir takes many)"};
+    }
+    if (o.plot) {
+        std::string extension = o.plot->extension().string();
+        std::transform(extension.begin(), extension.end(), extension.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (extension != ".png" && extension != ".svg") {
+            throw UsageError{"--plot must end in .png or .svg"};
+        }
+    }
     std::error_code error;
-    if (o.outputDir && fs::exists(*o.outputDir, error) && !fs::is_directory(*o.outputDir, error)) {
-        throw UsageError{"--output-dir: " + o.outputDir->string() + " is not a folder"};
+    for (const auto& [name, folder] :
+         {std::pair{"--output-dir", o.outputDir}, std::pair{"--plot-dir", o.plotDir}}) {
+        if (folder && fs::exists(*folder, error) && !fs::is_directory(*folder, error)) {
+            throw UsageError{std::string(name) + ": " + folder->string() + " is not a folder"};
+        }
     }
     return o;
 }

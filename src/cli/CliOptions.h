@@ -32,6 +32,8 @@ struct CliOptions {
     std::optional<std::filesystem::path> output;
     std::optional<std::filesystem::path> outputDir;
     bool json = false;
+    std::optional<std::filesystem::path> plot;    // the picture of the one input
+    std::optional<std::filesystem::path> plotDir; // a picture per input
 
     int jobs = 1;
     bool recursive = false;

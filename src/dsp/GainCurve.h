@@ -13,6 +13,7 @@ struct GainCurve {
     double inputLoudness = 0.0;           // LUFS
     double predictedOutputLoudness = 0.0; // LUFS, last prediction of the planner
     double activeFraction = 0.0;          // share of frames judged active, 0 ... 1
+    std::vector<unsigned char> active;    // per frame, 1 where the plan found speech
 };
 
 // Per-sample gains (linear) for absolute input samples position ... position +

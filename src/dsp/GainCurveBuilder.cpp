@@ -293,6 +293,10 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
         }
     }
     curve.activeFraction = static_cast<double>(activeCount) / static_cast<double>(n);
+    curve.active.resize(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        curve.active[i] = static_cast<unsigned char>(den[i] != 0.0);
+    }
 
     // Level of the active frames nearby; pauses are bridged, not tracked.
     const std::vector<double> numS = gaussianFilter(num, p.trackingSigma * framesPerSecond);

@@ -84,3 +84,30 @@ double integrated(std::span<const double> kPower) {
 }
 
 } // namespace ostrand::Loudness
+
+namespace ostrand::Loudness {
+
+std::vector<float> shortTerm(std::span<const double> kPower) {
+    const std::size_t n = kPower.size();
+    constexpr auto window = static_cast<std::size_t>(shortTermFrames);
+    std::vector<float> out(n);
+    double sum = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        // A fresh sum once per window, so that a loud passage leaves no
+        // rounding residue in the silence after it.
+        if (i % window == 0 && i >= window) {
+            sum = 0.0;
+            for (std::size_t k = i + 1 - window; k < i; ++k) {
+                sum += kPower[k];
+            }
+        } else if (i >= window) {
+            sum -= kPower[i - window];
+        }
+        sum += kPower[i];
+        const std::size_t count = std::min(i + 1, window);
+        out[i] = static_cast<float>(loudnessOf(std::max(sum, 0.0) / static_cast<double>(count)));
+    }
+    return out;
+}
+
+} // namespace ostrand::Loudness

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace ostrand::Loudness {
 
@@ -12,6 +13,7 @@ inline constexpr double absoluteGateLufs = -70.0;
 inline constexpr double relativeGateLu = -10.0;
 inline constexpr double powerFloor = 1e-20; // silence reads -200.691, never -inf
 inline constexpr double offsetDb = -0.691;
+inline constexpr std::int64_t shortTermFrames = 300; // 3 s
 
 // Loudness in LUFS of a K-weighted power relative to full scale squared.
 double loudnessOf(double power) noexcept;
@@ -20,5 +22,9 @@ double loudnessOf(double power) noexcept;
 // summed). Fewer than 40 frames give the ungated mean; no frames give
 // loudnessOf(0). Pure; any thread.
 double integrated(std::span<const double> kPower);
+
+// Short-term loudness in LUFS at each frame: the mean power of the 3 s ending
+// with it, or of all frames so far during the first 3 s. Pure; any thread.
+std::vector<float> shortTerm(std::span<const double> kPower);
 
 } // namespace ostrand::Loudness

@@ -269,6 +269,10 @@ void LoudnessMeter::endSlice() {
             m_momentary.push_back(power);
         }
     }
+    if (m_keepsSeries) {
+        m_series.push_back(static_cast<float>(
+            Loudness::loudnessOf(windowPower(std::min(completed, shortTermSlices)))));
+    }
     if (completed >= shortTermSlices) {
         const double power = windowPower(shortTermSlices);
         m_maxShortTerm = std::max(m_maxShortTerm, power);

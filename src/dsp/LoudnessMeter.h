@@ -48,6 +48,12 @@ public:
     // The figures of everything appended so far.
     LoudnessFigures figures() const;
 
+    // From now on keeps the short-term loudness (LUFS, silence -200.7) at the
+    // end of every 10 ms slice, over the slices so far in the first 3 s: a
+    // curve to draw.
+    void keepShortTermSeries() { m_keepsSeries = true; }
+    const std::vector<float>& shortTermSeries() const noexcept { return m_series; }
+
     std::int64_t channels() const noexcept { return static_cast<std::int64_t>(m_weights.size()); }
     double sampleRate() const noexcept { return m_sampleRate; }
 
@@ -87,6 +93,8 @@ private:
     double m_maxMomentary = 0.0;     // powers, every 10 ms
     double m_maxShortTerm = 0.0;
     OversampledPeak m_truePeak; // and the sample peak
+    bool m_keepsSeries = false;
+    std::vector<float> m_series;
 };
 
 } // namespace ostrand

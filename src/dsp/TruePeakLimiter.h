@@ -48,6 +48,9 @@ public:
 
     // Deepest reduction applied so far, dB (0 or more).
     double maxGainReduction() const noexcept;
+    // The linear gains (1 or less) the last process() applied, one per
+    // sample it returned; empty before the first call.
+    std::span<const float> gains() const noexcept { return m_gain; }
     // Highest estimated true peak of the input so far, linear.
     float inputTruePeak() const noexcept { return m_meter.truePeak(); }
 

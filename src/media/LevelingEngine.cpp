@@ -4,6 +4,7 @@
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
 #include "OutputFormat.h"
+#include "dsp/FrameAnalysis.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/Loudness.h"
@@ -112,6 +113,54 @@ std::string tenths(double value) {
     return text;
 }
 
+// The limiter's deepest reduction per frame of the written audio. Its
+// output lags by its latency, which the written audio drops, so output
+// sample j of the limiter is sample j - latency of the file.
+class ReductionTrack {
+public:
+    ReductionTrack(std::int64_t frameLength, std::int64_t latency)
+        : m_frameLength(frameLength)
+        , m_position(-latency) {}
+
+    // A frame's stretch at a time: no division per sample.
+    void add(std::span<const float> gains) {
+        std::size_t i = 0;
+        if (m_position < 0) {
+            const auto skipped = std::min(static_cast<std::size_t>(-m_position), gains.size());
+            i = skipped;
+            m_position += static_cast<std::int64_t>(skipped);
+        }
+        while (i < gains.size()) {
+            const auto frame = static_cast<std::size_t>(m_position / m_frameLength);
+            const auto n =
+                std::min(static_cast<std::size_t>(m_frameLength - m_position % m_frameLength),
+                         gains.size() - i);
+            const auto stretch = gains.subspan(i, n);
+            if (frame >= m_lowest.size()) {
+                m_lowest.resize(frame + 1, 1.0f);
+            }
+            m_lowest[frame] =
+                std::min(m_lowest[frame], *std::min_element(stretch.begin(), stretch.end()));
+            i += n;
+            m_position += static_cast<std::int64_t>(n);
+        }
+    }
+
+    // dB, 0 or more, one per frame of `frames`.
+    std::vector<float> decibels(std::size_t frames) const {
+        std::vector<float> out(frames, 0.0f);
+        for (std::size_t i = 0; i < std::min(frames, m_lowest.size()); ++i) {
+            out[i] = m_lowest[i] < 1.0f ? -20.0f * std::log10(m_lowest[i]) : 0.0f;
+        }
+        return out;
+    }
+
+private:
+    std::int64_t m_frameLength;
+    std::int64_t m_position;
+    std::vector<float> m_lowest; // linear gain
+};
+
 } // namespace
 
 std::vector<std::string> warnings(const LevelingReport& report, double targetLoudness,
@@ -176,6 +225,8 @@ struct Attempt {
     std::unique_ptr<MediaWriter> sidecar;
     double ownLoudness = 0.0; // the leveler's own figure
     double limiterGainReduction = 0.0;
+    std::vector<float> outputLoudness;   // short-term, per frame
+    std::vector<float> limiterReduction; // dB, per frame
 };
 
 // The plan is made for a limiter at `ceiling`; `trimDb` then lowers the gains
@@ -210,6 +261,7 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
     MediaWriter* sidecar = attempt.sidecar.get();
     TruePeakLimiter limiter(channels, rate, limiterCeiling, limiterLookaheadMs, limiterReleaseMs);
     FrameAnalyzer outputAnalyzer(rate, channels);
+    ReductionTrack reduction(curve.frameLength, limiter.latency());
 
     const auto timeScale = static_cast<std::int32_t>(rate);
     std::int64_t position = 0;
@@ -250,6 +302,7 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
         }
         position += count;
         limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
+        reduction.add(limiter.gains());
 
         // The limiter's first output is its own silence, not the source.
         const std::int64_t dropped = std::min(skip, count);
@@ -270,6 +323,7 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
         tailPointers.push_back(channel.data());
     }
     limiter.process(tailPointers, latency);
+    reduction.add(limiter.gains());
     write(tailPointers, 0, latency);
 
     output.complete();
@@ -278,6 +332,12 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
     }
     attempt.ownLoudness = Loudness::integrated(outputAnalyzer.kPower());
     attempt.limiterGainReduction = limiter.maxGainReduction();
+    // The written audio has the source's length, so its frames line up with
+    // the plan's; a frame short at the end is left to the plan.
+    const std::size_t frames = analysis.kPower.size();
+    attempt.outputLoudness = Loudness::shortTerm(outputAnalyzer.kPower());
+    attempt.outputLoudness.resize(frames, static_cast<float>(Loudness::loudnessOf(0.0)));
+    attempt.limiterReduction = reduction.decibels(frames);
     return attempt;
 }
 
@@ -337,6 +397,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
             pass.advance(count);
         });
     }
+    const double frameSeconds = static_cast<double>(analyzer.frameLength()) / rate;
     const FrameAnalysis analysis = std::move(analyzer).analysis();
 
     // A lossy codec adds peaks of its own above the limiter's: the limiter
@@ -382,6 +443,17 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     report.outputIntegratedLoudness = measured.integratedLoudness;
     report.warnings =
         warnings(report, parameters.targetLoudness, truePeakCeiling, hasSpeech(analysis, curve));
+
+    auto series = std::make_shared<LevelingSeries>();
+    series->frameSeconds = frameSeconds;
+    series->duration = asset.durationSeconds;
+    series->targetLoudness = parameters.targetLoudness;
+    series->inputLoudness = Loudness::shortTerm(analysis.kPower);
+    series->outputLoudness = std::move(attempt.outputLoudness);
+    series->gain.assign(curve.gainDB.begin(), curve.gainDB.end());
+    series->limiterReduction = std::move(attempt.limiterReduction);
+    series->active = curve.active;
+    report.series = std::move(series);
     return report;
 }
 
@@ -413,17 +485,24 @@ LevelingReport process(const std::filesystem::path& source,
 
 namespace {
 
-// Meters one programme (a track, or the mix of several) in one read.
+// Meters one programme (a track, or the mix of several) in one read;
+// `series`, when given, receives its short-term loudness every 10 ms.
 LoudnessFigures meterPass(const MediaAsset& asset, const SourceAudioFormat& format,
                           const std::vector<MediaAsset::AudioTrack>& tracks, PassProgress& pass,
-                          const CancelCheck& isCancelled) {
+                          const CancelCheck& isCancelled, LevelingSeries* series = nullptr) {
     LoudnessMeter meter(format.sampleRate, channelWeights(format.channelMask, format.channels));
+    if (series) {
+        meter.keepShortTermSeries();
+    }
     MixedAudioReader reader(asset, format, tracks, isCancelled);
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
         meter.append(std::span<const float* const>(planar.data(), planar.size()), count);
         pass.advance(count);
     });
+    if (series) {
+        series->inputLoudness = meter.shortTermSeries();
+    }
     return meter.figures();
 }
 
@@ -477,7 +556,11 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
         start += share;
     }
     PassProgress pass(progress, LevelingPhase::analyzing, expected(mix.sampleRate), start, share);
-    const LoudnessFigures figures = meterPass(asset, mix, asset.audioTracks, pass, isCancelled);
+    auto series = std::make_shared<LevelingSeries>();
+    series->duration = asset.durationSeconds;
+    const LoudnessFigures figures =
+        meterPass(asset, mix, asset.audioTracks, pass, isCancelled, series.get());
+    m.series = std::move(series);
     if (!severalTracks) {
         m.tracks.push_back({asset.audioTracks.front().streamIndex, mixLayout, mix.channels,
                             mix.sampleRate, figures});

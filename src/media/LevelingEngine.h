@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -83,6 +84,7 @@ struct Measurement {
     std::int64_t channels = 0;       // of the mix
     std::string layout;              // of the mix
     std::vector<ProgrammeMeasurement> tracks;
+    std::shared_ptr<const LevelingSeries> series; // the mix's short-term loudness
 };
 
 // Reads the source once per track, and once more for the mix of several;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,24 @@ struct LevelingProgress {
     double fraction = 0.0;
 
     friend bool operator==(const LevelingProgress&, const LevelingProgress&) = default;
+};
+
+// What happened to a file over time, one value per analysis frame (about
+// 100 a second), for drawing it. Floats keep a three-hour file near 20 MB.
+struct LevelingSeries {
+    double frameSeconds = 0.01; // length of one frame
+    double duration = 0.0;      // seconds, of the source
+    // Short-term (3 s) loudness of the source, LUFS.
+    std::vector<float> inputLoudness;
+    // The rest only for a leveled file; empty for a measurement.
+    std::vector<float> outputLoudness;    // short-term loudness of the written audio, LUFS
+    std::vector<float> gain;              // the planned gain, dB
+    std::vector<float> limiterReduction;  // deepest reduction of the limiter, dB (0 or more)
+    std::vector<unsigned char> active;    // 1 where the plan found speech, 0 in pauses
+    std::optional<double> targetLoudness; // LUFS
+
+    bool isLeveled() const noexcept { return !gain.empty(); }
+    std::size_t frames() const noexcept { return inputLoudness.size(); }
 };
 
 // The result of leveling one file.
@@ -42,6 +61,8 @@ struct LevelingReport {
     // What of the source the output could not keep (subtitles, cover art,
     // chapters ...), one plain sentence each; empty when everything was kept.
     std::vector<std::string> notes = {};
+    // Shared, so that copies of a report stay cheap; null when not drawn.
+    std::shared_ptr<const LevelingSeries> series = {};
 
     friend bool operator==(const LevelingReport&, const LevelingReport&) = default;
 };

@@ -141,11 +141,25 @@ void JobList::addRows(int first, int last) {
         const QModelIndex index = m_model.index(row);
         auto* widget = new JobRow(m_queue, *m_model.jobAt(index), m_revealer);
         m_view->setIndexWidget(index, widget);
+        // The row covers its item, so the view never sees a double-click on it.
+        widget->installEventFilter(this);
         const QPersistentModelIndex persistent(index);
         connect(widget, &JobRow::layoutChanged, delegate,
                 [delegate, persistent] { delegate->rowChanged(persistent); });
         delegate->rowChanged(index);
     }
+}
+
+bool JobList::eventFilter(QObject* watched, QEvent* event) {
+    if (event->type() == QEvent::MouseButtonDblClick) {
+        auto* row = qobject_cast<QWidget*>(watched);
+        const QPoint at = m_view->viewport()->mapFromGlobal(row->mapToGlobal(QPoint(0, 0)));
+        if (LevelingJob* job = m_model.jobAt(m_view->indexAt(at))) {
+            emit jobActivated(job);
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 void JobList::deleteSelected() {

@@ -32,6 +32,11 @@ public:
 signals:
     // A context menu was asked for over this job, at a global position.
     void contextMenuRequested(ostrand::LevelingJob* job, const QPoint& globalPosition);
+    // A job's row was double-clicked.
+    void jobActivated(ostrand::LevelingJob* job);
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void addRows(int first, int last);

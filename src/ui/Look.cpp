@@ -52,6 +52,10 @@ QColor color(Tone tone) {
     return {};
 }
 
+bool isDark(const QPalette& palette) {
+    return palette.color(QPalette::Active, QPalette::Window).lightness() < 128;
+}
+
 void style(QWidget* widget, Text textStyle, Tone tone, QFont::Weight weight) {
     widget->setFont(font(textStyle, weight));
     QPalette palette = widget->palette();

@@ -3,6 +3,7 @@
 #include <QColor>
 #include <QFont>
 #include <QIcon>
+#include <QPalette>
 #include <QString>
 
 class QWidget;
@@ -17,6 +18,9 @@ enum class Tone { primary, secondary, tertiary, failure };
 // The application font scaled for the style, at the given weight.
 QFont font(Text style, QFont::Weight weight = QFont::Normal);
 QColor color(Tone tone);
+// True for a dark desktop: its window colour is darker than mid-grey (the
+// palette follows the desktop's colour scheme).
+bool isDark(const QPalette& palette);
 // Sets the widget's font and its text colour (WindowText and Text).
 void style(QWidget* widget, Text style, Tone tone = Tone::primary,
            QFont::Weight weight = QFont::Normal);

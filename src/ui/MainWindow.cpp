@@ -4,6 +4,7 @@
 #include "DropHighlight.h"
 #include "JobList.h"
 #include "Look.h"
+#include "LoudnessGraphWindow.h"
 #include "WelcomePanel.h"
 #include "app/FilePaths.h"
 #include "app/FileRevealer.h"
@@ -15,6 +16,7 @@
 #include <QDesktopServices>
 #include <QDragEnterEvent>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
@@ -90,6 +92,8 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
                 menu->setAttribute(Qt::WA_DeleteOnClose);
                 menu->popup(at);
             });
+    connect(m_jobList, &JobList::jobActivated, this,
+            [this](LevelingJob* job) { showLoudnessGraph(*job); });
     connect(m_model, &QAbstractItemModel::rowsInserted, this, &MainWindow::showContent);
     connect(m_model, &QAbstractItemModel::rowsRemoved, this, &MainWindow::showContent);
     showContent();
@@ -182,6 +186,15 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         const QUrl output = outputs.first();
         connect(menu->addAction(QStringLiteral("Open")), &QAction::triggered, this,
                 [output] { QDesktopServices::openUrl(output); });
+        if (report->series) {
+            QPointer<LevelingJob> shown(&job);
+            connect(menu->addAction(QStringLiteral("Show Loudness Graph")), &QAction::triggered,
+                    this, [this, shown] {
+                        if (shown) {
+                            showLoudnessGraph(*shown);
+                        }
+                    });
+        }
         menu->addSeparator();
     }
     const QString title =
@@ -194,6 +207,26 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         }
     });
     return menu;
+}
+
+LoudnessGraphWindow* MainWindow::showLoudnessGraph(LevelingJob& job) {
+    const auto& report = job.report();
+    if (job.state().kind != JobState::Kind::finished || !report || !report->series) {
+        return nullptr;
+    }
+    QPointer<LoudnessGraphWindow>& window = m_graphs[&job];
+    if (!window) {
+        const QFileInfo output(FilePaths::toUrl(report->outputURL).toLocalFile());
+        window = new LoudnessGraphWindow(report->series, output.fileName(), output.path(), this);
+        // The series goes with the job's row.
+        connect(&job, &QObject::destroyed, window, &QWidget::close);
+        connect(&job, &QObject::destroyed, this, [this, key = &job] { m_graphs.remove(key); });
+        window->resize(window->sizeHint());
+    }
+    window->show();
+    window->raise();
+    window->activateWindow();
+    return window;
 }
 
 void MainWindow::reveal(const QList<QUrl>& files) {

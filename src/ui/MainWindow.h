@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QHash>
 #include <QList>
 #include <QMainWindow>
+#include <QPointer>
 #include <QUrl>
 
 class QAction;
@@ -17,6 +19,7 @@ class JobList;
 class JobListModel;
 class JobQueue;
 class LevelingJob;
+class LoudnessGraphWindow;
 class WelcomePanel;
 
 // The main window: the welcome panel while the queue is empty, the job list
@@ -38,6 +41,9 @@ public:
     // The context menu of a job's row, built for its state of the moment;
     // the caller owns it.
     QMenu* contextMenu(LevelingJob& job, QWidget* parent = nullptr);
+    // The loudness graph of a finished job, one window per job, closed with
+    // the job's row; nothing for a job without one.
+    LoudnessGraphWindow* showLoudnessGraph(LevelingJob& job);
 
     JobList* jobList() const { return m_jobList; }
     WelcomePanel* welcomePanel() const { return m_welcome; }
@@ -73,6 +79,7 @@ private:
     QAction* m_openAction;
     QAction* m_clearAction;
     QAction* m_checkAction = nullptr;
+    QHash<const LevelingJob*, QPointer<LoudnessGraphWindow>> m_graphs;
 };
 
 } // namespace ostrand

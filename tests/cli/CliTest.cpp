@@ -247,6 +247,42 @@ TEST(CliTest, MeasureReportsEachTrackAndTheirMix) {
     EXPECT_NE(text.out.find("  track 2 (stereo): "), std::string::npos) << text.out;
 }
 
+TEST(CliTest, DrawsAPictureBesideEachFile) {
+    const test::TempDir dir;
+    const fs::path a = test::noiseFile(dir / "talk.wav", 48000, "stereo", 2.0, -30.0);
+    const fs::path b = test::sineFile(dir / "tone.wav", 44100, "mono", 1.0);
+    // --plot-dir is made when missing; pictures follow the outputs' names.
+    const CliRun level =
+        run({"level", "--json", "--plot-dir", (dir / "plots").string(), a.string(), b.string()});
+    ASSERT_EQ(level.status, exitSuccess) << level.err;
+    for (const char* name : {"talk leveled.png", "tone leveled.png"}) {
+        EXPECT_EQ(fileBytes(dir / "plots" / name).substr(1, 3), "PNG") << name;
+    }
+    for (const QJsonObject& o : jsonLines(level.out)) {
+        EXPECT_TRUE(o["plot"].toString().endsWith(" leveled.png"))
+            << o["plot"].toString().toStdString();
+    }
+    // Nothing but the tones' warnings and the summary: the drawing's
+    // platform keeps quiet.
+    std::istringstream lines(level.err);
+    std::string others;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(": warning: ") == std::string::npos) {
+            others += line + '\n';
+        }
+    }
+    EXPECT_EQ(others.rfind("ostrand-cli: 2 leveled", 0), 0u) << level.err;
+
+    const CliRun measure = run({"measure", "--plot", (dir / "talk.svg").string(), a.string()});
+    ASSERT_EQ(measure.status, exitSuccess) << measure.err;
+    EXPECT_NE(fileBytes(dir / "talk.svg").find("<svg"), std::string::npos);
+
+    const CliRun nowhere =
+        run({"measure", "--plot", (dir / "missing" / "talk.png").string(), a.string()});
+    EXPECT_EQ(nowhere.status, exitFailure);
+    EXPECT_NE(nowhere.err.find("cannot write the plot"), std::string::npos) << nowhere.err;
+}
+
 TEST(CliTest, InterruptStopsAndLeavesNothing) {
     const test::TempDir dir;
     const fs::path source = test::noiseFile(dir / "talk.wav", 48000, "stereo", 10.0);
@@ -285,7 +321,12 @@ INSTANTIATE_TEST_SUITE_P(
         Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"}, "exactly one input"},
         Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
         Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"},
-        Usage{"measureNoiseAware", {"measure", "--noise-aware", "a.wav"}, "no --noise-aware"}),
+        Usage{"measureNoiseAware", {"measure", "--noise-aware", "a.wav"}, "no --noise-aware"},
+        Usage{"plotTwice", {"level", "--plot", "x.png", "a.wav", "b.wav"}, "exactly one input"},
+        Usage{"plotNotAPicture", {"measure", "--plot", "x.jpg", "a.wav"}, "end in .png or .svg"},
+        Usage{"plotAndPlotDir",
+              {"level", "--plot", "x.svg", "--plot-dir", "p", "a.wav"},
+              "exclude each other"}),
     [](const auto& p) { return std::string(p.param.name); });
 
 TEST(CliTest, HelpAndVersion) {

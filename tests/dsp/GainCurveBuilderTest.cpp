@@ -126,6 +126,13 @@ TEST(GainCurveBuild, LevelsPhrasesAndBridgesPauses) {
     EXPECT_LT(curve.gainDB[1000], curve.gainDB[300] + 0.5);
     EXPECT_GT(curve.gainDB[1000], curve.gainDB[1700] - 0.5);
     EXPECT_LT(curve.activeFraction, 0.75);
+    // The per-frame activity is what the fraction counts: the pause is out.
+    ASSERT_EQ(curve.active.size(), curve.gainDB.size());
+    EXPECT_DOUBLE_EQ(std::count(curve.active.begin(), curve.active.end(), 1) /
+                         static_cast<double>(curve.active.size()),
+                     curve.activeFraction);
+    EXPECT_EQ(curve.active[300], 1);
+    EXPECT_EQ(curve.active[1000], 0);
 }
 
 TEST(GainRamp, LinearInAmplitudeAndIndependentOfBlocks) {

@@ -45,6 +45,20 @@ TEST(Loudness, ShortSeriesAreUngatedLongSilenceIsTheGate) {
     EXPECT_DOUBLE_EQ(Loudness::integrated(std::vector<double>(40, 1.0)), -0.691);
 }
 
+TEST(Loudness, ShortTermIsTheMeanOfTheLastThreeSeconds) {
+    std::vector<double> frames(150, powerOf(-20.0)); // 1.5 s, shorter than the window
+    frames.resize(450, powerOf(-30.0));
+    frames.resize(1200, 0.0);
+    const std::vector<float> st = Loudness::shortTerm(frames);
+    ASSERT_EQ(st.size(), frames.size());
+    EXPECT_NEAR(st[0], -20.0, 1e-4);
+    EXPECT_NEAR(st[149], -20.0, 1e-4);
+    EXPECT_NEAR(st[299], Loudness::loudnessOf((powerOf(-20.0) + powerOf(-30.0)) / 2.0), 1e-4);
+    EXPECT_NEAR(st[449], -30.0, 1e-4);
+    // Silence after sound reads as silence, not as a rounding residue.
+    EXPECT_NEAR(st[1199], -200.691, 1e-3);
+}
+
 TEST(Loudness, BlockExactlyAtTheAbsoluteGateFails) {
     double p = powerOf(-70.0);
     while (Loudness::loudnessOf(p) > -70.0) {

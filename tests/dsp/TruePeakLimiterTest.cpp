@@ -105,10 +105,19 @@ TEST(TruePeakLimiter, GainPathMatchesANaiveModel) {
         naiveGains(peaks, limiter.ceiling(), 40, limiter.releaseCoeff());
 
     test::PlanarAudio output = input;
-    processInBlocks(limiter, output, 333);
+    // Block by block, so that gains() can be checked against the model too.
+    std::vector<float> reported;
+    for (std::int64_t at = 0; at < output.frames(); at += 333) {
+        const std::int64_t n = std::min<std::int64_t>(333, output.frames() - at);
+        float* pointer = output.channels[0].data() + at;
+        limiter.process(std::span<float* const>(&pointer, 1), n);
+        ASSERT_EQ(limiter.gains().size(), static_cast<std::size_t>(n));
+        reported.insert(reported.end(), limiter.gains().begin(), limiter.gains().end());
+    }
     const auto delay = static_cast<std::size_t>(limiter.latency());
     for (std::size_t i = delay; i < x.size(); ++i) {
         const float expected = x[i - delay] * gains[i];
+        ASSERT_NEAR(reported[i], gains[i], 1e-6f) << i;
         if (std::fabs(expected) < limiter.ceiling() * 0.999f) {
             ASSERT_NEAR(output.channels[0][i], expected, 1e-6f * std::fabs(expected)) << i;
         }

@@ -63,6 +63,31 @@ LevelingReport level(const fs::path& source, const fs::path& destination, const 
                                    o.forceMono, o.sidecar, o.progress, o.cancelled);
 }
 
+// The series for the plot tell the report's story frame by frame.
+void expectSeriesAgree(const LevelingReport& report, double targetLufs) {
+    ASSERT_TRUE(report.series);
+    const LevelingSeries& s = *report.series;
+    const std::size_t n = s.frames();
+    EXPECT_NEAR(static_cast<double>(n) * s.frameSeconds, report.duration, 0.011);
+    for (const auto size :
+         {s.outputLoudness.size(), s.gain.size(), s.limiterReduction.size(), s.active.size()}) {
+        EXPECT_EQ(size, n);
+    }
+    EXPECT_EQ(s.targetLoudness, targetLufs);
+    const auto [lowGain, highGain] = std::minmax_element(s.gain.begin(), s.gain.end());
+    EXPECT_NEAR(*lowGain, report.minGain, 1e-4);
+    EXPECT_NEAR(*highGain, report.maxGain, 1e-4);
+    EXPECT_NEAR(*std::max_element(s.limiterReduction.begin(), s.limiterReduction.end()),
+                report.limiterGainReduction, 0.01);
+    EXPECT_NEAR(static_cast<double>(std::count(s.active.begin(), s.active.end(), 1)) /
+                    static_cast<double>(n),
+                report.activeFraction, 1e-9);
+    // Leveled speech sits near the target once 3 s of it are in the window.
+    std::vector<float> settled(s.outputLoudness.begin() + 300, s.outputLoudness.end());
+    std::sort(settled.begin(), settled.end());
+    EXPECT_NEAR(settled[settled.size() / 2], targetLufs, 2.0);
+}
+
 struct LoudnessCase {
     const char* name;
     bool withVideo; // then AAC in MP4, else a 24-bit WAV
@@ -98,6 +123,7 @@ TEST_P(LoudnessTest, HitsTheTargetUnderTheCeilingWithSteadyProgress) {
     }
     EXPECT_GE(report.limiterGainReduction, c.minLimitingDb);
     EXPECT_LT(report.minGain, report.maxGain) << "one gain for phrases at different levels";
+    expectSeriesAgree(report, c.targetLufs);
 
     EXPECT_GT(seen.size(), 50u);
     EXPECT_LE(seen.size(), 410u) << "too many reports for a user interface";

@@ -36,7 +36,7 @@ LIST
 diff -u "$dir/expected" "$dir/files" || fail "the package's files differ from the list"
 
 depends=$(dpkg-deb -f "$deb" Depends)
-for library in libc6 libqt6widgets6 libqt6network6 libavformat libsodium23; do
+for library in libc6 libqt6widgets6 libqt6network6 libqt6svg6 libavformat libsodium23; do
     echo "$depends" | grep -q "$library" || fail "Depends lacks $library: $depends"
 done
 

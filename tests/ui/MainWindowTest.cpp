@@ -5,17 +5,22 @@
 #include "ui/ElidedLabel.h"
 #include "ui/JobList.h"
 #include "ui/JobRow.h"
+#include "ui/LoudnessGraphWindow.h"
 #include "ui/WelcomePanel.h"
 
 #include <QAction>
 #include <QClipboard>
 #include <QDragEnterEvent>
+#include <QFileDialog>
 #include <QLabel>
 #include <QListView>
 #include <QMenu>
+#include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
+#include <QPushButton>
 #include <QStackedWidget>
+#include <QTemporaryDir>
 #include <QToolButton>
 #include <QtTest>
 
@@ -277,7 +282,8 @@ private slots:
         QTest::addColumn<QStringList>("items");
         const QStringList cancel{"Cancel"};
         const QStringList remove{"Remove"};
-        const QStringList finished{"Show in File Manager", "Open", "--", "Remove"};
+        const QStringList finished{"Show in File Manager", "Open", "Show Loudness Graph", "--",
+                                   "Remove"};
         QTest::newRow("running") << 0 << cancel;
         QTest::newRow("waiting") << 1 << cancel;
         QTest::newRow("finished") << 2 << finished;
@@ -305,6 +311,66 @@ private slots:
             m_fixture->revealer.revealed,
             (QList<QList<QUrl>>{{QueueFixture::file(QStringLiteral("interview leveled.mov")),
                                  QueueFixture::file(QStringLiteral("interview leveled.wav"))}}));
+    }
+
+    void loudnessGraphShowsReadsOutExportsAndGoesWithTheRow() {
+        fillWithEveryState(m_fixture->queue);
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        LevelingJob* job = m_fixture->queue.jobs().at(2);
+        std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
+        menu->actions().at(2)->trigger();
+        auto* graph = m_window->findChild<LoudnessGraphWindow*>();
+        QVERIFY(graph);
+        QVERIFY(QTest::qWaitForWindowExposed(graph));
+        QVERIFY(graph->windowTitle().contains(QStringLiteral("talk leveled.m4a")));
+        // The same window again, not a second one.
+        QCOMPARE(m_window->showLoudnessGraph(*job), graph);
+
+        // Over the second half of the talk, in the pause.
+        LoudnessPlotView* view = graph->view();
+        const QPoint at(static_cast<int>(view->plot().xFor(110.0)), view->height() / 2);
+        QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton, {}, {});
+        QApplication::sendEvent(view, &move);
+        QTRY_VERIFY2(graph->readout()->text().startsWith(QStringLiteral("0:01:4")),
+                     qPrintable(graph->readout()->text()));
+        QVERIFY2(graph->readout()->text().contains(
+                     QStringLiteral("input \u221220.0 LUFS \u00b7 output \u221214.0 LUFS \u00b7 "
+                                    "gain +6.0 dB \u00b7 limiter 0.0 dB \u00b7 pause")),
+                 qPrintable(graph->readout()->text()));
+
+        const QTemporaryDir dir;
+        for (const char* name : {"graph.png", "graph.svg"}) {
+            const QString path = dir.filePath(QLatin1String(name));
+            QVERIFY(graph->exportTo(path));
+            QVERIFY(QFileInfo(path).size() > 1000);
+        }
+        QCOMPARE(QImage(dir.filePath(QStringLiteral("graph.png"))).size(), view->size());
+        QVERIFY(!graph->exportTo(dir.filePath(QStringLiteral("missing/graph.png"))));
+        QTRY_VERIFY(graph->findChild<QMessageBox*>(QStringLiteral("exportError")));
+
+        // Export… opens the save panel over the graph.
+        graph->exportButton()->click();
+        auto* panel = graph->findChild<QFileDialog*>(QStringLiteral("exportPanel"));
+        QVERIFY(panel);
+        panel->reject();
+
+        // Nothing of the series stays behind once the row goes.
+        QPointer<LoudnessGraphWindow> watched(graph);
+        const std::weak_ptr<const LevelingSeries> series = job->report()->series;
+        m_fixture->queue.remove(job);
+        QTRY_VERIFY(!watched);
+        QTRY_VERIFY(series.expired());
+    }
+
+    void doubleClickOnAFinishedRowShowsItsGraph() {
+        fillWithEveryState(m_fixture->queue);
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        JobRow* running = m_window->jobList()->rowAt(0);
+        QTest::mouseDClick(running, Qt::LeftButton, {}, running->rect().center());
+        QVERIFY(!m_window->findChild<LoudnessGraphWindow*>());
+        JobRow* finished = m_window->jobList()->rowAt(3);
+        QTest::mouseDClick(finished, Qt::LeftButton, {}, finished->rect().center());
+        QTRY_VERIFY(m_window->findChild<LoudnessGraphWindow*>());
     }
 
     void deleteCancelsOrRemovesTheSelectedJob() {

@@ -1,9 +1,11 @@
 // Renders the windows in each of their states to PNG files for looking at:
 // ostrand_screenshots OUTPUT_FOLDER. Meant to run under Xvfb.
 #include "UiTestSupport.h"
+#include "media/LevelingEngine.h"
 #include "ui/AppUpdater.h"
 #include "ui/DropHighlight.h"
 #include "ui/JobList.h"
+#include "ui/LoudnessGraphWindow.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
 #include "ui/UpdateDialogs.h"
@@ -12,7 +14,9 @@
 #include <QDialog>
 #include <QListView>
 #include <QMenu>
+#include <QMouseEvent>
 #include <QScreen>
+#include <QTemporaryDir>
 #include <QThread>
 
 using namespace ostrand;
@@ -46,6 +50,37 @@ class ReadyUpdater : public AppUpdater {
 public:
     ReadyUpdater() { setCanCheckForUpdates(true); }
 };
+
+// The example recording leveled, or made-up data when it is not at hand
+// (the script runs from the top of the source tree).
+std::shared_ptr<const LevelingSeries> exampleSeries() {
+    const QString source = QStringLiteral("examples/speech.wav");
+    const QTemporaryDir dir;
+    if (QFile::exists(source) && dir.isValid()) {
+        try {
+            return LevelingEngine::process(source.toStdString(),
+                                           dir.filePath(QStringLiteral("out.wav")).toStdString(),
+                                           OutputNaming::ExistingFile::replace,
+                                           LevelingParameters{}, -1.0, false, std::nullopt, {}, {})
+                .series;
+        } catch (const std::exception& error) {
+            qWarning("examples/speech.wav: %s", error.what());
+        }
+    }
+    return talkSeries(205.0);
+}
+
+QPalette darkPalette() {
+    QPalette p;
+    p.setColor(QPalette::Window, QColor(0x2b, 0x2d, 0x31));
+    p.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
+    p.setColor(QPalette::Base, QColor(0x1e, 0x1f, 0x22));
+    p.setColor(QPalette::Text, QColor(0xe6, 0xe6, 0xe6));
+    p.setColor(QPalette::Button, QColor(0x3a, 0x3c, 0x41));
+    p.setColor(QPalette::ButtonText, QColor(0xe6, 0xe6, 0xe6));
+    p.setColor(QPalette::PlaceholderText, QColor(0xa0, 0xa4, 0xab));
+    return p;
+}
 
 } // namespace
 
@@ -99,6 +134,28 @@ int main(int argc, char** argv) {
             saveScreen(area, name);
             menu->hide();
         }
+    }
+
+    {
+        // The graph of the example, pointed at, in the light and dark colours.
+        const QPalette light = QApplication::palette();
+        LoudnessGraphWindow graph(exampleSeries(), QStringLiteral("speech leveled.wav"),
+                                  QDir::tempPath());
+        graph.resize(900, 420);
+        graph.show();
+        settle();
+        for (const auto& [palette, name] :
+             {std::pair{light, QStringLiteral("loudness-graph")},
+              std::pair{darkPalette(), QStringLiteral("loudness-graph-dark")}}) {
+            QApplication::setPalette(palette);
+            settle();
+            LoudnessPlotView* view = graph.view();
+            const QPointF at(view->plot().xFor(6.2), view->height() / 2.0);
+            QMouseEvent move(QEvent::MouseMove, at, view->mapToGlobal(at), Qt::NoButton, {}, {});
+            QApplication::sendEvent(view, &move);
+            save(graph, name);
+        }
+        QApplication::setPalette(light);
     }
 
     for (SaveMode mode : allSaveModes) {

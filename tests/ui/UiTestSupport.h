@@ -2,6 +2,7 @@
 
 #include "app/AppTestSupport.h"
 #include "app/JobQueue.h"
+#include "support/SeriesFixtures.h"
 
 #include <QDir>
 
@@ -53,6 +54,7 @@ inline LevelingReport sampleReport(const QString& output, const QString& sidecar
     report.limiterGainReduction = 1.4;
     report.minGain = -3.2;
     report.maxGain = 6.5;
+    report.series = talkSeries(report.duration);
     return report;
 }
 
