@@ -11,16 +11,7 @@ double loudnessOf(double power) noexcept {
     return 10.0 * std::log10(std::max(power, powerFloor)) + offsetDb;
 }
 
-namespace {
-
-// Mean power of the blocks whose loudness is strictly above `gate`, summed in
-// block order; the count is zero when none passes.
-struct GatedMean {
-    double mean = 0.0;
-    std::size_t count = 0;
-};
-
-GatedMean gatedMean(const std::vector<double>& blockPowers, double gate) {
+GatedMean gatedMean(std::span<const double> blockPowers, double gate) {
     double sum = 0.0;
     std::size_t count = 0;
     for (const double p : blockPowers) {
@@ -31,8 +22,6 @@ GatedMean gatedMean(const std::vector<double>& blockPowers, double gate) {
     }
     return {count > 0 ? sum / static_cast<double>(count) : 0.0, count};
 }
-
-} // namespace
 
 double integrated(std::span<const double> kPower) {
     const std::size_t n = kPower.size();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -17,6 +18,14 @@ inline constexpr std::int64_t shortTermFrames = 300; // 3 s
 
 // Loudness in LUFS of a K-weighted power relative to full scale squared.
 double loudnessOf(double power) noexcept;
+
+// Mean power of the blocks whose loudness is strictly above `gate` LUFS,
+// summed in block order; the count is zero when none passes.
+struct GatedMean {
+    double mean = 0.0;
+    std::size_t count = 0;
+};
+GatedMean gatedMean(std::span<const double> blockPowers, double gate);
 
 // Gated integrated loudness in LUFS of per-frame K-weighted powers (channels
 // summed). Fewer than 40 frames give the ungated mean; no frames give

@@ -24,17 +24,8 @@ double decibels(double amplitude) {
     return amplitude > 0.0 ? 20.0 * std::log10(amplitude) : minusInfinity;
 }
 
-// Mean power of the blocks louder than `gate` LUFS; 0 when none is.
 double gatedMean(const std::vector<double>& powers, double gate) {
-    double sum = 0.0;
-    std::size_t count = 0;
-    for (const double p : powers) {
-        if (loudness(p) > gate) {
-            sum += p;
-            ++count;
-        }
-    }
-    return count > 0 ? sum / static_cast<double>(count) : 0.0;
+    return Loudness::gatedMean(powers, gate).mean;
 }
 
 double integratedOf(const std::vector<double>& powers) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 
 namespace ostrand {
 
@@ -303,6 +304,35 @@ void LoudnessPlot::paintCurve(QPainter& painter, const std::vector<float>& value
     painter.restore();
 }
 
+// Grid lines labelled left of the lane, from `bottom` to `top`, and the
+// unit turned along the axis. A gain scale signs its labels and marks 0 dB
+// with the axis colour.
+void LoudnessPlot::paintScale(QPainter& painter, const QRectF& lane, double bottom, double top,
+                              double step, const std::function<double(double)>& yFor, bool gains,
+                              const QString& unit) const {
+    const QFontMetricsF metrics(m_font);
+    for (double v = bottom; v <= top + 1e-9; v += step) {
+        const double y = std::round(yFor(v)) + 0.5;
+        painter.setPen(QPen(gains && v == 0.0 ? m_colors.axis : m_colors.grid, 1.0));
+        painter.drawLine(QPointF(lane.left(), y), QPointF(lane.right(), y));
+        painter.setPen(m_colors.text);
+        const QString label = v < 0            ? QStringLiteral("\u2212%1").arg(-v)
+                              : gains && v > 0 ? QStringLiteral("+%1").arg(v)
+                                               : QString::number(v);
+        painter.drawText(
+            QRectF(lane.left() - 60.0 - 6.0, y - metrics.height() / 2.0, 60.0, metrics.height()),
+            Qt::AlignRight | Qt::AlignVCenter, label);
+    }
+    painter.save();
+    painter.translate(metrics.height() / 2.0 + 3.0, lane.center().y());
+    painter.rotate(-90.0);
+    painter.setPen(m_colors.text);
+    painter.drawText(
+        QRectF(-lane.height() / 2.0, -metrics.height() / 2.0, lane.height(), metrics.height()),
+        Qt::AlignCenter, unit);
+    painter.restore();
+}
+
 void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
     const QRectF& lane = m_loudnessLane;
     const QFontMetricsF metrics(m_font);
@@ -310,25 +340,9 @@ void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
         lane.height() / ((loudnessTop - loudnessBottom) / loudnessStep) < metrics.height() * 1.2
             ? 2.0 * loudnessStep
             : loudnessStep;
-    for (double v = loudnessBottom; v <= loudnessTop + 1e-9; v += step) {
-        const double y = std::round(yForLoudness(v)) + 0.5;
-        painter.setPen(QPen(m_colors.grid, 1.0));
-        painter.drawLine(QPointF(lane.left(), y), QPointF(lane.right(), y));
-        painter.setPen(m_colors.text);
-        const QString label = v < 0 ? QStringLiteral("\u2212%1").arg(-v) : QString::number(v);
-        painter.drawText(
-            QRectF(lane.left() - 60.0 - 6.0, y - metrics.height() / 2.0, 60.0, metrics.height()),
-            Qt::AlignRight | Qt::AlignVCenter, label);
-    }
-    // The unit, turned along the axis.
-    painter.save();
-    painter.translate(metrics.height() / 2.0 + 3.0, lane.center().y());
-    painter.rotate(-90.0);
-    painter.setPen(m_colors.text);
-    painter.drawText(
-        QRectF(-lane.height() / 2.0, -metrics.height() / 2.0, lane.height(), metrics.height()),
-        Qt::AlignCenter, QStringLiteral("LUFS"));
-    painter.restore();
+    paintScale(
+        painter, lane, loudnessBottom, loudnessTop, step,
+        [this](double v) { return yForLoudness(v); }, false, QStringLiteral("LUFS"));
 
     const LevelingSeries& s = *m_series;
     // The source as a soft area with its outline, the output over it; alone,
@@ -375,26 +389,9 @@ void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
 void LoudnessPlot::paintGainLane(QPainter& painter) const {
     const QRectF& lane = m_gainLane;
     const QFontMetricsF metrics(m_font);
-    for (double v = m_gainBottom; v <= m_gainTop + 1e-9; v += m_gainTickStep) {
-        const double y = std::round(yForGain(v)) + 0.5;
-        painter.setPen(QPen(v == 0.0 ? m_colors.axis : m_colors.grid, 1.0));
-        painter.drawLine(QPointF(lane.left(), y), QPointF(lane.right(), y));
-        painter.setPen(m_colors.text);
-        const QString label = v < 0   ? QStringLiteral("\u2212%1").arg(-v)
-                              : v > 0 ? QStringLiteral("+%1").arg(v)
-                                      : QStringLiteral("0");
-        painter.drawText(
-            QRectF(lane.left() - 60.0 - 6.0, y - metrics.height() / 2.0, 60.0, metrics.height()),
-            Qt::AlignRight | Qt::AlignVCenter, label);
-    }
-    painter.save();
-    painter.translate(metrics.height() / 2.0 + 3.0, lane.center().y());
-    painter.rotate(-90.0);
-    painter.setPen(m_colors.text);
-    painter.drawText(
-        QRectF(-lane.height() / 2.0, -metrics.height() / 2.0, lane.height(), metrics.height()),
-        Qt::AlignCenter, QStringLiteral("dB"));
-    painter.restore();
+    paintScale(
+        painter, lane, m_gainBottom, m_gainTop, m_gainTickStep,
+        [this](double v) { return yForGain(v); }, true, QStringLiteral("dB"));
 
     // The limiter's reduction hangs from 0 dB, as deep as it went.
     if (!m_limiter.high.empty()) {

@@ -8,6 +8,7 @@
 #include <QSizeF>
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -104,6 +105,9 @@ private:
     void layOut();
     void paintLegend(QPainter& painter) const;
     void paintTimeAxis(QPainter& painter, bool grid) const; // grid lines, or ticks and labels
+    void paintScale(QPainter& painter, const QRectF& lane, double bottom, double top, double step,
+                    const std::function<double(double)>& yFor, bool gains,
+                    const QString& unit) const;
     void paintLoudnessLane(QPainter& painter) const;
     void paintGainLane(QPainter& painter) const;
     void paintPauses(QPainter& painter) const;
