@@ -7,6 +7,7 @@
 #include <QStringList>
 
 #include <cmath>
+#include <vector>
 
 namespace ostrand::ReportText {
 
@@ -29,8 +30,10 @@ QString detailLine(const LevelingReport& report) {
 
 QString notesText(const LevelingReport& report) {
     QStringList lines;
-    for (const std::string& note : report.notes) {
-        QString line = QString::fromStdString(note);
+    std::vector<std::string> sentences = report.notes;
+    sentences.insert(sentences.end(), report.warnings.begin(), report.warnings.end());
+    for (const std::string& sentence : sentences) {
+        QString line = QString::fromStdString(sentence);
         if (!line.isEmpty()) {
             line[0] = line[0].toUpper();
         }

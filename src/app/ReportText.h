@@ -21,8 +21,9 @@ QString detailLine(const LevelingReport& report);
 // one: the job row's second line.
 QString detail(const LevelingReport& report);
 
-// What the output could not keep, one sentence a line ("The subtitles
-// (hdmv_pgs_subtitle) cannot be kept in MP4."); empty when it kept everything.
+// What the output could not keep and where the result falls short, one
+// sentence a line ("The subtitles (hdmv_pgs_subtitle) cannot be kept in
+// MP4.", "No speech was found, only silence or noise."); empty when neither.
 QString notesText(const LevelingReport& report);
 
 } // namespace ostrand::ReportText

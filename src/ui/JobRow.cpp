@@ -128,8 +128,9 @@ void JobRow::refresh() {
     const bool showDetail = kind == Kind::finished && report.has_value();
     m_detail->setVisible(showDetail);
     m_detail->setFullText(showDetail ? ReportText::detail(*report) : QString());
-    if (showDetail && !report->notes.empty()) {
-        // What the output could not keep is said once, beside the figures.
+    if (showDetail && !(report->notes.empty() && report->warnings.empty())) {
+        // What the output could not keep, and any warning, is said once,
+        // beside the figures.
         m_detail->setFullText(
             ReportText::detail(*report) + QStringLiteral(" \u00b7 ") +
             ReportText::notesText(*report).replace(QLatin1Char('\n'), QLatin1Char(' ')));

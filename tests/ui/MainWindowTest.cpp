@@ -183,7 +183,9 @@ private slots:
             << 3 << "folder-open"
             << "Show in File Manager" << false
             << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
-                              "leveled.mov + interview leveled.wav");
+                              "leveled.mov + interview leveled.wav \u00b7 The data (tmcd) cannot "
+                              "be kept in QuickTime. The output is 1.4 LU quieter than the "
+                              "target of -16.0 LUFS.");
         QTest::newRow("failed") << 4 << "edit-delete"
                                 << "Remove" << false << QString();
         QTest::newRow("cancelled") << 5 << "edit-delete"

@@ -77,8 +77,11 @@ inline void fillWithEveryState(JobQueue& queue) {
     }
     jobs[2]->setReport(sampleReport(QStringLiteral("talk leveled.m4a")));
     jobs[2]->setState(JobState::finished());
-    jobs[3]->setReport(sampleReport(QStringLiteral("interview leveled.mov"),
-                                    QStringLiteral("interview leveled.wav")));
+    LevelingReport withNotes = sampleReport(QStringLiteral("interview leveled.mov"),
+                                            QStringLiteral("interview leveled.wav"));
+    withNotes.notes = {"the data (tmcd) cannot be kept in QuickTime"};
+    withNotes.warnings = {"the output is 1.4 LU quieter than the target of -16.0 LUFS"};
+    jobs[3]->setReport(withNotes);
     jobs[3]->setState(JobState::finished());
     jobs[4]->setState(JobState::failed(QStringLiteral(
         "The file could not be read: the container ends before its index.\nThe audio track "
