@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -39,6 +40,8 @@ struct RiseCase {
     double afterPauseDb; // pause level after, tone stays at -20
     double afterToneDb;
     double rise;
+    // ctest names the case, not its bytes.
+    friend void PrintTo(const RiseCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class PauseRise : public testing::TestWithParam<RiseCase> {};

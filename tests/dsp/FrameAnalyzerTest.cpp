@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <ostream>
 #include <stdexcept>
 #include <vector>
 
@@ -73,6 +74,10 @@ TEST(FrameAnalyzer, SilentChannelHalvesTheMeanSquareButNotThePower) {
 struct Format {
     double sampleRate;
     std::int64_t channels;
+
+    friend void PrintTo(const Format& f, std::ostream* os) {
+        *os << f.sampleRate << " Hz, " << f.channels << " channels";
+    }
 };
 
 class FrameAnalyzerRefuses : public testing::TestWithParam<Format> {};

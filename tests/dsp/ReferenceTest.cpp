@@ -62,6 +62,8 @@ struct EbuCase {
     const char* name;
     double expected;
     std::vector<std::pair<double, double>> segments; // seconds, dBFS
+    // ctest names the case, not its bytes.
+    friend void PrintTo(const EbuCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class Ebu3341 : public testing::TestWithParam<EbuCase> {};
@@ -97,6 +99,8 @@ struct Programme {
     test::PlanarAudio (*make)();
     double tolerance; // LU against libebur128, or dB over the ceiling
     double targetLufs = -16.0;
+    // ctest names the case, not its bytes.
+    friend void PrintTo(const Programme& c, std::ostream* os) { *os << c.name; }
 };
 
 class AgainstLibebur128 : public testing::TestWithParam<Programme> {};
@@ -138,6 +142,8 @@ constexpr double meterTruePeakToleranceDb = 0.2;
 struct MeterProgramme {
     const char* name;
     test::PlanarAudio (*make)();
+    // ctest names the case, not its bytes.
+    friend void PrintTo(const MeterProgramme& c, std::ostream* os) { *os << c.name; }
 };
 
 // Band-limited to 20 kHz, as recorded material is: between 20 kHz and half

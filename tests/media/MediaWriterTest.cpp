@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 namespace ostrand::test {
 namespace {
 
@@ -35,6 +37,8 @@ struct MeterCase {
     FileType type;
     MediaWriter::Encoding encoding;
     int channels;
+    // ctest names the case, not its bytes.
+    friend void PrintTo(const MeterCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class OutputMeterTest : public ::testing::TestWithParam<MeterCase> {};
