@@ -2,9 +2,12 @@
 
 #include "app/DestinationPanels.h"
 #include "app/FilePaths.h"
+#include "app/FileRevealer.h"
+#include "app/JobQueue.h"
 #include "app/OstrandSettings.h"
 #include "support/TempDir.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <fstream>
@@ -68,6 +71,39 @@ private:
         const auto location = script.isEmpty() ? std::nullopt : script.takeFirst();
         answer(location);
     }
+};
+
+// Keeps a run waiting on its save panel for ever, so that the caller decides
+// every job's state itself.
+class SilentPanels : public DestinationPanels {
+public:
+    void askForFile(const SavePanelRequest&, Answer) override {}
+    void askForFolder(const FolderPanelRequest&, Answer) override {}
+};
+
+// Records what would be shown in the file manager.
+class RecordingRevealer : public FileRevealer {
+public:
+    using FileRevealer::reveal;
+    void reveal(const QList<QUrl>& files) override { revealed << files; }
+    QList<QList<QUrl>> revealed;
+};
+
+// A queue over settings of its own whose engine is never reached: the first
+// job it starts waits on a save panel that never answers.
+struct QueueFixture {
+    QueueFixture() { settings.settings.setSaveMode(SaveMode::askEveryTime); }
+
+    static QUrl file(const QString& name) {
+        return QUrl::fromLocalFile(QDir::tempPath() + QStringLiteral("/ostrand-ui/") + name);
+    }
+
+    TestSettings settings;
+    SilentPanels panels;
+    RecordingRevealer revealer;
+    JobQueue queue{settings.settings,
+                   {[](auto&&...) -> LevelingReport { throw std::logic_error("not reached"); },
+                    nullptr, &revealer, &panels}};
 };
 
 } // namespace ostrand::test

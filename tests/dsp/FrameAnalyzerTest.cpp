@@ -14,14 +14,8 @@ namespace {
 
 FrameAnalyzer analyse(const test::PlanarAudio& audio, std::int64_t block) {
     FrameAnalyzer analyzer(audio.sampleRate, static_cast<std::int64_t>(audio.channels.size()));
-    std::vector<const float*> at = audio.constPointers();
-    for (std::int64_t done = 0; done < audio.frames(); done += block) {
-        const std::int64_t n = std::min(block, audio.frames() - done);
-        analyzer.append(at, n);
-        for (const float*& p : at) {
-            p += n;
-        }
-    }
+    test::inBlocks(audio, block,
+                   [&](const auto& at, std::int64_t n, auto) { analyzer.append(at, n); });
     return analyzer;
 }
 

@@ -47,14 +47,8 @@ TEST_P(KWeightingBlocks, PlanarInBlocksEqualsPerChannelInOnePiece) {
         whole.process(c, reference.channels[static_cast<std::size_t>(c)]);
     }
     KWeightingFilter pieces(44100.0, channels);
-    std::vector<float*> at = blocked.pointers();
-    for (std::int64_t done = 0; done < blocked.frames(); done += block) {
-        const std::int64_t n = std::min(block, blocked.frames() - done);
-        pieces.processPlanar(at, n);
-        for (float*& p : at) {
-            p += n;
-        }
-    }
+    test::inBlocks(blocked, block,
+                   [&](const auto& at, std::int64_t n, auto) { pieces.processPlanar(at, n); });
     EXPECT_EQ(blocked.channels, reference.channels);
     for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
         for (std::size_t s = 0; s < 2; ++s) {

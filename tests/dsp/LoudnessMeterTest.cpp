@@ -18,6 +18,7 @@
 #include <numbers>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ostrand {
@@ -317,14 +318,8 @@ TEST_P(LoudnessMeterBlocks, GiveTheFiguresOfOneAppend) {
     LoudnessMeter whole(sampleRate, weights);
     whole.append(audio.constPointers(), audio.frames());
     LoudnessMeter pieces(sampleRate, weights);
-    std::vector<const float*> at = audio.constPointers();
-    for (std::int64_t done = 0; done < audio.frames(); done += block) {
-        const std::int64_t n = std::min(block, audio.frames() - done);
-        pieces.append(at, n);
-        for (auto& p : at) {
-            p += n;
-        }
-    }
+    test::inBlocks(std::as_const(audio), block,
+                   [&](const auto& at, std::int64_t n, auto) { pieces.append(at, n); });
     const LoudnessFigures a = whole.figures();
     const LoudnessFigures b = pieces.figures();
     // Sums of squares split differently round differently; peaks are exact.

@@ -268,12 +268,6 @@ TEST_P(CleanSpeech, GainFollowsTheExactPlan) {
 
 INSTANTIATE_TEST_SUITE_P(Floors, CleanSpeech, testing::Values(-70.0, -80.0, -100.0));
 
-} // namespace
-} // namespace ostrand
-
-namespace ostrand {
-namespace {
-
 // The definition, frame by frame: a pause is where no frame within the
 // hangover has a 100 ms level more than the margin over the floor; the margin
 // is half the way up to the loudest 200 ms block within 4 s, 4 to 14 dB.

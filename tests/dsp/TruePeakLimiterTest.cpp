@@ -19,14 +19,8 @@ TruePeakLimiter makeLimiter(int channels, double rate = 48000.0, double ceilingD
 }
 
 void processInBlocks(TruePeakLimiter& limiter, test::PlanarAudio& audio, std::int64_t block) {
-    std::vector<float*> at = audio.pointers();
-    for (std::int64_t done = 0; done < audio.frames(); done += block) {
-        const std::int64_t n = std::min(block, audio.frames() - done);
-        limiter.process(at, n);
-        for (float*& p : at) {
-            p += n;
-        }
-    }
+    test::inBlocks(audio, block,
+                   [&](const auto& at, std::int64_t n, auto) { limiter.process(at, n); });
 }
 
 // The input followed by latency() zeros, limited; the latency removed.

@@ -2,6 +2,7 @@
 
 #include "media/OstrandError.h"
 #include "support/MediaFixtures.h"
+#include "support/NamedCases.h"
 #include "support/ReferenceMeters.h"
 #include "support/TempDir.h"
 
@@ -17,15 +18,6 @@
 
 namespace ostrand::test {
 namespace {
-
-// Parameterized cases print as their names in test listings, not as bytes.
-template <typename Case>
-requires requires(const Case& c) {
-    c.name;
-}
-void PrintTo(const Case& c, std::ostream* out) {
-    *out << c.name;
-}
 
 namespace fs = std::filesystem;
 
@@ -44,8 +36,6 @@ constexpr double truePeakOvershootDb = 0.3;
 constexpr float pcm24Step = 1.0f / 8388608.0f;
 // Where ffprobe reports the display matrix's rotation.
 constexpr const char* rotation = "side_data_list.side_data.0.rotation";
-
-const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 struct Options {
     std::optional<fs::path> sidecar;
@@ -272,35 +262,45 @@ TEST(LevelingEngineTest, WavOutputIsTheSourceTimesTheGain) {
     }
 }
 
-struct ContainerCase {
+struct OutputCase {
     const char* name;
     const char* source;
     MediaRecipe recipe;
-    const char* audio; // codec, rate and channels as ffprobe names them
-    double bitRate;
+    const char* extension;      // of the output
+    const char* format;         // part of ffprobe's format name
+    const char* audio;          // codec, rate and channels as ffprobe names them
+    double bitRate = 0.0;       // checked where set
+    const char* subtitles = ""; // codec kept, or "" for none
+    const char* note = "";      // what the report says was not kept
     bool forceMono = false;
 };
 
-class ContainerTest : public ::testing::TestWithParam<ContainerCase> {};
+class OutputTest : public ::testing::TestWithParam<OutputCase> {};
 
-// Audio encoded as the source's container calls for; video packets, rotation,
-// tags and cover art copied untouched; a 24-bit WAV sidecar beside video only.
-TEST_P(ContainerTest, OutputFollowsTheSource) {
+// Each container FFmpeg opens comes out in a container that holds what it
+// had: the audio encoded as that container calls for; video packets bit for
+// bit, with their rotation; tags, subtitles, chapters and cover art, with
+// their language tags; a 24-bit WAV sidecar beside video only.
+TEST_P(OutputTest, KeepsEveryStream) {
     const TempDir dir;
-    const ContainerCase& c = GetParam();
+    const OutputCase& c = GetParam();
     const fs::path source = makeMedia(dir / c.source, c.recipe);
-    const fs::path output = dir / ("out." + LevelingEngine::outputExtension(source));
+    const fs::path output = OutputNaming::leveledLocation(source, dir.path());
+    ASSERT_EQ(output.extension(), c.extension);
     const LevelingReport report =
         level(source, output, {.sidecar = dir / "side.wav", .forceMono = c.forceMono});
+    EXPECT_EQ(report.outputURL, output);
     ProbeInfo before = probeMedia(source);
     ProbeInfo after = probeMedia(output);
+    EXPECT_THAT(after.formatName, ::testing::HasSubstr(c.format));
+    EXPECT_EQ(after.tags["title"], before.tags["title"]);
     auto audio = after.ofType("audio");
     ASSERT_EQ(audio.size(), 1u);
     auto& f = audio[0].fields;
     EXPECT_EQ(f["codec_name"] + " " + f["sample_rate"] + " " + f["channels"], c.audio);
-    // AAC's rate control stays near its target on noise.
-    EXPECT_NEAR(std::stod(f["bit_rate"]), c.bitRate, 0.1 * c.bitRate);
-    EXPECT_EQ(after.tags["title"], before.tags["title"]);
+    if (c.bitRate > 0.0) { // AAC's rate control stays near its target on noise.
+        EXPECT_NEAR(std::stod(f["bit_rate"]), c.bitRate, 0.1 * c.bitRate);
+    }
 
     auto videoBefore = before.ofType("video");
     auto videoAfter = after.ofType("video");
@@ -310,87 +310,24 @@ TEST_P(ContainerTest, OutputFollowsTheSource) {
     std::erase_if(videoBefore, isCover);
     std::erase_if(videoAfter, isCover);
     ASSERT_EQ(videoAfter.size(), videoBefore.size());
-    for (std::size_t v = 0; v < videoBefore.size(); ++v) {
-        // The fixture must be rotated as asked, or the comparison proves nothing.
-        ASSERT_EQ(videoBefore[v].fields.contains(rotation), c.recipe.video[v].rotationDegrees != 0);
-        EXPECT_EQ(videoAfter[v].packets, videoBefore[v].packets);
-        for (const char* field : {"tags.language", rotation}) {
-            EXPECT_EQ(videoAfter[v].fields[field], videoBefore[v].fields[field]) << field;
-        }
-    }
-    const fs::path sidecar = dir / "side.wav";
-    EXPECT_EQ(report.audioSidecarURL.has_value(), !videoBefore.empty());
-    EXPECT_EQ(fs::exists(sidecar) ? probeMedia(sidecar).streams.at(0).fields["codec_name"] : "none",
-              videoBefore.empty() ? "none" : "pcm_s24le");
-}
-
-const AudioRecipe noise{.sampleRate = 44100, .seconds = 3.0, .frequencyHz = 0.0};
-const AudioRecipe monoNoise{.layout = "mono", .seconds = 3.0, .frequencyHz = 0.0};
-const AudioRecipe surroundNoise{.layout = "5.1", .seconds = 3.0, .frequencyHz = 0.0};
-const char* const title = "Ostrand fixture";
-const VideoRecipe rotated{.rotationDegrees = 270, .language = "fra"};
-
-const ContainerCase containers[] = {
-    {"AiffToWav", "a.aiff", {.audio = {noise}}, "pcm_s24le 44100 2", 2116800},
-    {"Mp3ToM4a", "a.mp3", {.audio = {noise}}, "aac 44100 2", 256000},
-    {"Mp3CoverArtIsNoVideo", "a.mp3", {{{.coverArt = true}}, {noise}}, "aac 44100 2", 256000},
-    {"MonoAac", "a.m4a", {.audio = {monoNoise}}, "aac 48000 1", 160000},
-    {"SurroundToStereo", "a.m4a", {.audio = {surroundNoise}}, "aac 48000 2", 256000},
-    {"HighestRateAnyStereo", "a.mp4", {.audio = {noise, monoNoise}}, "aac 48000 2", 256000},
-    {"QtToMov", "a.qt", {{{.language = "eng"}}, {noise}, title}, "aac 44100 2", 256000},
-    {"RotatedMp4", "a.mp4", {{rotated}, {noise}, title}, "aac 44100 2", 256000},
-    {"TwoVideosForcedMono", "a.mov", {{{}, rotated}, {noise}, title}, "aac 44100 1", 160000, true}};
-
-INSTANTIATE_TEST_SUITE_P(Sources, ContainerTest, ::testing::ValuesIn(containers), byName);
-
-struct RoundTripCase {
-    const char* name;
-    const char* source;
-    MediaRecipe recipe;
-    const char* extension; // of the output
-    const char* format;    // part of ffprobe's format name
-    const char* audio;     // codec and rate
-    const char* subtitles; // codec kept, or "" for none
-    bool coverArt = false; // kept
-    const char* note = ""; // what the report says was not kept
-};
-
-class RoundTripTest : public ::testing::TestWithParam<RoundTripCase> {};
-
-// Each container FFmpeg opens comes out in a container that holds what it
-// had: the audio in a codec it takes, video packets bit for bit, subtitles,
-// chapters and cover art, with their language tags.
-TEST_P(RoundTripTest, KeepsEveryStream) {
-    const TempDir dir;
-    const RoundTripCase& c = GetParam();
-    const fs::path source = makeMedia(dir / c.source, c.recipe);
-    const fs::path output = OutputNaming::leveledLocation(source, dir.path());
-    ASSERT_EQ(output.extension(), c.extension);
-    const LevelingReport report = level(source, output);
-    EXPECT_EQ(report.outputURL, output);
-    ProbeInfo before = probeMedia(source);
-    ProbeInfo after = probeMedia(output);
-    EXPECT_THAT(after.formatName, ::testing::HasSubstr(c.format));
-    auto audio = after.ofType("audio");
-    ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].fields["codec_name"] + " " + audio[0].fields["sample_rate"], c.audio);
-
-    const auto isCover = [](auto& s) { return s.fields["disposition.attached_pic"] == "1"; };
-    auto videoBefore = before.ofType("video");
-    auto videoAfter = after.ofType("video");
-    EXPECT_EQ(std::count_if(videoAfter.begin(), videoAfter.end(), isCover), c.coverArt ? 1 : 0);
-    std::erase_if(videoBefore, isCover);
-    std::erase_if(videoAfter, isCover);
-    ASSERT_EQ(videoAfter.size(), videoBefore.size());
-    // Containers count time differently (AVI in frames); the data must not change.
-    const auto hashes = [](std::vector<std::string> packets) {
+    // Time stamps are kept where the container is. AVI counts in frames, and
+    // Matroska and WebM outputs place the copied streams one codec delay later
+    // than the source did (21 ms for AAC): there only the data is compared.
+    const bool sameTimes =
+        after.formatName == before.formatName && !after.formatName.starts_with("matroska");
+    const auto kept = [sameTimes](std::vector<std::string> packets) {
         for (auto& p : packets) {
-            p = p.substr(p.find(' ') + 1);
+            p = sameTimes ? p : p.substr(p.find(' ') + 1);
         }
         return packets;
     };
     for (std::size_t v = 0; v < videoBefore.size(); ++v) {
-        EXPECT_EQ(hashes(videoAfter[v].packets), hashes(videoBefore[v].packets));
+        // The fixture must be rotated as asked, or the comparison proves nothing.
+        ASSERT_EQ(videoBefore[v].fields.contains(rotation), c.recipe.video[v].rotationDegrees != 0);
+        EXPECT_EQ(kept(videoAfter[v].packets), kept(videoBefore[v].packets));
+        for (const char* field : {"tags.language", rotation}) {
+            EXPECT_EQ(videoAfter[v].fields[field], videoBefore[v].fields[field]) << field;
+        }
     }
     auto subtitles = after.ofType("subtitle");
     EXPECT_EQ(subtitles.empty() ? "" : subtitles[0].fields["codec_name"], c.subtitles);
@@ -400,46 +337,86 @@ TEST_P(RoundTripTest, KeepsEveryStream) {
     EXPECT_EQ(after.chapters, *c.note ? 0 : before.chapters);
     EXPECT_EQ(report.notes,
               *c.note ? std::vector<std::string>{c.note} : std::vector<std::string>{});
+    const fs::path sidecar = dir / "side.wav";
+    EXPECT_EQ(report.audioSidecarURL.has_value(), !videoBefore.empty());
+    EXPECT_EQ(fs::exists(sidecar) ? probeMedia(sidecar).streams.at(0).fields["codec_name"] : "none",
+              videoBefore.empty() ? "none" : "pcm_s24le");
 }
 
+const AudioRecipe noise{.sampleRate = 44100, .seconds = 3.0, .frequencyHz = 0.0};
+const AudioRecipe monoNoise{.layout = "mono", .seconds = 3.0, .frequencyHz = 0.0};
+const AudioRecipe surroundNoise{.layout = "5.1", .seconds = 3.0, .frequencyHz = 0.0};
 const AudioRecipe tone{.seconds = 2.0};
+const char* const title = "Ostrand fixture";
 const VideoRecipe picture{.seconds = 2.0};
 const VideoRecipe cover{.coverArt = true};
+const VideoRecipe rotated{.rotationDegrees = 270, .language = "fra"};
 
-const RoundTripCase roundTrips[] = {
+const OutputCase outputs[] = {
+    {"AiffToWav", "a.aiff", {.audio = {noise}}, ".wav", "wav", "pcm_s24le 44100 2", 2116800},
+    {"Mp3ToM4a", "a.mp3", {.audio = {noise}}, ".m4a", "mp4", "aac 44100 2", 256000},
+    {"Mp3CoverArtIsNoVideo", "a.mp3", {{cover}, {noise}}, ".m4a", "mp4", "aac 44100 2", 256000},
+    {"MonoAac", "a.m4a", {.audio = {monoNoise}}, ".m4a", "mp4", "aac 48000 1", 160000},
+    {"SurroundToStereo", "a.m4a", {.audio = {surroundNoise}}, ".m4a", "mp4", "aac 48000 2", 256000},
+    {"HighestRateAnyStereo",
+     "a.mp4",
+     {.audio = {noise, monoNoise}},
+     ".mp4",
+     "mp4",
+     "aac 48000 2",
+     256000},
+    {"QtToMov",
+     "a.qt",
+     {{{.language = "eng"}}, {noise}, title},
+     ".mov",
+     "mov",
+     "aac 44100 2",
+     256000},
+    {"RotatedMp4", "a.mp4", {{rotated}, {noise}, title}, ".mp4", "mp4", "aac 44100 2", 256000},
+    {"TwoVideosForcedMono",
+     "a.mov",
+     {{{}, rotated}, {noise}, title},
+     ".mov",
+     "mov",
+     "aac 44100 1",
+     160000,
+     "",
+     "",
+     true},
     {"Matroska",
      "a.mkv",
      {{picture}, {tone}, "", true, 2},
      ".mkv",
      "matroska",
-     "aac 48000",
+     "aac 48000 2",
+     0,
      "subrip"},
-    {"MatroskaAudio",
-     "a.mka",
-     {{cover}, {tone}, "", false, 2},
-     ".mka",
-     "matroska",
-     "aac 48000",
-     "",
-     true},
-    {"WebM", "a.webm", {{picture}, {tone}, "", true, 2}, ".webm", "webm", "opus 48000", "webvtt"},
-    {"WebMFrom44k", "a.webm", {{}, {noise}}, ".webm", "webm", "opus 48000", ""},
-    {"TransportStream", "a.ts", {{picture}, {tone}}, ".ts", "mpegts", "aac 48000", ""},
-    {"Flac", "a.flac", {{cover}, {noise}, "", false, 2}, ".flac", "flac", "flac 44100", "", true},
-    {"AviBecomesMatroska", "a.avi", {{picture}, {tone}}, ".mkv", "matroska", "aac 48000", ""},
-    {"Mp4", "a.mp4", {{picture}, {tone}, "", true, 2}, ".mp4", "mp4", "aac 48000", "mov_text"},
+    {"MatroskaAudio", "a.mka", {{cover}, {tone}, "", false, 2}, ".mka", "matroska", "aac 48000 2"},
+    {"WebM",
+     "a.webm",
+     {{picture}, {tone}, "", true, 2},
+     ".webm",
+     "webm",
+     "opus 48000 2",
+     0,
+     "webvtt"},
+    {"WebMFrom44k", "a.webm", {{}, {noise}}, ".webm", "webm", "opus 48000 2"},
+    {"TransportStream", "a.ts", {{picture}, {tone}}, ".ts", "mpegts", "aac 48000 2"},
+    {"Flac", "a.flac", {{cover}, {noise}, "", false, 2}, ".flac", "flac", "flac 44100 2"},
+    {"AviBecomesMatroska", "a.avi", {{picture}, {tone}}, ".mkv", "matroska", "aac 48000 2"},
+    {"Mp4", "a.mp4", {{picture}, {tone}, "", true, 2}, ".mp4", "mp4", "aac 48000 2", 0, "mov_text"},
     {"TimecodeTrack",
      "a.mov",
      {{picture}, {tone}, "", false, 0, "01:00:00:00"},
      ".mov",
      "mov",
-     "aac 48000",
+     "aac 48000 2",
+     0,
      "",
-     false,
      "the data (tmcd) cannot be kept in QuickTime"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Containers, RoundTripTest, ::testing::ValuesIn(roundTrips), byName);
+INSTANTIATE_TEST_SUITE_P(Sources, OutputTest, ::testing::ValuesIn(outputs), byName);
 
 struct FailureCase {
     const char* name;

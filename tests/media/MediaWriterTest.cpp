@@ -2,12 +2,14 @@
 
 #include "media/OstrandError.h"
 #include "support/MediaFixtures.h"
+#include "support/NamedCases.h"
 #include "support/ReferenceMeters.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <utility>
 
 namespace ostrand::test {
 namespace {
@@ -54,14 +56,9 @@ TEST_P(OutputMeterTest, MeasuresWhatTheFileHolds) {
     MediaWriter writer(dir / c.file, OutputNaming::ExistingFile::replace, c.type, 48000, c.channels,
                        c.encoding, asset, {});
     // In blocks of a size no encoder frame divides.
-    for (std::int64_t at = 0; at < audio.frames(); at += 3000) {
-        std::vector<const float*> block = audio.constPointers();
-        for (const float*& channel : block) {
-            channel += at;
-        }
-        writer.appendAudio(block, std::min<std::int64_t>(3000, audio.frames() - at),
-                           MediaTime{at, 48000});
-    }
+    inBlocks(std::as_const(audio), 3000, [&](const auto& at, std::int64_t n, std::int64_t first) {
+        writer.appendAudio(at, n, MediaTime{first, 48000});
+    });
     EXPECT_THROW(writer.measured(), OstrandError);
     writer.finish();
 
@@ -79,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
         MeterCase{"OpusWebm", "out.webm", FileType::webm, MediaWriter::Encoding::opus, 2},
         MeterCase{"Pcm24Wav", "out.wav", FileType::wave, MediaWriter::Encoding::pcm24, 2},
         MeterCase{"Flac", "out.flac", FileType::flac, MediaWriter::Encoding::flac, 1}),
-    [](const auto& p) { return std::string(p.param.name); });
+    byName);
 
 } // namespace
 } // namespace ostrand::test

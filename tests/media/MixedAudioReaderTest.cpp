@@ -1,6 +1,7 @@
 #include "media/MixedAudioReader.h"
 
 #include "support/MediaFixtures.h"
+#include "support/NamedCases.h"
 #include "support/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -14,17 +15,6 @@
 // engine's tests; these check what its meters cannot see.
 namespace ostrand::test {
 namespace {
-
-// Parameterized cases print as their names in test listings, not as bytes.
-template <typename Case>
-requires requires(const Case& c) {
-    c.name;
-}
-void PrintTo(const Case& c, std::ostream* out) {
-    *out << c.name;
-}
-
-const auto byName = [](const auto& info) { return std::string(info.param.name); };
 
 PlanarAudio readAll(const MediaAsset& asset, const SourceAudioFormat& format,
                     const std::vector<MediaAsset::AudioTrack>& tracks) {

@@ -6,6 +6,7 @@
 #include "media/OstrandError.h"
 
 #include "support/MediaFixtures.h"
+#include "support/NamedCases.h"
 #include "support/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -25,20 +26,10 @@
 namespace ostrand::test {
 namespace {
 
-// Parameterized cases print as their names in test listings, not as bytes.
-template <typename Case>
-requires requires(const Case& c) {
-    c.name;
-}
-void PrintTo(const Case& c, std::ostream* out) {
-    *out << c.name;
-}
-
 namespace fs = std::filesystem;
 using OutputNaming::ExistingFile;
 
 constexpr double ceiling = -1.0;
-const auto byName = [](const auto& test) { return std::string(test.param.name); };
 
 LevelingReport level(const fs::path& source, const fs::path& destination,
                      ExistingFile existing = ExistingFile::replace,
@@ -54,11 +45,6 @@ std::set<fs::path> visibleAndHidden(const fs::path& dir) {
         names.insert(entry.path().filename());
     }
     return names;
-}
-
-std::string contents(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A child process that runs `work` and reports one byte through a pipe.
@@ -125,7 +111,7 @@ TEST(SafetyTest, KilledWhileWritingLeavesNothing) {
     ::kill(child.pid, SIGKILL);
     EXPECT_TRUE(WIFSIGNALED(child.wait()));
     EXPECT_EQ(visibleAndHidden(dir / "out"), before);
-    EXPECT_EQ(contents(destination), "an earlier take");
+    EXPECT_EQ(fileBytes(destination), "an earlier take");
 }
 
 // Two runs with same-named sources into one folder both start out meaning
@@ -193,7 +179,7 @@ TEST(SafetyTest, LeftoversOfDeadRunsAreCleared) {
 // (the middle one unless `first`) by `seconds`: one damaged time stamp, as
 // one changed byte gives.
 void shiftTsTimestamp(const fs::path& path, double seconds, bool first = false) {
-    std::string bytes = contents(path);
+    std::string bytes = fileBytes(path);
     int index = first ? 0 : -1;
     for (int pass = 0; pass < 2; ++pass) {
         int seen = 0;
@@ -231,7 +217,7 @@ void shiftTsTimestamp(const fs::path& path, double seconds, bool first = false) 
 // Moves the audio packets of the second half of an MPEG-TS file to a new
 // PID, which the demuxer takes for a stream appearing mid-file.
 void moveSecondHalfOfAudio(const fs::path& path) {
-    std::string bytes = contents(path);
+    std::string bytes = fileBytes(path);
     const std::size_t packets = bytes.size() / 188;
     for (std::size_t i = packets / 2; i < packets; ++i) {
         auto* p = reinterpret_cast<unsigned char*>(bytes.data() + i * 188);

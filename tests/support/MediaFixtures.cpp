@@ -188,6 +188,11 @@ fs::path textFile(const fs::path& path, const std::string& text) {
     return path;
 }
 
+std::string fileBytes(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 fs::path truncatedCopy(const fs::path& source, const fs::path& path, double keepFraction) {
     fs::copy_file(source, path, fs::copy_options::overwrite_existing);
     fs::resize_file(

@@ -57,6 +57,8 @@ std::filesystem::path videoFile(const std::filesystem::path& path, double second
 std::filesystem::path videoOnly(const std::filesystem::path& path, double seconds = 2.0);
 std::filesystem::path textFile(const std::filesystem::path& path,
                                const std::string& text = "This is not a movie.\n");
+// The bytes `path` holds; none if it cannot be read.
+std::string fileBytes(const std::filesystem::path& path);
 // The first `keepFraction` of the bytes of `source`.
 std::filesystem::path truncatedCopy(const std::filesystem::path& source,
                                     const std::filesystem::path& path, double keepFraction);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 // Deterministic test signals, planar 32-bit float.
@@ -20,6 +22,27 @@ struct PlanarAudio {
     // Multiplies every sample by 10^(db / 20).
     void applyGainDb(double db);
 };
+
+// Hands `take` the signal in consecutive blocks of at most `block` frames:
+// pointers to each block's first samples, its length and its first frame.
+template <typename Audio, typename Take>
+requires std::is_same_v<std::remove_const_t<Audio>, PlanarAudio>
+void inBlocks(Audio& audio, std::int64_t block, Take take) {
+    auto at = [&audio] {
+        if constexpr (std::is_const_v<Audio>) {
+            return audio.constPointers();
+        } else {
+            return audio.pointers();
+        }
+    }();
+    for (std::int64_t done = 0; done < audio.frames(); done += block) {
+        const std::int64_t n = std::min(block, audio.frames() - done);
+        take(at, n, done);
+        for (auto& p : at) {
+            p += n;
+        }
+    }
+}
 
 PlanarAudio silence(double sampleRate, int channels, double seconds);
 

@@ -15,6 +15,8 @@
 #include <QTextBrowser>
 
 using namespace ostrand;
+using ostrand::test::feed;
+using ostrand::test::item;
 using ostrand::test::TestHttpServer;
 
 namespace {
@@ -49,27 +51,6 @@ struct Recorder : UpdatePrompter {
     Log& m_log;
 };
 
-QByteArray feedOf(const QByteArray& items) {
-    return "<?xml version=\"1.0\"?><rss version=\"2.0\" "
-           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
-           "<title>Ostrand</title>" +
-           items + "</channel></rss>";
-}
-
-QByteArray itemOf(const QString& version, const QUrl& url, qint64 length, const QString& signature,
-                  bool critical = false) {
-    return QStringLiteral(
-               "<item><sparkle:version>%1</sparkle:version>%2"
-               "<description><![CDATA[<p>New</p>]]></description>"
-               "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
-               "sparkle:os=\"linux\" sparkle:edSignature=\"%5\"/></item>")
-        .arg(version, critical ? QStringLiteral("<sparkle:criticalUpdate/>") : QString(),
-             url.toString())
-        .arg(length)
-        .arg(signature)
-        .toUtf8();
-}
-
 } // namespace
 
 class AppUpdaterTest : public QObject {
@@ -88,29 +69,17 @@ private slots:
         m_log = {};
         // The second launch's question has its own tests.
         store()->setValue(QStringLiteral("updates/askedAboutAutomaticChecks"), true);
-        const QUrl deb = m_server->url(QStringLiteral("/ostrand_0.2.0_amd64.deb"));
-        m_server->serve(QStringLiteral("/current.xml"),
-                        {200, feedOf(itemOf("0.1.0", deb, m_package.size(), m_signature)), {}, -1});
-        m_server->serve(QStringLiteral("/newer.xml"),
-                        {200,
-                         feedOf(itemOf("0.1.0", deb, m_package.size(), m_signature) +
-                                itemOf("0.2.0", deb, m_package.size(), m_signature)),
-                         {},
-                         -1});
-        m_server->serve(
-            QStringLiteral("/critical.xml"),
-            {200, feedOf(itemOf("0.2.0", deb, m_package.size(), m_signature, true)), {}, -1});
-        m_server->serve(
-            QStringLiteral("/forged.xml"),
-            {200,
-             feedOf(itemOf("0.2.0", deb, m_package.size(),
-                           QString::fromLatin1(
-                               ed25519::sign(ed25519::generate()->seed, m_package).toBase64()))),
-             {},
-             -1});
-        m_server->serve(QStringLiteral("/broken.xml"), {200, "<rss><channel><item>", {}, -1});
-        m_server->serve(QStringLiteral("/huge.xml"), {200, feedOf(QByteArray(5000, ' ')), {}, -1});
-        m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), {200, m_package, {}, -1});
+        const QString deb = m_server->url(QStringLiteral("/ostrand_0.2.0_amd64.deb")).toString();
+        const auto signedBy = [&](const QString& signature) {
+            return item("0.2.0", "linux", {}, deb, m_package.size(), signature);
+        };
+        const QByteArray current = item("0.1.0", "linux", {}, deb, m_package.size(), m_signature);
+        m_server->serve(QStringLiteral("/current.xml"), feed(current));
+        m_server->serve(QStringLiteral("/newer.xml"), feed(current + signedBy(m_signature)));
+        m_server->serve(QStringLiteral("/forged.xml"),
+                        feed(signedBy(QString::fromLatin1(
+                            ed25519::sign(ed25519::generate()->seed, m_package).toBase64()))));
+        m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), m_package);
     }
 
     void unavailableWithoutValidConfiguration_data() {
@@ -142,55 +111,36 @@ private slots:
     }
 
     // A user check says what it found; a background check only ever offers.
+    // Which update is offered, and every way a fetch fails, the feed's own
+    // tests pin; one failure stands for them here.
     void checkOutcome_data() {
         QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("skipped");
         QTest::addColumn<bool>("background");
         QTest::addColumn<QString>("expected"); // a prefix of the one call; empty: none
         struct Row {
             const char* name;
             const char* path;
-            const char* skipped;
             const char* user;
             bool offered;
         };
         const Row rows[] = {
-            {"up to date", "/current.xml", "",
+            {"up to date", "/current.xml",
              "upToDate: Ostrand 0.1.0 is the newest version available.", false},
-            {"newer offered", "/newer.xml", "", "offer: 0.2.0", true},
-            {"skipped not offered", "/newer.xml", "0.2.0",
-             "upToDate: Ostrand 0.1.0 is the newest version available.", false},
-            {"critical offered though skipped", "/critical.xml", "0.2.0", "offer: 0.2.0", true},
-            {"malformed XML", "/broken.xml", "", "failed: The update feed is not valid XML", false},
-            {"HTTP 404", "/gone.xml", "",
+            {"newer offered", "/newer.xml", "offer: 0.2.0", true},
+            {"HTTP 404", "/gone.xml",
              "failed: The update feed could not be read: the server answered HTTP 404", false},
-            {"over the size limit", "/huge.xml", "", "failed: The update feed is larger than",
-             false},
-            {"unreachable host", "unreachable", "",
-             "failed: The update feed could not be read: Connection refused", false},
         };
         for (const Row& row : rows) {
-            QTest::addRow("user: %s", row.name) << row.path << row.skipped << false << row.user;
+            QTest::addRow("user: %s", row.name) << row.path << false << row.user;
             QTest::addRow("background: %s", row.name)
-                << row.path << row.skipped << true << (row.offered ? row.user : "");
+                << row.path << true << (row.offered ? row.user : "");
         }
     }
     void checkOutcome() {
         QFETCH(QString, path);
-        QFETCH(QString, skipped);
         QFETCH(bool, background);
         QFETCH(QString, expected);
-        QUrl url = m_server->url(path);
-        if (path == u"unreachable") {
-            QTcpServer probe;
-            probe.listen(QHostAddress::LocalHost, 0);
-            url = QUrl(QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(probe.serverPort()));
-            probe.close();
-        }
-        if (!skipped.isEmpty()) {
-            store()->setValue(QStringLiteral("updates/skippedVersion"), skipped);
-        }
-        auto updater = make(url.toString(), key());
+        auto updater = make(m_server->url(path).toString(), key());
         QTRY_VERIFY(updater->canCheckForUpdates());
         QSignalSpy changes(updater.get(), &AppUpdater::canCheckForUpdatesChanged);
         QSignalSpy idle(updater.get(), &AppUpdater::idle);
@@ -360,18 +310,13 @@ private slots:
             void downloadEnded() override { m_log.calls << QStringLiteral("ended"); }
         };
         m_log.answer = UpdatePrompter::Choice::Install;
-        AppUpdater::Configuration config;
-        config.feedUrl = m_server->url(QStringLiteral("/newer.xml")).toString();
-        config.publicKey = key();
-        config.currentVersion = QStringLiteral("0.1.0");
-        config.store = store();
-        config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
-        AppUpdater updater(std::move(config), std::make_unique<Cancelling>(m_log));
-        QTRY_VERIFY(updater.canCheckForUpdates());
-        QSignalSpy idle(&updater, &AppUpdater::idle);
-        updater.checkForUpdates();
+        auto updater = make(m_server->url(QStringLiteral("/newer.xml")).toString(), key(),
+                            std::make_unique<Cancelling>(m_log));
+        QTRY_VERIFY(updater->canCheckForUpdates());
+        QSignalSpy idle(updater.get(), &AppUpdater::idle);
+        updater->checkForUpdates();
         QTRY_COMPARE_WITH_TIMEOUT(idle.count(), 1, 10'000);
-        QVERIFY(updater.canCheckForUpdates());
+        QVERIFY(updater->canCheckForUpdates());
         QCOMPARE(m_log.calls, QStringList({QStringLiteral("offer: 0.2.0"),
                                            QStringLiteral("started"), QStringLiteral("ended")}));
         QVERIFY(QDir(QDir(m_dir->path()).filePath(QStringLiteral("downloads"))).isEmpty());
@@ -384,15 +329,16 @@ private:
             QDir(m_dir->path()).filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
     }
 
-    std::unique_ptr<AppUpdater> make(const QString& feed, const QString& publicKey) {
+    std::unique_ptr<AppUpdater> make(const QString& feedUrl, const QString& publicKey,
+                                     std::unique_ptr<UpdatePrompter> prompter = {}) {
         AppUpdater::Configuration config;
-        config.feedUrl = feed;
+        config.feedUrl = feedUrl;
         config.publicKey = publicKey;
         config.currentVersion = QStringLiteral("0.1.0");
         config.store = store();
         config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
-        config.feedLimit = 4096;
-        return std::make_unique<AppUpdater>(std::move(config), std::make_unique<Recorder>(m_log));
+        return std::make_unique<AppUpdater>(
+            std::move(config), prompter ? std::move(prompter) : std::make_unique<Recorder>(m_log));
     }
 
     // An updater after one user check of `path` has ended.

@@ -31,11 +31,6 @@ using namespace ostrand::test;
 
 namespace {
 
-class SwitchableUpdater : public AppUpdater {
-public:
-    using AppUpdater::setCanCheckForUpdates;
-};
-
 QStringList menuTitles(QMenu& menu) {
     QStringList titles;
     for (QAction* action : menu.actions()) {

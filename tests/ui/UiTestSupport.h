@@ -1,45 +1,15 @@
 #pragma once
 
 #include "app/AppTestSupport.h"
-#include "app/JobQueue.h"
 #include "support/SeriesFixtures.h"
-
-#include <QDir>
+#include "ui/AppUpdater.h"
 
 namespace ostrand::test {
 
-// Keeps a run waiting on its save panel for ever, so that the caller decides
-// every job's state itself.
-class SilentPanels : public DestinationPanels {
+// An updater whose availability a test switches by hand.
+class SwitchableUpdater : public AppUpdater {
 public:
-    void askForFile(const SavePanelRequest&, Answer) override { ++asked; }
-    void askForFolder(const FolderPanelRequest&, Answer) override { ++asked; }
-    int asked = 0;
-};
-
-// Records what would be shown in the file manager.
-class RecordingRevealer : public FileRevealer {
-public:
-    using FileRevealer::reveal;
-    void reveal(const QList<QUrl>& files) override { revealed << files; }
-    QList<QList<QUrl>> revealed;
-};
-
-// A queue over settings of its own whose engine is never reached: the first
-// job it starts waits on a save panel that never answers.
-struct QueueFixture {
-    QueueFixture() { settings.settings.setSaveMode(SaveMode::askEveryTime); }
-
-    static QUrl file(const QString& name) {
-        return QUrl::fromLocalFile(QDir::tempPath() + QStringLiteral("/ostrand-ui/") + name);
-    }
-
-    TestSettings settings;
-    SilentPanels panels;
-    RecordingRevealer revealer;
-    JobQueue queue{settings.settings,
-                   {[](auto&&...) -> LevelingReport { throw std::logic_error("not reached"); },
-                    nullptr, &revealer, &panels}};
+    using AppUpdater::setCanCheckForUpdates;
 };
 
 inline LevelingReport sampleReport(const QString& output, const QString& sidecar = {}) {

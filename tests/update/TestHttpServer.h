@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QHostAddress>
+#include <QString>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -28,6 +29,7 @@ public:
     }
 
     void serve(const QString& path, Response response) { m_routes.insert(path, response); }
+    void serve(const QString& path, const QByteArray& body) { serve(path, {200, body, {}, -1}); }
     QUrl url(const QString& path) const {
         return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path));
     }
@@ -85,5 +87,29 @@ private:
     QHash<QString, int> m_counts;
     QHash<QTcpSocket*, QByteArray> m_pending;
 };
+
+// One appcast <item>; `extra` goes inside the item.
+inline QByteArray item(const QString& version, const QString& os = QStringLiteral("linux"),
+                       const QString& extra = {},
+                       const QString& url = QStringLiteral("https://example.com/o.deb"),
+                       qint64 length = 10, const QString& signature = QStringLiteral("c2ln")) {
+    return QStringLiteral(
+               "<item><title>Ostrand %1</title><sparkle:version>%1</sparkle:version>"
+               "<description><![CDATA[<p>Notes for <b>%1</b></p>]]></description>%2"
+               "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
+               "sparkle:os=\"%5\" sparkle:edSignature=\"%6\"/></item>")
+        .arg(version, extra, url)
+        .arg(length)
+        .arg(os, signature)
+        .toUtf8();
+}
+
+// An appcast around `items`.
+inline QByteArray feed(const QByteArray& items) {
+    return "<?xml version=\"1.0\"?><rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
+           "<title>Ostrand</title>" +
+           items + "</channel></rss>";
+}
 
 } // namespace ostrand::test
