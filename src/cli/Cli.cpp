@@ -450,11 +450,8 @@ private:
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report).toStdString() + '\n';
-            char measured[128];
-            std::snprintf(measured, sizeof measured,
-                          "  output %.1f LUFS \u00b7 true peak %.1f dBTP\n",
-                          report.outputIntegratedLoudness, report.outputTruePeak);
-            lines += measured;
+            lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
+                     " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
             }

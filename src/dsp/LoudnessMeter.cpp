@@ -260,15 +260,19 @@ void LoudnessMeter::endSlice() {
             m_momentary.push_back(power);
         }
     }
+    if (completed < shortTermSlices && !m_keepsSeries) {
+        return;
+    }
+    // One sum serves the maximum, the range and the drawn curve, which in
+    // the first 3 s covers the slices so far.
+    const double shortTerm = windowPower(std::min(completed, shortTermSlices));
     if (m_keepsSeries) {
-        m_series.push_back(static_cast<float>(
-            Loudness::loudnessOf(windowPower(std::min(completed, shortTermSlices)))));
+        m_series.push_back(static_cast<float>(Loudness::loudnessOf(shortTerm)));
     }
     if (completed >= shortTermSlices) {
-        const double power = windowPower(shortTermSlices);
-        m_maxShortTerm = std::max(m_maxShortTerm, power);
+        m_maxShortTerm = std::max(m_maxShortTerm, shortTerm);
         if (onBlockStep) {
-            m_shortTerm.push_back(power);
+            m_shortTerm.push_back(shortTerm);
         }
     }
 }

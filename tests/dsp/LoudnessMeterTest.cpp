@@ -6,6 +6,7 @@
 
 #include "dsp/LoudnessMeter.h"
 
+#include "support/NamedCases.h"
 #include "support/Signals.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace ostrand {
+namespace ostrand::test {
 namespace {
 
 constexpr double rate = 48000.0;
@@ -56,10 +57,6 @@ struct MeterCase {
     std::function<std::vector<Part>()> make;
     std::vector<ChannelWeight> weights = {ChannelWeight::front, ChannelWeight::front};
 };
-
-void PrintTo(const MeterCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 // Stereo 1 kHz tones, one (seconds, dBFS peak) pair per segment.
 test::PlanarAudio tones(const std::vector<std::pair<double, double>>& segments) {
@@ -300,11 +297,9 @@ TEST_P(EbuMode, ReadsWithinTolerance) {
     }
 }
 
-const auto caseName = [](const testing::TestParamInfo<MeterCase>& info) { return info.param.name; };
-
-INSTANTIATE_TEST_SUITE_P(Tech3341, EbuMode, testing::ValuesIn(tech3341()), caseName);
-INSTANTIATE_TEST_SUITE_P(Tech3342, EbuMode, testing::ValuesIn(tech3342()), caseName);
-INSTANTIATE_TEST_SUITE_P(TruePeakNear20kHz, EbuMode, testing::ValuesIn(nearNyquist()), caseName);
+INSTANTIATE_TEST_SUITE_P(Tech3341, EbuMode, testing::ValuesIn(tech3341()), byName);
+INSTANTIATE_TEST_SUITE_P(Tech3342, EbuMode, testing::ValuesIn(tech3342()), byName);
+INSTANTIATE_TEST_SUITE_P(TruePeakNear20kHz, EbuMode, testing::ValuesIn(nearNyquist()), byName);
 
 // Blocks of any size, at any rate, add up to the figures of one append: the
 // slices, the interpolator's history and its skipping carry across calls.
@@ -390,4 +385,4 @@ INSTANTIATE_TEST_SUITE_P(Rates, KWeightingAcrossRates,
                          });
 
 } // namespace
-} // namespace ostrand
+} // namespace ostrand::test

@@ -8,6 +8,7 @@
 #include "dsp/Loudness.h"
 #include "dsp/LoudnessMeter.h"
 #include "dsp/TruePeakLimiter.h"
+#include "support/NamedCases.h"
 #include "support/ReferenceMeters.h"
 #include "support/Signals.h"
 
@@ -21,7 +22,7 @@
 #include <string>
 #include <vector>
 
-namespace ostrand {
+namespace ostrand::test {
 namespace {
 
 // EBU Tech 3341 allows +-0.1 LU.
@@ -62,8 +63,6 @@ struct EbuCase {
     const char* name;
     double expected;
     std::vector<std::pair<double, double>> segments; // seconds, dBFS
-    // ctest names the case, not its bytes.
-    friend void PrintTo(const EbuCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class Ebu3341 : public testing::TestWithParam<EbuCase> {};
@@ -92,15 +91,13 @@ INSTANTIATE_TEST_SUITE_P(
                 -23.0,
                 {{10.0, -72.0}, {10.0, -36.0}, {60.0, -23.0}, {10.0, -36.0}, {10.0, -72.0}}},
         EbuCase{"case5", -23.0, {{20.0, -26.0}, {20.1, -20.0}, {20.0, -26.0}}}),
-    [](const auto& p) { return std::string(p.param.name); });
+    byName);
 
 struct Programme {
     const char* name;
     test::PlanarAudio (*make)();
     double tolerance; // LU against libebur128, or dB over the ceiling
     double targetLufs = -16.0;
-    // ctest names the case, not its bytes.
-    friend void PrintTo(const Programme& c, std::ostream* os) { *os << c.name; }
 };
 
 class AgainstLibebur128 : public testing::TestWithParam<Programme> {};
@@ -131,7 +128,7 @@ INSTANTIATE_TEST_SUITE_P(
                   ebur128WideToleranceLu},
         Programme{"tone10kHz", [] { return test::sine(44100.0, 2, 10.0, 10000.0, -20.0); },
                   ebur128ToleranceLu}),
-    [](const auto& p) { return std::string(p.param.name); });
+    byName);
 
 // The programme meter against libebur128 (integrated loudness, told the
 // channel map) and against a 192 kHz soxr resample (true peak; libebur128's
@@ -142,8 +139,6 @@ constexpr double meterTruePeakToleranceDb = 0.2;
 struct MeterProgramme {
     const char* name;
     test::PlanarAudio (*make)();
-    // ctest names the case, not its bytes.
-    friend void PrintTo(const MeterProgramme& c, std::ostream* os) { *os << c.name; }
 };
 
 // Band-limited to 20 kHz, as recorded material is: between 20 kHz and half
@@ -198,7 +193,7 @@ INSTANTIATE_TEST_SUITE_P(
         MeterProgramme{"white44", [] { return test::whiteNoise(44100.0, 2, 20.0, -20.0, 38); }},
         MeterProgramme{"surround48", [] { return test::surround51(48000.0, 30.0, 39); }},
         MeterProgramme{"surround44", [] { return test::surround51(44100.0, 30.0, 40); }}),
-    [](const auto& p) { return std::string(p.param.name); });
+    byName);
 
 // The limiter fed through the gain it sees in use: the plan for a target,
 // ramped per sample, then limited, tail included.
@@ -253,7 +248,7 @@ INSTANTIATE_TEST_SUITE_P(
         Programme{"tone15k", [] { return tone(15000.0, 0.1); }, toneOvershootDb, 6.0},
         Programme{"tone19k", [] { return tone(19000.0, 0.7); }, toneOvershootDb, 6.0},
         Programme{"tone21k", [] { return tone(21000.0, 0.2); }, toneOvershootDb, 6.0}),
-    [](const auto& p) { return std::string(p.param.name); });
+    byName);
 
 } // namespace
-} // namespace ostrand
+} // namespace ostrand::test

@@ -39,8 +39,6 @@ struct MeterCase {
     FileType type;
     MediaWriter::Encoding encoding;
     int channels;
-    // ctest names the case, not its bytes.
-    friend void PrintTo(const MeterCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class OutputMeterTest : public ::testing::TestWithParam<MeterCase> {};

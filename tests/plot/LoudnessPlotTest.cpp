@@ -1,5 +1,6 @@
 #include "plot/LoudnessPlot.h"
 
+#include "support/NamedCases.h"
 #include "support/SeriesFixtures.h"
 #include "support/TempDir.h"
 
@@ -36,10 +37,6 @@ struct PlotCase {
     std::vector<Probe> probes;
     bool pauseShaded; // at 50 % of the way
 };
-
-void PrintTo(const PlotCase& c, std::ostream* out) {
-    *out << c.name;
-}
 
 QImage readBack(const QString& path) {
     if (path.endsWith(QLatin1String(".png"))) {
