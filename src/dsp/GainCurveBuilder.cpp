@@ -275,7 +275,8 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
         // A loud room passes both gates above; its pauses, and the frames of
         // speech it drowns, must not drag the tracked level down.
         pause.resize(n);
-        const PauseDetector::Levels noise = PauseDetector::markPauses(a.meanSquare, pause);
+        const PauseDetector::Levels noise = PauseDetector::noiseLevels(a.meanSquare);
+        PauseDetector::markQuietStretches(kPower, pause);
         for (std::size_t i = 0; i < n; ++i) {
             // Under a quiet floor the gates above already work: leave the plan alone.
             if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {

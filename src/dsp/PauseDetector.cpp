@@ -61,8 +61,131 @@ std::vector<double> perFrameExtreme(const std::vector<double>& blockDb, std::siz
 
 } // namespace
 
+namespace {
+
+// Largest x[j] for j in [i - back, i + ahead], clipped at the ends: a
+// monotonic queue, amortised constant time per entry.
+std::vector<double> slidingMax(const std::vector<double>& x, std::size_t back, std::size_t ahead) {
+    const std::size_t n = x.size();
+    std::vector<double> out(n);
+    std::vector<std::size_t> queue(n); // indices, values strictly decreasing
+    std::size_t head = 0;
+    std::size_t tail = 0;
+    std::size_t next = 0; // next index to enter
+    for (std::size_t i = 0; i < n; ++i) {
+        for (; next < n && next <= i + ahead; ++next) {
+            while (tail > head && x[queue[tail - 1]] <= x[next]) {
+                --tail;
+            }
+            queue[tail++] = next;
+        }
+        while (queue[head] + back < i) {
+            ++head;
+        }
+        out[i] = x[queue[head]];
+    }
+    return out;
+}
+
+// Centred mean of `width` frames, clipped at the ends, in dB.
+std::vector<double> shortTermDb(std::span<const double> power, std::size_t width) {
+    const std::size_t n = power.size();
+    std::vector<double> prefix(n + 1, 0.0);
+    for (std::size_t k = 0; k < n; ++k) {
+        prefix[k + 1] = prefix[k] + power[k];
+    }
+    std::vector<double> out(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::size_t lo = i >= width / 2 ? i - width / 2 : 0;
+        const std::size_t hi = std::min(n, i + (width - width / 2));
+        out[i] = decibels((prefix[hi] - prefix[lo]) / static_cast<double>(hi - lo));
+    }
+    return out;
+}
+
+} // namespace
+
+void markQuietStretches(std::span<const double> power, std::span<unsigned char> pause) {
+    const std::size_t n = power.size();
+    OSTRAND_REQUIRE(pause.size() == n, "pause mask of the wrong length");
+    if (n == 0) {
+        return;
+    }
+    const auto width = static_cast<std::size_t>(contrastSmoothingFrames);
+    const auto reach = static_cast<std::size_t>(contrastReachFrames);
+    const auto steadyReach = static_cast<std::size_t>(steadyReachFrames);
+    const auto island = static_cast<std::size_t>(islandFrames);
+    const std::vector<double> level = shortTermDb(power, width);
+    const std::vector<double> before = slidingMax(level, reach, 0);
+    const std::vector<double> after = slidingMax(level, 0, reach);
+    std::vector<double> negated(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        negated[i] = -level[i];
+    }
+    const std::vector<double> highest = slidingMax(level, steadyReach, steadyReach);
+    const std::vector<double> lowest = slidingMax(negated, steadyReach, steadyReach);
+    const auto seed = [&](std::size_t i) {
+        const double quiet = level[i] + contrastDb;
+        if (quiet < std::min(before[i], after[i])) {
+            return true; // a gap between phrases, whatever fills it
+        }
+        // Quiet against one side and steady: a long pause over a room or a
+        // bed. A quieter speaker's turn moves with its words.
+        return quiet < std::max(before[i], after[i]) && highest[i] + lowest[i] < steadyWithinDb;
+    };
+    std::vector<unsigned char> mark(n, 0);
+    std::size_t i = 0;
+    std::size_t grownTo = 0; // frames before this are settled
+    while (i < n) {
+        if (!seed(i)) {
+            ++i;
+            continue;
+        }
+        std::size_t begin = i;
+        double top = level[i];
+        while (i < n && seed(i)) {
+            top = std::max(top, level[i]);
+            ++i;
+        }
+        // Grow through what stays at the stretch's own level.
+        std::size_t end = i;
+        while (end < n && level[end] <= top + growAboveDb) {
+            ++end;
+        }
+        while (begin > grownTo && level[begin - 1] <= top + growAboveDb) {
+            --begin;
+        }
+        std::fill(mark.begin() + static_cast<std::ptrdiff_t>(begin),
+                  mark.begin() + static_cast<std::ptrdiff_t>(end), 1);
+        grownTo = end;
+        i = std::max(i, end);
+    }
+    // A breath or a click inside a long pause is part of it.
+    std::size_t previousEnd = 0;
+    std::size_t previousLength = 0;
+    forEachPause(mark, [&](std::size_t begin, std::size_t end) {
+        if (previousLength >= 2 * island && begin - previousEnd < island &&
+            end - begin >= 2 * island) {
+            std::fill(mark.begin() + static_cast<std::ptrdiff_t>(previousEnd),
+                      mark.begin() + static_cast<std::ptrdiff_t>(begin), 1);
+        }
+        previousEnd = end;
+        previousLength = end - begin;
+    });
+    for (std::size_t k = 0; k < n; ++k) {
+        pause[k] = static_cast<unsigned char>(pause[k] | mark[k]);
+    }
+}
+
 std::vector<double> noiseFloorDb(std::span<const double> meanSquare) {
     return perFrameExtreme(blockLevelsDb(meanSquare), meanSquare.size(), floorReachBlocks, false);
+}
+
+Levels noiseLevels(std::span<const double> meanSquare) {
+    const std::vector<double> blockDb = blockLevelsDb(meanSquare);
+    const std::size_t n = meanSquare.size();
+    return {perFrameExtreme(blockDb, n, floorReachBlocks, false),
+            perFrameExtreme(blockDb, n, speechReachBlocks, true)};
 }
 
 Levels markPauses(std::span<const double> meanSquare, std::span<unsigned char> pause) {
@@ -71,9 +194,7 @@ Levels markPauses(std::span<const double> meanSquare, std::span<unsigned char> p
     if (n == 0) {
         return {};
     }
-    const std::vector<double> blockDb = blockLevelsDb(meanSquare);
-    Levels levels{perFrameExtreme(blockDb, n, floorReachBlocks, false),
-                  perFrameExtreme(blockDb, n, speechReachBlocks, true)};
+    Levels levels = noiseLevels(meanSquare);
     const std::vector<double>& floorDb = levels.floorDb;
     const std::vector<double>& speechDb = levels.speechDb;
 

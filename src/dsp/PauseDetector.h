@@ -5,15 +5,15 @@
 #include <span>
 #include <vector>
 
-// Finds the pauses of a recording made in a noisy room or over a quiet bed:
-// stretches where the level stays near the noise floor, however loud that
-// floor is. The floor is a running minimum of short-term power (minimum
-// statistics); speech is what rises a margin above it, and a hangover keeps
-// the weak starts and ends of words with the speech. Pure functions on
-// per-frame levels in dB, 100 frames per second.
+// Finds the pauses of a recording, whatever fills them: room noise, hum,
+// babble, a music bed. A pause is judged by contrast with the speech around
+// it, not by an absolute level, so the same decision holds in a quiet studio
+// and over a loud bed. A running noise floor (minimum statistics) keeps the
+// frames a loud room drowns out of the speech level. Pure functions on
+// per-frame powers, 100 frames per second.
 namespace ostrand::PauseDetector {
 
-// Short-term power: 100 ms.
+// The floor-based decision (markPauses): short-term power over 100 ms.
 inline constexpr std::int64_t smoothingFrames = 10;
 // The floor: the quietest 200 ms block within 8 s either side.
 inline constexpr std::int64_t floorBlockFrames = 20;
@@ -39,6 +39,28 @@ inline constexpr std::int64_t limiterLossFrames = 200;
 // own gates already keep such pauses out.
 inline constexpr double quietFloorBelowGateDb = 15.0;
 
+// Pauses by contrast. Levels are 300 ms means. A stretch `contrastDb` under
+// the loudest level within 2.5 s on BOTH sides is a gap between phrases: a
+// quieter speaker's turn goes on at its own level on one side at least. A
+// stretch that far under one side only is a pause when it is also steady
+// (within `steadyWithinDb` over a second), as a room or a bed is and words
+// are not. Each stretch then grows while the level stays within
+// `growAboveDb` of its own loudest, which carries a pause of any length, and
+// a breath or click between two pauses of 1.6 s or more joins them when the
+// gap it leaves is under 0.8 s (half a second, and the smoothing's spread).
+inline constexpr std::int64_t contrastSmoothingFrames = 30;
+inline constexpr std::int64_t contrastReachFrames = 250;
+inline constexpr double contrastDb = 8.0;
+inline constexpr double steadyWithinDb = 4.0;
+inline constexpr std::int64_t steadyReachFrames = 50;
+inline constexpr double growAboveDb = 2.0;
+inline constexpr std::int64_t islandFrames = 80;
+
+// pause[i] = 1 for the frames of such stretches of `power` (linear, per
+// frame); other entries are left as they are. `pause` must hold as many
+// entries as `power`.
+void markQuietStretches(std::span<const double> power, std::span<unsigned char> pause);
+
 // Noise floor in dB for every frame: the quietest 200 ms block power within
 // the reach around the frame's block. `meanSquare` is linear power.
 std::vector<double> noiseFloorDb(std::span<const double> meanSquare);
@@ -49,8 +71,13 @@ struct Levels {
     std::vector<double> speechDb; // the loudest 200 ms block within `speechReachBlocks`
 };
 
-// pause[i] = 1 when no frame within the hangover of i has a short-term level
-// more than the margin above the floor; 0 otherwise. The margin is half the
+// The floor and the loudest 200 ms block within `speechReachBlocks` of every
+// frame.
+Levels noiseLevels(std::span<const double> meanSquare);
+
+// Whether anything rises above the floor: pause[i] = 1 when no frame within
+// the hangover of i has a short-term level more than the margin above the
+// floor; 0 otherwise. The margin is half the
 // way from the floor to the speech, within the two bounds above. `pause`
 // must hold as many entries as `meanSquare`.
 Levels markPauses(std::span<const double> meanSquare, std::span<unsigned char> pause);

@@ -342,6 +342,87 @@ TEST(PauseDetector, MarksWhatTheDefinitionMarks) {
     }
 }
 
+// Per-frame power of words (syllables at `db`, the gaps between them 15 dB
+// down) for `seconds`, or of a steady bed at `db`.
+void speak(std::vector<double>& power, double seconds, double db) {
+    constexpr int word[] = {25, -10, 15, -30, 20, -8, 12, -25}; // frames, gaps negative
+    int left = static_cast<int>(seconds * 100.0);
+    for (int k = 0; left > 0; k = (k + 1) % 8) {
+        const int length = std::min(left, std::abs(word[k]));
+        power.insert(power.end(), static_cast<std::size_t>(length),
+                     std::pow(10.0, (word[k] > 0 ? db : db - 15.0) / 10.0));
+        left -= length;
+    }
+}
+void hold(std::vector<double>& power, double seconds, double db) {
+    power.insert(power.end(), static_cast<std::size_t>(seconds * 100.0), std::pow(10.0, db / 10.0));
+}
+
+struct Stretch {
+    double seconds;
+    double db;
+    bool speech;
+    bool pause; // what the detector must call it
+};
+
+struct StretchCase {
+    const char* name;
+    std::vector<Stretch> stretches;
+};
+
+void PrintTo(const StretchCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class QuietStretches : public testing::TestWithParam<StretchCase> {};
+
+// Pauses are marked whole; speech keeps all but the gaps between its words.
+TEST_P(QuietStretches, AreThePausesBetweenThePhrases) {
+    std::vector<double> power;
+    std::vector<Span> spans;
+    for (const Stretch& s : GetParam().stretches) {
+        const std::size_t begin = power.size();
+        (s.speech ? speak : hold)(power, s.seconds, s.db);
+        spans.push_back({begin, power.size()});
+    }
+    std::vector<unsigned char> pause(power.size(), 0);
+    PauseDetector::markQuietStretches(power, pause);
+    for (std::size_t k = 0; k < spans.size(); ++k) {
+        // 300 ms off the edges of longer stretches: the smoothing blurs them.
+        const std::size_t trim = spans[k].end - spans[k].begin > 60 ? 30 : 0;
+        const std::size_t begin = spans[k].begin + (k > 0 ? trim : 0);
+        const std::size_t end = spans[k].end - (k + 1 < spans.size() ? trim : 0);
+        const double marked =
+            static_cast<double>(std::count(pause.begin() + static_cast<std::ptrdiff_t>(begin),
+                                           pause.begin() + static_cast<std::ptrdiff_t>(end), 1)) /
+            static_cast<double>(end - begin);
+        if (GetParam().stretches[k].pause) {
+            EXPECT_EQ(marked, 1.0) << "stretch " << k;
+        } else {
+            EXPECT_LE(marked, 0.3) << "stretch " << k;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Programmes, QuietStretches,
+    testing::Values(StretchCase{"musicBedBetweenPhrases",
+                                {{4, -20, true, false},
+                                 {2, -32, false, true},
+                                 {4, -20, true, false},
+                                 {1, -32, false, true},
+                                 {4, -21, true, false}}},
+                    StretchCase{
+                        "quieterSpeakersTurn",
+                        {{6, -20, true, false}, {8, -35, true, false}, {6, -20, true, false}}},
+                    StretchCase{"minuteOfRoomWithABreath",
+                                {{5, -20, true, false},
+                                 {30, -50, false, true},
+                                 {0.3, -38, false, true},
+                                 {30, -50, false, true},
+                                 {5, -22, true, false}}}),
+    [](const testing::TestParamInfo<StretchCase>& param) { return std::string(param.param.name); });
+
 TEST(PauseDetector, PausesHoldTheLouderNeighbourUntilTheLead) {
     using V = std::vector<double>;
     const std::size_t lead = PauseDetector::leadFrames;
