@@ -151,7 +151,8 @@ void OstrandSettings::load() {
     m_revealWhenDone = booleanIn(store.value(Keys::revealWhenDone)).value_or(false);
     m_outputChannels = outputChannelsFromRawValue(stringIn(store.value(Keys::outputChannels)));
     m_exportWAVWithVideo = booleanIn(store.value(Keys::exportWAVWithVideo)).value_or(false);
-    m_noiseAwarePauses = booleanIn(store.value(Keys::noiseAwarePauses)).value_or(false);
+    m_noiseAwarePauses =
+        booleanIn(store.value(Keys::noiseAwarePauses)).value_or(defaultNoiseAwarePauses);
     const QVariant bookmark = store.value(Keys::fixedFolderBookmark);
     if (bookmark.metaType().id() == QMetaType::QByteArray) {
         m_fixedFolderBookmark = bookmark.toByteArray();

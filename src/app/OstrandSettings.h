@@ -31,6 +31,13 @@ QString rawValue(OutputChannels channels);
 // Exactly "mono" is mono; every other text keeps the original channels.
 OutputChannels outputChannelsFromRawValue(const QString& text);
 
+// Whether pauses are judged against the recording's own noise floor when the
+// user has not chosen, in the desktop application and on the command line
+// alike: room noise, hum, babble or a music bed between phrases is then not
+// lifted like speech. Off runs the original plan, which gates against an
+// absolute floor only (LevelingParameters' own default).
+inline constexpr bool defaultNoiseAwarePauses = true;
+
 // A delivery target, identified by its name.
 struct LoudnessPreset {
     QString name;
@@ -44,11 +51,13 @@ struct LoudnessPreset {
     friend bool operator==(const LoudnessPreset&, const LoudnessPreset&) = default;
 };
 
-// The user's choices, persisted in a QSettings store the moment each one is
-// assigned (also when it is assigned its current value, though only a change
-// is signalled), and the folder grants: the fixed output folder's bookmark
-// and the folders the user allowed for saving beside sources. Values of the
-// wrong type in the store fall back to the defaults silently. Main thread only.
+// The user's choices and the folder grants (the fixed output folder's
+// bookmark and the folders the user allowed for saving beside sources),
+// persisted in a QSettings store the moment each one is assigned (also when
+// it is assigned its current value, though only a change is signalled) and
+// never before: a setting the user never chose follows the default of the
+// version that runs. Values of the wrong type in the store fall back to the
+// defaults silently. Main thread only.
 class OstrandSettings : public QObject {
     Q_OBJECT
     Q_PROPERTY(double targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY
@@ -171,7 +180,7 @@ private:
     bool m_revealWhenDone = false;
     OutputChannels m_outputChannels = OutputChannels::keepOriginal;
     bool m_exportWAVWithVideo = false;
-    bool m_noiseAwarePauses = false;
+    bool m_noiseAwarePauses = defaultNoiseAwarePauses;
     std::optional<QByteArray> m_fixedFolderBookmark;
     Grants m_folderGrants;
 };

@@ -68,7 +68,12 @@ never replaced without --force.
   --preset NAME        a preset from "ostrand-cli presets" ("podcast",
                        "streaming", "broadcast" or part of a name)
   --mono               mix the audio down to one channel
-  --noise-aware        keep room noise down in the pauses of noisy recordings
+  --noise-aware        the default: pauses are judged against the recording's
+                       own noise floor, so room noise, hum, babble or a music
+                       bed between phrases is not leveled up like speech
+  --exact              the original plan, gating pauses against an absolute
+                       floor only: for material with no pauses to protect, or
+                       to reproduce earlier results
   --wav-sidecar        also write a 24-bit WAV of the leveled audio beside a
                        leveled video
   -o, --output FILE    write the leveled file exactly here (one input only)
@@ -171,7 +176,7 @@ constexpr OptionSpec specs[] = {
     {"h", "help", nullptr, false},          {nullptr, "version", nullptr, false},
     {nullptr, "target", "LUFS", true},      {nullptr, "ceiling", "DBTP", true},
     {nullptr, "preset", "NAME", true},      {nullptr, "mono", nullptr, true},
-    {nullptr, "noise-aware", nullptr, true},
+    {nullptr, "noise-aware", nullptr, true}, {nullptr, "exact", nullptr, true},
     {nullptr, "wav-sidecar", nullptr, true}, {"o", "output", "FILE", true},
     {nullptr, "output-dir", "DIR", true},   {nullptr, "json", nullptr, false},
     {nullptr, "plot", "FILE", false},       {nullptr, "plot-dir", "DIR", false},
@@ -321,7 +326,11 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         o.preset = presetNamed(*text);
     }
     o.mono = set("mono");
-    o.noiseAware = set("noise-aware");
+    if (set("exact")) {
+        o.noiseAware = false;
+    } else if (set("noise-aware")) {
+        o.noiseAware = true;
+    }
     o.wavSidecar = set("wav-sidecar");
     if (const auto text = value("output")) {
         o.output = fs::path(*text);
@@ -378,6 +387,10 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
     }
     if (o.force && o.skipExisting) {
         throw UsageError{"--force and --skip-existing exclude each other"};
+    }
+    if (set("exact") && set("noise-aware")) {
+        throw UsageError{"--exact and --noise-aware exclude each other (noise-aware is the "
+                         "default)"};
     }
     if (o.output && o.outputDir) {
         throw UsageError{"--output and --output-dir exclude each other"};

@@ -27,7 +27,7 @@ struct CliOptions {
     std::optional<double> ceiling;
     std::optional<LoudnessPreset> preset;
     bool mono = false;
-    bool noiseAware = false;
+    bool noiseAware = defaultNoiseAwarePauses; // --exact turns it off
     bool wavSidecar = false;
     std::optional<std::filesystem::path> output;
     std::optional<std::filesystem::path> outputDir;

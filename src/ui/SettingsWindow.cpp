@@ -154,9 +154,9 @@ QWidget* SettingsWindow::loudnessSection() {
 
     m_noiseAware = new QCheckBox(QStringLiteral("Keep room noise down in pauses"), box);
     m_noiseAware->setObjectName(QStringLiteral("noiseAwarePauses"));
-    m_noiseAware->setToolTip(
-        QStringLiteral("For recordings with audible room noise or a music bed: pauses keep the "
-                       "gain of the speech around them instead of being lifted."));
+    m_noiseAware->setToolTip(QStringLiteral("On by default: room noise, hum or a music bed between "
+                                            "phrases is not lifted like speech. Off runs the "
+                                            "original plan."));
     connect(m_noiseAware, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setNoiseAwarePauses(on); });
     form->addRow(m_noiseAware);

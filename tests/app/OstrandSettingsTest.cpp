@@ -12,8 +12,9 @@ class OstrandSettingsTest : public QObject {
 
 private slots:
     // Each row stores one value as another program or version might have;
-    // `expected` shows every setting then loaded. Values the setters write
-    // load back in assignmentsWriteAtOnce.
+    // `expected` shows every setting then loaded, and loading writes none of
+    // the others, so a setting the user never chose keeps following the
+    // default. Values the setters write load back in assignmentsWriteAtOnce.
     void loads_data() {
         QTest::addColumn<QString>("key");
         QTest::addColumn<QVariant>("stored");
@@ -22,7 +23,7 @@ private slots:
                             const char* expected) {
             QTest::newRow(name) << key << stored << expected;
         };
-        const char* defaults = "-16|-1|nextToOriginal|0|keepOriginal|0|0|0";
+        const char* defaults = "-16|-1|nextToOriginal|0|keepOriginal|0|0|1";
         const auto* grants = OstrandSettings::Keys::folderGrants;
         const QVariant bytes = QByteArray("/a");
         row("only an unknown key", "unknown", 1, defaults);
@@ -30,11 +31,12 @@ private slots:
         row("save mode in another case", "saveMode", "FixedFolder", defaults);
         row("reveal as text", "revealWhenDone", "yes", defaults);
         row("unknown channels", "outputChannels", "stereo", defaults);
-        row("noise-aware pauses as text", "noiseAwarePauses", "true",
-            "-16|-1|nextToOriginal|0|keepOriginal|0|0|1");
-        row("noise-aware pauses as a number", "noiseAwarePauses", 1, defaults);
+        row("noise-aware pauses chosen off", "noiseAwarePauses", false,
+            "-16|-1|nextToOriginal|0|keepOriginal|0|0|0");
+        row("noise-aware pauses chosen on", "noiseAwarePauses", true, defaults);
+        row("noise-aware pauses as a number", "noiseAwarePauses", 0, defaults);
         row("grants", grants, QVariantMap{{"/a", bytes}},
-            "-16|-1|nextToOriginal|0|keepOriginal|0|1|0");
+            "-16|-1|nextToOriginal|0|keepOriginal|0|1|1");
         row("grants, one not bytes", grants, QVariantMap{{"/a", bytes}, {"/b", "/b"}}, defaults);
     }
 
@@ -51,21 +53,22 @@ private slots:
                              << rawValue(s.outputChannels()) << '|' << s.exportWAVWithVideo() << '|'
                              << s.folderGrants().size() << '|' << s.noiseAwarePauses();
         QCOMPARE(values, expected);
+        QCOMPARE(t.store()->allKeys(), QStringList{key});
     }
 
     // Like every setter: a change is signalled once, an equal value never.
     void noiseAwarePausesNotifiesOnlyOnChange() {
         TestSettings t;
         QSignalSpy spy(&t.settings, &OstrandSettings::noiseAwarePausesChanged);
-        t.settings.setNoiseAwarePauses(false);
+        t.settings.setNoiseAwarePauses(true);
         QCOMPARE(spy.count(), 0);
-        t.settings.setNoiseAwarePauses(true);
-        t.settings.setNoiseAwarePauses(true);
+        t.settings.setNoiseAwarePauses(false);
+        t.settings.setNoiseAwarePauses(false);
         QCOMPARE(spy.count(), 1);
     }
 
-    // Every assignment reaches the file at once, also of the current value, and
-    // loads back; each row is named after the line it writes.
+    // Every assignment reaches the file at once, also of the current value,
+    // alone, and loads back; each row is named after the line it writes.
     void assignmentsWriteAtOnce_data() {
         QTest::addColumn<QVariant>("value");
         QTest::newRow("targetLoudness=-18.5") << QVariant(-18.5);
@@ -75,7 +78,7 @@ private slots:
         QTest::newRow("revealWhenDone=true") << QVariant(true);
         QTest::newRow("outputChannels=mono") << QVariant::fromValue(OutputChannels::mono);
         QTest::newRow("exportWAVWithVideo=true") << QVariant(true);
-        QTest::newRow("noiseAwarePauses=true") << QVariant(true);
+        QTest::newRow("noiseAwarePauses=false") << QVariant(false);
     }
 
     void assignmentsWriteAtOnce() {
@@ -86,6 +89,7 @@ private slots:
         QFile file(QFile::decodeName(t.file.c_str()));
         QVERIFY(file.open(QIODevice::ReadOnly));
         QVERIFY(QString::fromUtf8(file.readAll()).contains(line));
+        QCOMPARE(t.store()->allKeys(), QStringList{line.section('=', 0, 0)});
         QCOMPARE(OstrandSettings(t.store()).property(qPrintable(line.section('=', 0, 0))), value);
     }
 };

@@ -307,6 +307,10 @@ INSTANTIATE_TEST_SUITE_P(
         Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
         Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"},
         Usage{"measureNoiseAware", {"measure", "--noise-aware", "a.wav"}, "no --noise-aware"},
+        Usage{"measureExact", {"measure", "--exact", "a.wav"}, "measure takes no --exact"},
+        Usage{"exactAndNoiseAware",
+              {"level", "--exact", "--noise-aware", "a.wav"},
+              "--exact and --noise-aware exclude each other"},
         Usage{"plotTwice", {"level", "--plot", "x.png", "a.wav", "b.wav"}, "exactly one input"},
         Usage{"plotNotAPicture", {"measure", "--plot", "x.jpg", "a.wav"}, "end in .png or .svg"},
         Usage{"plotAndPlotDir",
@@ -558,6 +562,32 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     const CliRun verbose = run(
         {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
     EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
+}
+
+// In a noisy room the pauses are left out of the speech by default (or when
+// asked), and counted as speech by the original plan of --exact.
+TEST(CliTest, PausesAreNoiseAwareUnlessExact) {
+    const TempDir dir;
+    PlanarAudio room = speechLike(48000.0, 1, 6.0, 1);
+    room.append(silence(48000.0, 1, 4.0));
+    room.append(speechLike(48000.0, 1, 6.0, 2));
+    room.applyGainDb(10.0);
+    const PlanarAudio noise = pinkNoise(48000.0, 1, 16.0, -40.0, 3);
+    std::transform(noise.channels[0].begin(), noise.channels[0].end(), room.channels[0].begin(),
+                   room.channels[0].begin(), std::plus<>());
+    const fs::path source = floatWav(dir / "room.wav", room);
+    std::map<std::string, double> active;
+    for (const std::string mode : {"", "--noise-aware", "--exact"}) {
+        std::vector<std::string> args{"level", "--json", "-f", source.string()};
+        if (!mode.empty()) {
+            args.insert(args.begin() + 1, mode);
+        }
+        const CliRun r = run(args);
+        ASSERT_EQ(r.status, exitSuccess) << r.err;
+        active[mode] = jsonLines(r.out).at(0)["activeFraction"].toDouble();
+    }
+    EXPECT_EQ(active[""], active["--noise-aware"]);
+    EXPECT_GT(active["--exact"], active[""] + 0.1);
 }
 
 // The progress line names the batch's place and fits the terminal.
