@@ -19,10 +19,13 @@ struct Ebur128Deleter {
 };
 
 std::unique_ptr<ebur128_state, Ebur128Deleter> meter(std::span<const float> x, double sampleRate,
-                                                     int mode) {
+                                                     int channels, int mode) {
     std::unique_ptr<ebur128_state, Ebur128Deleter> state(
-        ebur128_init(1, static_cast<unsigned long>(std::lround(sampleRate)), mode));
-    if (!state || ebur128_add_frames_float(state.get(), x.data(), x.size()) != EBUR128_SUCCESS) {
+        ebur128_init(static_cast<unsigned>(channels),
+                     static_cast<unsigned long>(std::lround(sampleRate)), mode));
+    if (!state || ebur128_add_frames_float(state.get(), x.data(),
+                                           x.size() / static_cast<std::size_t>(channels)) !=
+                      EBUR128_SUCCESS) {
         throw std::runtime_error("libebur128 failed");
     }
     return state;
@@ -108,16 +111,27 @@ double pauseRiseDb(std::span<const float> before, std::span<const float> after, 
     return rises.size() % 2 == 1 ? rises[m] : 0.5 * (rises[m - 1] + rises[m]);
 }
 
-double integratedLufs(std::span<const float> x, double sampleRate) {
+double integratedLufs(std::span<const float> x, double sampleRate, int channels) {
     double lufs = 0.0;
-    ebur128_loudness_global(meter(x, sampleRate, EBUR128_MODE_I).get(), &lufs);
+    ebur128_loudness_global(meter(x, sampleRate, channels, EBUR128_MODE_I).get(), &lufs);
     return lufs;
 }
 
-double loudnessRangeLu(std::span<const float> x, double sampleRate) {
+double loudnessRangeLu(std::span<const float> x, double sampleRate, int channels) {
     double lu = 0.0;
-    ebur128_loudness_range(meter(x, sampleRate, EBUR128_MODE_LRA).get(), &lu);
+    ebur128_loudness_range(meter(x, sampleRate, channels, EBUR128_MODE_LRA).get(), &lu);
     return lu;
+}
+
+double truePeakDb(std::span<const float> x, double sampleRate, int channels) {
+    const auto state = meter(x, sampleRate, channels, EBUR128_MODE_TRUE_PEAK);
+    double peak = 0.0;
+    for (int c = 0; c < channels; ++c) {
+        double channelPeak = 0.0;
+        ebur128_true_peak(state.get(), static_cast<unsigned>(c), &channelPeak);
+        peak = std::max(peak, channelPeak);
+    }
+    return 20.0 * std::log10(peak + 1e-20);
 }
 
 double speakersGapLu(std::span<const float> x, double sampleRate, const Labels& labels) {

@@ -34,9 +34,11 @@ double meanSquareDb(std::span<const float> x, Span span);
 double pauseRiseDb(std::span<const float> before, std::span<const float> after, double sampleRate,
                    const std::vector<Span>& pauses);
 
-// Integrated loudness (LUFS) and loudness range (LU) by libebur128.
-double integratedLufs(std::span<const float> x, double sampleRate);
-double loudnessRangeLu(std::span<const float> x, double sampleRate);
+// Integrated loudness (LUFS), loudness range (LU) and true peak (dBTP, the
+// largest of the channels) by libebur128; x holds `channels` interleaved.
+double integratedLufs(std::span<const float> x, double sampleRate, int channels = 1);
+double loudnessRangeLu(std::span<const float> x, double sampleRate, int channels = 1);
+double truePeakDb(std::span<const float> x, double sampleRate, int channels = 1);
 
 // Largest minus smallest integrated loudness of the speakers, each measured
 // over their sentences put end to end; 0 for fewer than two speakers.

@@ -91,6 +91,20 @@ TEST(SpeakersGap, IsTheLoudnessOfEachSpeakersSentences) {
     EXPECT_EQ(speakersGapLu(x, rate, labels), 0.0);
 }
 
+TEST(Meters, TakeInterleavedChannels) {
+    // A tone on both channels is 3 dB louder than on one, its peak the same;
+    // a channel count ignored would read frames as twice as long or short.
+    const auto mono = programme(8, {}, -20.0, -20.0);
+    std::vector<float> stereo;
+    for (const float v : mono) {
+        stereo.insert(stereo.end(), {v, v});
+    }
+    const double monoLufs = integratedLufs(mono, rate);
+    EXPECT_NEAR(integratedLufs(stereo, rate, 2) - monoLufs, 3.01, 0.02);
+    EXPECT_NEAR(truePeakDb(stereo, rate, 2), -20.0 + 3.01, 0.1);
+    EXPECT_NEAR(loudnessRangeLu(stereo, rate, 2), loudnessRangeLu(mono, rate), 0.01);
+}
+
 TEST(Labels, ReadWhatWasWritten) {
     Labels labels;
     labels.pauses = {{10, 20}, {30, 45}};
