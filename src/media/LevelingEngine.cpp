@@ -26,22 +26,25 @@ namespace ostrand::LevelingEngine {
 
 namespace {
 
-// Reports a pass's progress when it has moved by more than half a percent,
-// so a pass sends at most about 200 reports.
+// A pass reports its progress when it has moved by more than this share of
+// the pass, so it sends at most about 200 reports.
+constexpr double reportStep = 0.005;
+
 class PassProgress {
 public:
     PassProgress(const ProgressHandler& handler, LevelingPhase phase, double expectedSamples,
-                 double start, double share)
+                 double start, double share, double step = reportStep)
         : m_handler(handler)
         , m_phase(phase)
         , m_expected(expectedSamples)
         , m_start(start)
-        , m_share(share) {}
+        , m_share(share)
+        , m_step(step) {}
 
     void advance(std::int64_t samples) {
         m_read += samples;
         const double f = static_cast<double>(m_read) / m_expected;
-        if (f - m_lastReported > 0.005) {
+        if (f - m_lastReported > m_step) {
             m_lastReported = f;
             if (m_handler) {
                 m_handler(LevelingProgress{m_phase, m_start + m_share * std::min(f, 1.0)});
@@ -55,6 +58,7 @@ private:
     double m_expected;
     double m_start;
     double m_share;
+    double m_step;
     std::int64_t m_read = 0;
     double m_lastReported = 0.0;
 };
@@ -175,7 +179,7 @@ std::vector<std::string> warnings(const LevelingReport& report, double targetLou
                         (offTarget < 0.0 ? "quieter" : "louder") + " than the target of " +
                         tenths(targetLoudness) + " LUFS");
     }
-    if (report.outputTruePeak > truePeakCeiling + overCeilingWarningDb) {
+    if (report.outputTruePeak > truePeakCeiling + overCeilingDb) {
         found.push_back("the output's true peak of " + tenths(report.outputTruePeak) +
                         " dBTP is above the ceiling of " + tenths(truePeakCeiling) + " dBTP");
     }
@@ -219,8 +223,6 @@ struct Job {
 // One leveling pass into complete but still unnamed files: dropping it
 // removes them.
 struct Attempt {
-    GainCurve curve;
-    double ceiling = 0.0; // the plan's and, untrimmed, the limiter's
     std::unique_ptr<MediaWriter> output;
     std::unique_ptr<MediaWriter> sidecar;
     double ownLoudness = 0.0; // the leveler's own figure
@@ -229,24 +231,14 @@ struct Attempt {
     std::vector<float> limiterReduction; // dB, per frame
 };
 
-// The plan is made for a limiter at `ceiling`; `trimDb` then lowers the gains
-// and the limiter's ceiling alike, so that the limiter does the same work and
-// the output is the untrimmed one, quieter by that much.
-Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
-                     const LevelingParameters& parameters, double ceiling, double trimDb,
-                     double progressStart, double progressShare) {
+// The plan's gains through a limiter whose threshold is `thresholdDb`.
+Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCurve& curve,
+                     double thresholdDb, double progressStart, double progressShare,
+                     double progressStep) {
     const MediaAsset& asset = job.opened.asset;
     const double rate = job.opened.format.sampleRate;
     const std::int64_t channels = job.opened.format.channels;
     Attempt attempt;
-    attempt.ceiling = ceiling;
-    attempt.curve =
-        GainCurveBuilder::build(analysis, parameters, ceiling, limiterReleaseMs / 1000.0);
-    for (double& gainDb : attempt.curve.gainDB) {
-        gainDb -= trimDb;
-    }
-    const GainCurve& curve = attempt.curve;
-    const double limiterCeiling = ceiling - trimDb;
 
     // A failure from here on drops the writers, which removes what they wrote.
     attempt.output =
@@ -259,7 +251,7 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
             channels, MediaWriter::Encoding::pcm24, asset, std::vector<MediaAsset::VideoTrack>{});
     }
     MediaWriter* sidecar = attempt.sidecar.get();
-    TruePeakLimiter limiter(channels, rate, limiterCeiling, limiterLookaheadMs, limiterReleaseMs);
+    TruePeakLimiter limiter(channels, rate, thresholdDb, limiterLookaheadMs, limiterReleaseMs);
     FrameAnalyzer outputAnalyzer(rate, channels);
     ReductionTrack reduction(curve.frameLength, limiter.latency());
 
@@ -282,7 +274,7 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis,
     };
 
     PassProgress pass(job.progress, LevelingPhase::leveling, job.expectedSamples, progressStart,
-                      progressShare);
+                      progressShare, progressStep);
     MixedAudioReader reader(asset, job.opened.format, job.opened.tracks, job.isCancelled);
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
         checkCancelled(job.isCancelled);
@@ -400,27 +392,40 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     const double frameSeconds = static_cast<double>(analyzer.frameLength()) / rate;
     const FrameAnalysis analysis = std::move(analyzer).analysis();
 
-    // A lossy codec adds peaks of its own above the limiter's: the limiter
-    // works below the ceiling, and when the decoded output still went over,
-    // a second pass makes the same output quieter by the excess.
-    const bool lossy = MediaWriter::isLossy(encoding);
-    const double levelingShare = 1.0 - analysisShare - (lossy ? secondPassShare : 0.0);
+    // A lossy codec adds peaks of its own above the limiter's, so its limiter
+    // starts below the ceiling. The plan counts on that threshold.
+    const double firstThresholdDb =
+        truePeakCeiling - (MediaWriter::isLossy(encoding) ? lossyHeadroomDb : 0.0);
+    const GainCurve curve =
+        GainCurveBuilder::build(analysis, parameters, firstThresholdDb, limiterReleaseMs / 1000.0);
+
+    // Peaks the limiter's estimate missed, or the encoder added, take the
+    // file over the ceiling: level it again with the same gains and a lower
+    // threshold, so that only the peaks give way. Each retry takes half of
+    // the progress still left to retries and reports at the first pass's pace.
+    double thresholdDb = firstThresholdDb;
+    double progressStart = analysisShare;
+    const double firstShare = 1.0 - analysisShare - retryShare;
+    double progressShare = firstShare;
     Attempt attempt =
-        levelingPass(job, analysis, parameters, truePeakCeiling - (lossy ? lossyHeadroomDb : 0.0),
-                     0.0, analysisShare, levelingShare);
-    const double excess = attempt.output->measured().truePeak - truePeakCeiling;
-    if (lossy && excess > 0.0) {
-        const double ceiling = attempt.ceiling;
-        attempt = {};
-        attempt = levelingPass(job, analysis, parameters, ceiling, excess + secondPassMarginDb,
-                               analysisShare + levelingShare, secondPassShare);
+        levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare, reportStep);
+    for (int retry = 0; retry < maxRetries; ++retry) {
+        const double excess = attempt.output->measured().truePeak - truePeakCeiling;
+        if (!(excess > overCeilingDb)) {
+            break;
+        }
+        thresholdDb -= excess + retryMarginDb;
+        progressStart += progressShare;
+        progressShare = (1.0 - progressStart) / 2.0;
+        attempt = {}; // its files go before the next ones are written
+        attempt = levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare,
+                               reportStep * firstShare / progressShare);
     }
     name(attempt, destination);
     if (progress) {
         progress(LevelingProgress{LevelingPhase::leveling, 1.0});
     }
 
-    const GainCurve& curve = attempt.curve;
     const LoudnessFigures& measured = attempt.output->measured();
     LevelingReport report;
     report.outputURL = attempt.output->url();
@@ -428,6 +433,11 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         report.audioSidecarURL = attempt.sidecar->url();
     }
     report.notes = attempt.output->notes();
+    if (thresholdDb < firstThresholdDb) {
+        report.notes.push_back("limiter threshold lowered by " +
+                               tenths(firstThresholdDb - thresholdDb) +
+                               " dB to keep the true peak under the ceiling");
+    }
     report.duration = asset.durationSeconds;
     report.inputLoudness = curve.inputLoudness;
     report.outputLoudness = attempt.ownLoudness;

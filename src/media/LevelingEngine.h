@@ -25,17 +25,20 @@ namespace ostrand::LevelingEngine {
 inline constexpr double limiterLookaheadMs = 5.0;
 inline constexpr double limiterReleaseMs = 200.0;
 inline constexpr double analysisShare = 0.3; // of the job's progress
-// Lossy outputs: the limiter's ceiling sits this far below the asked one,
-// for the peaks the encoder adds; a second pass, when the decoded output
-// still went over, takes the last share of the progress and makes the same
-// output quieter by the excess and this margin.
+// Lossy outputs: the limiter's threshold sits this far below the ceiling,
+// for the peaks the encoder adds.
 inline constexpr double lossyHeadroomDb = 0.3;
-inline constexpr double secondPassShare = 0.15;
-inline constexpr double secondPassMarginDb = 0.1;
+// A written file over the ceiling by more than overCeilingDb, by the
+// writer's meter, is leveled again, at most maxRetries times, with the
+// limiter's threshold lowered by the excess and this margin; the retries
+// take the last share of the progress.
+inline constexpr double retryMarginDb = 0.1;
+inline constexpr int maxRetries = 3;
+inline constexpr double retryShare = 0.15;
 // Warnings: the output's loudness this far from the target, its true peak
 // further above the ceiling than a figure shown to a tenth can tell.
 inline constexpr double offTargetWarningLu = 1.0;
-inline constexpr double overCeilingWarningDb = 0.05;
+inline constexpr double overCeilingDb = 0.05;
 
 using ProgressHandler = std::function<void(const LevelingProgress&)>;
 using CancelCheck = std::function<bool()>;

@@ -59,7 +59,8 @@ struct LevelingReport {
     // 2.1 LU quieter than the target"), one plain sentence each.
     std::vector<std::string> warnings = {};
     // What of the source the output could not keep (subtitles, cover art,
-    // chapters ...), one plain sentence each; empty when everything was kept.
+    // chapters ...) and whether the limiter's threshold had to be lowered to
+    // keep the ceiling, one plain sentence each; empty when neither.
     std::vector<std::string> notes = {};
     // Shared, so that copies of a report stay cheap; null when not drawn.
     std::shared_ptr<const LevelingSeries> series = {};

@@ -24,14 +24,20 @@ namespace fs = std::filesystem;
 constexpr double target = -16.0;
 constexpr double ceiling = -1.0;
 // libebur128 on the decoded output: WAV misses only where the limiter departs
-// from the plan's model of it; several dB of limiting, or AAC's own error, add
-// to that.
+// from the plan's model of it; several dB of limiting, AAC's own error, or a
+// retry with the limiter's threshold lowered under the ceiling add to that.
 constexpr double wavToleranceLu = 0.3;
-constexpr double looseToleranceLu = 0.5;
+constexpr double looseToleranceLu = 0.6;
 // Our shelf filter reads speech a little lower than libebur128 does.
 constexpr double meterOffsetLu = 0.1;
-// The soxr reference finds peaks between samples that the limiter's 4x estimate misses.
+// The soxr reference finds peaks between samples that the limiter's 4x estimate misses;
+// lossy outputs are leveled again only when the writer's meter finds them.
 constexpr double truePeakOvershootDb = 0.3;
+// PCM outputs are leveled again when the writer's meter reads them over.
+constexpr double pcmOvershootDb = 0.1;
+// The writer's meter is flat to 20 kHz; soxr's passband reaches 24 kHz, where
+// full-band noise has peaks the writer's meter reads up to 0.3 dB low.
+constexpr double fullBandPeakGapDb = 0.3;
 // One step of a 24-bit WAV output.
 constexpr float pcm24Step = 1.0f / 8388608.0f;
 // Where ffprobe reports the display matrix's rotation.
@@ -116,7 +122,8 @@ TEST_P(LoudnessTest, HitsTheTargetUnderTheCeilingWithSteadyProgress) {
     expectSeriesAgree(report, c.targetLufs);
 
     EXPECT_GT(seen.size(), 50u);
-    EXPECT_LE(seen.size(), 410u) << "too many reports for a user interface";
+    // About 200 for each pass, fewer for a retry.
+    EXPECT_LE(seen.size(), 460u) << "too many reports for a user interface";
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end(), [](auto a, auto b) {
         return a.fraction < b.fraction || a.phase < b.phase;
     }));
@@ -138,25 +145,31 @@ struct CeilingCase {
     const char* name;
     PlanarAudio (*signal)();
     const char* source; // its extension picks the output's codec
-    const char* codec;  // of the source
+    const char* codec;  // of the source; none: the float WAV itself
     double targetLufs;
+    double peakToleranceDb; // above the ceiling
+    bool onTarget;          // false: limited so deep that the plan cannot hold the target
 };
 
 class CeilingTest : public ::testing::TestWithParam<CeilingCase> {};
 
-// Lossy codecs add peaks of their own between the limiter and the file: the
-// decoded output, read by independent meters, still keeps the ceiling.
-TEST_P(CeilingTest, DecodedLossyOutputKeepsTheCeiling) {
+// Peaks the limiter's estimate misses, or a lossy codec adds, are caught in
+// the written file and leveled again below the ceiling, as independent meters
+// read it, without giving up the target's loudness.
+TEST_P(CeilingTest, DecodedOutputKeepsTheCeilingAndTheTarget) {
     const TempDir dir;
     const CeilingCase& c = GetParam();
     const fs::path wav = floatWav(dir / "in.wav", c.signal());
-    const fs::path source = makeMedia(dir / c.source, {.audio = {{.codec = c.codec, .from = wav}}});
+    fs::path source = wav;
+    if (c.codec) {
+        source = makeMedia(dir / c.source, {.audio = {{.codec = c.codec, .from = wav}}});
+    }
     const fs::path output = dir / ("out." + LevelingEngine::outputExtension(source));
     std::vector<double> fractions;
     const LevelingReport report = level(
         source, output,
         {.targetLufs = c.targetLufs, .progress = [&](auto p) { fractions.push_back(p.fraction); }});
-    // A second pass, if one was needed, moves on from where the first stopped.
+    // A retry, if one was needed, moves on from where the pass before stopped.
     EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
     EXPECT_EQ(fractions.back(), 1.0);
 
@@ -167,24 +180,56 @@ TEST_P(CeilingTest, DecodedLossyOutputKeepsTheCeiling) {
                 "limiter %.1f dB\n",
                 c.name, peak, report.outputTruePeak, loudness, report.outputIntegratedLoudness,
                 report.limiterGainReduction);
-    EXPECT_LE(peak, ceiling + truePeakOvershootDb);
-    EXPECT_NEAR(report.outputTruePeak, peak, 0.2);
+    EXPECT_LE(peak, ceiling + c.peakToleranceDb);
+    if (c.onTarget) {
+        EXPECT_NEAR(loudness, c.targetLufs, wavToleranceLu);
+    }
+    EXPECT_NEAR(report.outputTruePeak, peak, fullBandPeakGapDb);
     EXPECT_NEAR(report.outputIntegratedLoudness, loudness, 0.2);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    HighGain, CeilingTest,
-    ::testing::Values(CeilingCase{"SpeechM4a", [] { return speechLike(48000.0, 2, 20.0, 7); },
-                                  "a.m4a", "alac", -9.0},
-                      CeilingCase{"PinkNoiseM4a",
-                                  [] { return pinkNoise(48000.0, 2, 10.0, -30.0, 3); }, "a.m4a",
-                                  "alac", -9.0},
-                      CeilingCase{"BrightMusicM4a",
-                                  [] { return brightMusicLike(44100.0, 2, 10.0, 5); }, "a.m4a",
-                                  "alac", -9.0},
-                      CeilingCase{"SpeechWebmOpus", [] { return speechLike(48000.0, 2, 20.0, 7); },
-                                  "a.webm", "libopus", -9.0}),
-    byName);
+// Plosive-like clicks once a second, a few samples of alternating sign.
+PlanarAudio withClicks(PlanarAudio audio, float level, std::size_t width) {
+    const auto step = static_cast<std::size_t>(audio.sampleRate);
+    for (auto& channel : audio.channels) {
+        for (std::size_t i = step / 2; i + width < channel.size(); i += step + 777) {
+            for (std::size_t k = 0; k < width; ++k) {
+                channel[i + k] += k % 2 ? -level : level;
+            }
+        }
+    }
+    return audio;
+}
+
+// Hot: speech 10 dB louder than speechLike's, its peaks above full scale.
+PlanarAudio hotClickySpeech() {
+    PlanarAudio speech = speechLike(44100.0, 1, 20.0, 7);
+    speech.applyGainDb(10.0);
+    return withClicks(std::move(speech), 1.0f, 3);
+}
+
+const CeilingCase ceilingCases[] = {
+    {"SpeechM4a", [] { return speechLike(48000.0, 2, 20.0, 7); }, "a.m4a", "alac", -9.0,
+     truePeakOvershootDb, false},
+    {"PinkNoiseM4a", [] { return pinkNoise(48000.0, 2, 10.0, -30.0, 3); }, "a.m4a", "alac", -9.0,
+     truePeakOvershootDb, false},
+    {"BrightMusicM4a", [] { return brightMusicLike(44100.0, 2, 10.0, 5); }, "a.m4a", "alac", -9.0,
+     truePeakOvershootDb, false},
+    {"SpeechWebmOpus", [] { return speechLike(48000.0, 2, 20.0, 7); }, "a.webm", "libopus", -9.0,
+     truePeakOvershootDb, false},
+    {"HotClickySpeechAacMono44k", hotClickySpeech, "a.m4a", "aac", target, truePeakOvershootDb,
+     true},
+    {"HotClickySpeechMp3", hotClickySpeech, "a.mp3", "libmp3lame", target, truePeakOvershootDb,
+     true},
+    {"SquareWav", [] { return square(44100.0, 1, 10.0, 440.0, 0.1); }, "", nullptr, -3.0,
+     pcmOvershootDb, true},
+    // The limiter's estimate misses 2 dB of white noise's peaks; lowering its
+    // threshold that far costs as much loudness.
+    {"WhiteNoiseWav", [] { return whiteNoise(48000.0, 2, 10.0, -20.0, 15); }, "", nullptr, -3.0,
+     fullBandPeakGapDb, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(HighGain, CeilingTest, ::testing::ValuesIn(ceilingCases), byName);
 
 struct WarningCase {
     const char* name;
@@ -227,10 +272,10 @@ INSTANTIATE_TEST_SUITE_P(
                                   talk30,
                                   -6.0,
                                   -12.0,
-                                  // Limited 13 dB deep, the leveler's 4x
-                                  // estimate lets a tenth through.
-                                  {" LU quieter than the target of -6.0 LUFS",
-                                   " dBTP is above the ceiling of -12.0 dBTP"}}),
+                                  // Limited 13 dB deep; the peaks the
+                                  // limiter's estimate lets through are
+                                  // leveled again below the ceiling.
+                                  {" LU quieter than the target of -6.0 LUFS"}}),
     byName);
 
 TEST(LevelingEngineTest, TruePeakAboveTheCeilingIsWarned) {
