@@ -396,25 +396,39 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     // starts below the ceiling. The plan counts on that threshold.
     const double firstThresholdDb =
         truePeakCeiling - (MediaWriter::isLossy(encoding) ? lossyHeadroomDb : 0.0);
-    const GainCurve curve =
-        GainCurveBuilder::build(analysis, parameters, firstThresholdDb, limiterReleaseMs / 1000.0);
+    LevelingParameters planned = parameters;
+    GainCurve curve =
+        GainCurveBuilder::build(analysis, planned, firstThresholdDb, limiterReleaseMs / 1000.0);
 
     // Peaks the limiter's estimate missed, or the encoder added, take the
     // file over the ceiling: level it again with the same gains and a lower
-    // threshold, so that only the peaks give way. Each retry takes half of
-    // the progress still left to retries and reports at the first pass's pace.
+    // threshold, so that only the peaks give way. A file under the ceiling
+    // but off the target is planned once more for a target moved by the miss.
+    // Each retry takes half of the progress still left to retries and reports
+    // at the first pass's pace.
     double thresholdDb = firstThresholdDb;
+    bool replanned = false;
     double progressStart = analysisShare;
     const double firstShare = 1.0 - analysisShare - retryShare;
     double progressShare = firstShare;
     Attempt attempt =
         levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare, reportStep);
     for (int retry = 0; retry < maxRetries; ++retry) {
-        const double excess = attempt.output->measured().truePeak - truePeakCeiling;
-        if (!(excess > overCeilingDb)) {
+        const LoudnessFigures& written = attempt.output->measured();
+        const double excess = written.truePeak - truePeakCeiling;
+        const double miss = parameters.targetLoudness - written.integratedLoudness;
+        if (excess > overCeilingDb) {
+            thresholdDb -= excess + retryMarginDb;
+        } else if (!replanned && std::fabs(miss) > replanOffTargetLu &&
+                   std::fabs(miss) <= offTargetWarningLu &&
+                   written.integratedLoudness > GainCurveBuilder::emptyLoudness) {
+            planned.targetLoudness += miss;
+            curve =
+                GainCurveBuilder::build(analysis, planned, thresholdDb, limiterReleaseMs / 1000.0);
+            replanned = true;
+        } else {
             break;
         }
-        thresholdDb -= excess + retryMarginDb;
         progressStart += progressShare;
         progressShare = (1.0 - progressStart) / 2.0;
         attempt = {}; // its files go before the next ones are written
@@ -437,6 +451,10 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         report.notes.push_back("limiter threshold lowered by " +
                                tenths(firstThresholdDb - thresholdDb) +
                                " dB to keep the true peak under the ceiling");
+    }
+    if (replanned) {
+        report.notes.push_back("planned again for " + tenths(planned.targetLoudness) +
+                               " LUFS to meet the target");
     }
     report.duration = asset.durationSeconds;
     report.inputLoudness = curve.inputLoudness;
