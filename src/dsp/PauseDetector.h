@@ -35,9 +35,10 @@ inline constexpr double clearSpeechAboveFloorDb = 15.0;
 inline constexpr std::int64_t leadFrames = 30;
 // The limiter's loss is judged on the 2 s of speech either side of a pause.
 inline constexpr std::int64_t limiterLossFrames = 200;
-// A floor this far under the activity floor of the plan is clean: the plan's
-// own gates already keep such pauses out.
-inline constexpr double quietFloorBelowGateDb = 15.0;
+// A floor this far under the activity floor of the plan (-68 dBFS) is a
+// clean room: the plan stays exactly as the gates make it. A room at -66
+// still hisses once leveled up, and is treated.
+inline constexpr double quietFloorBelowGateDb = 18.0;
 
 // Pauses by contrast. Levels are 300 ms means. A stretch `contrastDb` under
 // the loudest level within 2.5 s on BOTH sides is a gap between phrases: a
