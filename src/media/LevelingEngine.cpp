@@ -403,7 +403,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     // Peaks the limiter's estimate missed, or the encoder added, take the
     // file over the ceiling: level it again with the same gains and a lower
     // threshold, so that only the peaks give way. A file under the ceiling
-    // but off the target is planned once more for a target moved by the miss.
+    // but off the target is planned again for a target moved by the miss.
     // Each retry takes half of the progress still left to retries and reports
     // at the first pass's pace.
     double thresholdDb = firstThresholdDb;
@@ -419,12 +419,13 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         const double miss = parameters.targetLoudness - written.integratedLoudness;
         if (excess > overCeilingDb) {
             thresholdDb -= excess + retryMarginDb;
-        } else if (!replanned && std::fabs(miss) > replanOffTargetLu &&
-                   std::fabs(miss) <= offTargetWarningLu &&
+        } else if (std::fabs(miss) > replanOffTargetLu && std::fabs(miss) <= offTargetWarningLu &&
                    written.integratedLoudness > GainCurveBuilder::emptyLoudness) {
+            // The miss already holds what a lowered threshold took: the plan
+            // keeps its first limiter model and moves only its target.
             planned.targetLoudness += miss;
-            curve =
-                GainCurveBuilder::build(analysis, planned, thresholdDb, limiterReleaseMs / 1000.0);
+            curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb,
+                                            limiterReleaseMs / 1000.0);
             replanned = true;
         } else {
             break;

@@ -35,8 +35,9 @@ inline constexpr double lossyHeadroomDb = 0.3;
 inline constexpr double retryMarginDb = 0.1;
 // A file under the ceiling whose loudness, by the writer's meter, misses the
 // target by more than this (but not by the warning's LU, which is material
-// the ceiling holds down) is planned once more, for a target moved by the
-// miss: the plan's limiter model is per frame, the limiter per sample.
+// the ceiling holds down) is planned again, for a target moved by the miss:
+// the plan's limiter model is per frame, the limiter per sample. Both kinds
+// of retry share the maxRetries.
 inline constexpr double replanOffTargetLu = 0.2;
 inline constexpr int maxRetries = 3;
 inline constexpr double retryShare = 0.15;
