@@ -135,7 +135,7 @@ const test::PlanarAudio& noisyProgramme() {
 }
 
 // One hour of frames: the analysis of 20 s repeated to 360,000 frames. The
-// arguments: the pause mode (0 the default plan, 1 noise-aware pauses) and
+// arguments: the pause mode (0 the exact plan, 1 the default noise-aware pauses) and
 // the programme (0 as recorded, 1 in a noisy room).
 void BM_GainCurveBuildOneHour(benchmark::State& state) {
     const test::PlanarAudio& audio = state.range(1) != 0 ? noisyProgramme() : programme();
