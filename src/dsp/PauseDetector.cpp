@@ -124,9 +124,14 @@ void markQuietStretches(std::span<const double> power, std::span<unsigned char> 
     }
     const std::vector<double> highest = slidingMax(level, steadyReach, steadyReach);
     const std::vector<double> lowest = slidingMax(negated, steadyReach, steadyReach);
+    constexpr double beyondTheFile = std::numeric_limits<double>::infinity();
     const auto seed = [&](std::size_t i) {
         const double quiet = level[i] + contrastDb;
-        if (quiet < std::min(before[i], after[i])) {
+        // Past either end of the file there is nothing to be louder than: a
+        // stretch quiet against the one side it has is a lead-in or an outro.
+        const double left = i < reach ? beyondTheFile : before[i];
+        const double right = i + reach >= n ? beyondTheFile : after[i];
+        if (quiet < std::min(left, right)) {
             return true; // a gap between phrases, whatever fills it
         }
         // Quiet against one side and steady: a long pause over a room or a

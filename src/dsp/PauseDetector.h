@@ -42,7 +42,8 @@ inline constexpr double quietFloorBelowGateDb = 18.0;
 
 // Pauses by contrast. Levels are 300 ms means. A stretch `contrastDb` under
 // the loudest level within 2.5 s on BOTH sides is a gap between phrases: a
-// quieter speaker's turn goes on at its own level on one side at least. A
+// quieter speaker's turn goes on at its own level on one side at least. Near
+// the file's ends the side beyond it counts as louder (lead-ins, outros). A
 // stretch that far under one side only is a pause when it is also steady
 // (within `steadyWithinDb` over a second), as a room or a bed is and words
 // are not. Each stretch then grows while the level stays within

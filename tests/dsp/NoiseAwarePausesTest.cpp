@@ -406,21 +406,23 @@ TEST_P(QuietStretches, AreThePausesBetweenThePhrases) {
 
 INSTANTIATE_TEST_SUITE_P(
     Programmes, QuietStretches,
-    testing::Values(StretchCase{"musicBedBetweenPhrases",
-                                {{4, -20, true, false},
-                                 {2, -32, false, true},
-                                 {4, -20, true, false},
-                                 {1, -32, false, true},
-                                 {4, -21, true, false}}},
-                    StretchCase{
-                        "quieterSpeakersTurn",
-                        {{6, -20, true, false}, {8, -35, true, false}, {6, -20, true, false}}},
-                    StretchCase{"minuteOfRoomWithABreath",
-                                {{5, -20, true, false},
-                                 {30, -50, false, true},
-                                 {0.3, -38, false, true},
-                                 {30, -50, false, true},
-                                 {5, -22, true, false}}}),
+    testing::Values(
+        StretchCase{"musicBedBetweenPhrases",
+                    {{4, -20, true, false},
+                     {2, -32, false, true},
+                     {4, -20, true, false},
+                     {1, -32, false, true},
+                     {4, -21, true, false}}},
+        StretchCase{"quieterSpeakersTurn",
+                    {{6, -20, true, false}, {8, -35, true, false}, {6, -20, true, false}}},
+        StretchCase{"fadingOutroAfterTheLastPhrase",
+                    {{5, -20, true, false}, {0.8, -31, false, true}, {0.8, -37, false, true}}},
+        StretchCase{"minuteOfRoomWithABreath",
+                    {{5, -20, true, false},
+                     {30, -50, false, true},
+                     {0.3, -38, false, true},
+                     {30, -50, false, true},
+                     {5, -22, true, false}}}),
     [](const testing::TestParamInfo<StretchCase>& param) { return std::string(param.param.name); });
 
 TEST(PauseDetector, PausesHoldTheLouderNeighbourUntilTheLead) {
