@@ -7,6 +7,7 @@
 #include <QVariantMap>
 
 #include <algorithm>
+#include <cmath>
 
 namespace ostrand {
 
@@ -74,6 +75,14 @@ std::optional<double> numberIn(const QVariant& value) {
     }
 }
 
+std::optional<double> numberIn(const QVariant& value, double minimum, double maximum) {
+    const auto number = numberIn(value);
+    if (!number || !std::isfinite(*number) || *number < minimum || *number > maximum) {
+        return std::nullopt;
+    }
+    return number;
+}
+
 std::optional<bool> booleanIn(const QVariant& value) {
     if (value.metaType().id() == QMetaType::Bool) {
         return value.toBool();
@@ -90,8 +99,26 @@ std::optional<bool> booleanIn(const QVariant& value) {
     return std::nullopt;
 }
 
-QString stringIn(const QVariant& value) {
-    return value.metaType().id() == QMetaType::QString ? value.toString() : QString();
+// Exactly the raw value of one of `all`.
+template <typename Enum, std::size_t count>
+std::optional<Enum> enumIn(const QVariant& value, const std::array<Enum, count>& all) {
+    if (value.metaType().id() != QMetaType::QString) {
+        return std::nullopt;
+    }
+    const QString text = value.toString();
+    for (const Enum candidate : all) {
+        if (rawValue(candidate) == text) {
+            return candidate;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<QByteArray> bytesIn(const QVariant& value) {
+    if (value.metaType().id() != QMetaType::QByteArray) {
+        return std::nullopt;
+    }
+    return value.toByteArray();
 }
 
 // The whole dictionary, or nothing when any value is not bytes.
@@ -145,19 +172,40 @@ OstrandSettings& OstrandSettings::shared() {
 
 void OstrandSettings::load() {
     const QSettings& store = *m_store;
-    m_targetLoudness = numberIn(store.value(Keys::targetLoudness)).value_or(-16.0);
-    m_truePeakCeiling = numberIn(store.value(Keys::truePeakCeiling)).value_or(-1.0);
-    m_saveMode = saveModeFromRawValue(stringIn(store.value(Keys::saveMode)));
-    m_revealWhenDone = booleanIn(store.value(Keys::revealWhenDone)).value_or(false);
-    m_outputChannels = outputChannelsFromRawValue(stringIn(store.value(Keys::outputChannels)));
-    m_exportWAVWithVideo = booleanIn(store.value(Keys::exportWAVWithVideo)).value_or(false);
-    m_noiseAwarePauses =
-        booleanIn(store.value(Keys::noiseAwarePauses)).value_or(defaultNoiseAwarePauses);
-    const QVariant bookmark = store.value(Keys::fixedFolderBookmark);
-    if (bookmark.metaType().id() == QMetaType::QByteArray) {
-        m_fixedFolderBookmark = bookmark.toByteArray();
-    }
-    m_folderGrants = grantsIn(store.value(Keys::folderGrants)).value_or(Grants());
+    // Another program, an older version or a damaged file may have left
+    // anything under a key; what no control here could have set is dropped
+    // for the default, so that a `nan` never reaches the engine.
+    const auto read = [&store](const char* key, auto valueIn, auto fallback) {
+        const QVariant stored = store.value(key);
+        if (!stored.isValid()) {
+            return fallback;
+        }
+        if (const auto value = valueIn(stored)) {
+            return decltype(fallback)(*value);
+        }
+        qWarning("Settings: the stored \"%s\" (%s) cannot be used; the default applies", key,
+                 qPrintable(stored.toString()));
+        return fallback;
+    };
+    m_targetLoudness = read(
+        Keys::targetLoudness,
+        [](const QVariant& v) { return numberIn(v, minTargetLoudness, maxTargetLoudness); },
+        defaultTargetLoudness);
+    m_truePeakCeiling = read(
+        Keys::truePeakCeiling,
+        [](const QVariant& v) { return numberIn(v, minTruePeakCeiling, maxTruePeakCeiling); },
+        defaultTruePeakCeiling);
+    m_saveMode = read(
+        Keys::saveMode, [](const QVariant& v) { return enumIn(v, allSaveModes); },
+        SaveMode::nextToOriginal);
+    m_revealWhenDone = read(Keys::revealWhenDone, booleanIn, false);
+    m_outputChannels = read(
+        Keys::outputChannels, [](const QVariant& v) { return enumIn(v, allOutputChannels); },
+        OutputChannels::keepOriginal);
+    m_exportWAVWithVideo = read(Keys::exportWAVWithVideo, booleanIn, false);
+    m_noiseAwarePauses = read(Keys::noiseAwarePauses, booleanIn, defaultNoiseAwarePauses);
+    m_fixedFolderBookmark = read(Keys::fixedFolderBookmark, bytesIn, std::optional<QByteArray>());
+    m_folderGrants = read(Keys::folderGrants, grantsIn, Grants());
 }
 
 void OstrandSettings::write(const char* key, const QVariant& value) {

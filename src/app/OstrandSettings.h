@@ -56,8 +56,10 @@ struct LoudnessPreset {
 // persisted in a QSettings store the moment each one is assigned (also when
 // it is assigned its current value, though only a change is signalled) and
 // never before: a setting the user never chose follows the default of the
-// version that runs. Values of the wrong type in the store fall back to the
-// defaults silently. Main thread only.
+// version that runs. A stored value no control here could have set (of
+// another type, an unknown name, a number that is not finite or lies outside
+// the settings window's range) loads as the default, and the log says so
+// once per key and load. Main thread only.
 class OstrandSettings : public QObject {
     Q_OBJECT
     Q_PROPERTY(double targetLoudness READ targetLoudness WRITE setTargetLoudness NOTIFY
@@ -83,6 +85,14 @@ class OstrandSettings : public QObject {
 public:
     // Standardized folder path to that folder's bookmark.
     using Grants = QMap<QString, QByteArray>;
+
+    // What the settings window can set, and the defaults.
+    static constexpr double minTargetLoudness = -24.0;
+    static constexpr double maxTargetLoudness = -10.0;
+    static constexpr double defaultTargetLoudness = -16.0;
+    static constexpr double minTruePeakCeiling = -3.0;
+    static constexpr double maxTruePeakCeiling = -0.5;
+    static constexpr double defaultTruePeakCeiling = -1.0;
 
     struct Keys {
         static constexpr auto targetLoudness = "targetLoudness";
@@ -174,8 +184,8 @@ private:
 
     std::unique_ptr<QSettings> m_store;
     FolderAccess* m_folderAccess;
-    double m_targetLoudness = -16.0;
-    double m_truePeakCeiling = -1.0;
+    double m_targetLoudness = defaultTargetLoudness;
+    double m_truePeakCeiling = defaultTruePeakCeiling;
     SaveMode m_saveMode = SaveMode::nextToOriginal;
     bool m_revealWhenDone = false;
     OutputChannels m_outputChannels = OutputChannels::keepOriginal;

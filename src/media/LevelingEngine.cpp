@@ -362,6 +362,11 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
         throw OstrandError::writerFailed("the destination is the source file itself");
     }
+    // Whatever front end sent them: a target that is not a number plans
+    // silence, a ceiling that is not one lets anything through.
+    if (!std::isfinite(parameters.targetLoudness) || !std::isfinite(truePeakCeiling)) {
+        throw OstrandError::writerFailed("the loudness target or the ceiling is not a number");
+    }
 
     OpenedSource opened = openSource(source, forceMono, isCancelled);
     const MediaAsset& asset = opened.asset;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/OstrandSettings.h"
+
 #include <QWidget>
 
 class QAbstractButton;
@@ -14,7 +16,6 @@ namespace ostrand {
 
 class AppUpdater;
 class ElidedLabel;
-class OstrandSettings;
 
 // "Ostrand Settings": every user setting, each control bound to one setting.
 // A control writes through the setting's setter on every change (there is no
@@ -26,10 +27,10 @@ class SettingsWindow : public QWidget {
 public:
     // Sliders move in half steps: their integer positions are values x 2.
     static constexpr int stepsPerUnit = 2;
-    static constexpr double minTarget = -24.0;
-    static constexpr double maxTarget = -10.0;
-    static constexpr double minCeiling = -3.0;
-    static constexpr double maxCeiling = -0.5;
+    static constexpr double minTarget = OstrandSettings::minTargetLoudness;
+    static constexpr double maxTarget = OstrandSettings::maxTargetLoudness;
+    static constexpr double minCeiling = OstrandSettings::minTruePeakCeiling;
+    static constexpr double maxCeiling = OstrandSettings::maxTruePeakCeiling;
 
     SettingsWindow(OstrandSettings& settings, AppUpdater& updater, QWidget* parent = nullptr);
 

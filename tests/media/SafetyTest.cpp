@@ -319,6 +319,28 @@ INSTANTIATE_TEST_SUITE_P(
                       SampleCase{"Huge", 1e20f}),
     byName);
 
+// A target or ceiling that is not a number would plan silence; whatever path
+// hands one in, nothing is written.
+TEST(SafetyTest, TargetsThatAreNotNumbersAreRefused) {
+    const TempDir dir;
+    const fs::path source = sineFile(dir / "tone.wav");
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    constexpr double inf = std::numeric_limits<double>::infinity();
+    for (const auto& [target, peak] : {std::pair{nan, ceiling},
+                                       {inf, ceiling},
+                                       {-inf, ceiling},
+                                       {-16.0, nan},
+                                       {-16.0, inf},
+                                       {-16.0, -inf}}) {
+        EXPECT_THROW(LevelingEngine::process(source, dir / "out.wav", ExistingFile::replace,
+                                             LevelingParameters::forTarget(target), peak, false,
+                                             std::nullopt, {}, {}),
+                     OstrandError)
+            << target << ' ' << peak;
+        EXPECT_FALSE(fs::exists(dir / "out.wav")) << target << ' ' << peak;
+    }
+}
+
 // A pipe would block the open for ever; it is refused at once, as a device is.
 TEST(SafetyTest, OnlyRegularFilesAreOpened) {
     const TempDir dir;
