@@ -81,11 +81,12 @@ std::string AtomicFile::hiddenPrefix() {
     return hiddenPrefixOf(hostName()) + std::to_string(::getpid()) + "-";
 }
 
-AtomicFile::AtomicFile(const std::filesystem::path& folder)
+AtomicFile::AtomicFile(const std::filesystem::path& folder, unsigned permissions)
     : m_folder(folder.empty() ? std::filesystem::path(".") : folder) {
     clearLeftovers(m_folder);
     if (unnamedFilesUsable()) {
-        m_fd = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+        m_fd = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC,
+                      static_cast<mode_t>(permissions));
         if (m_fd >= 0) {
             return;
         }
@@ -97,7 +98,8 @@ AtomicFile::AtomicFile(const std::filesystem::path& folder)
     }
     for (int attempt = 0; m_fd < 0; ++attempt) {
         m_hidden = m_folder / (hiddenPrefix() + randomSuffix() + ".part");
-        m_fd = ::open(m_hidden.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
+        m_fd = ::open(m_hidden.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC,
+                      static_cast<mode_t>(permissions));
         if (m_fd < 0 && (errno != EEXIST || attempt > 100)) {
             throwErrno("cannot create a file in " + m_folder.string());
         }

@@ -17,7 +17,9 @@ namespace ostrand {
 // One owner, one thread. Errors are std::system_error with the system's words.
 class AtomicFile {
 public:
-    explicit AtomicFile(const std::filesystem::path& folder);
+    // The file has `permissions` less the process's umask from its creation,
+    // so it is never readable by more people than that, not even for a while.
+    explicit AtomicFile(const std::filesystem::path& folder, unsigned permissions = 0666);
     ~AtomicFile();
     AtomicFile(const AtomicFile&) = delete;
     AtomicFile& operator=(const AtomicFile&) = delete;

@@ -319,6 +319,55 @@ INSTANTIATE_TEST_SUITE_P(
                       SampleCase{"Huge", 1e20f}),
     byName);
 
+struct PermissionCase {
+    const char* name;
+    fs::perms source;
+    ::mode_t umask;
+    fs::perms output;
+};
+
+class OutputPermissionTest : public ::testing::TestWithParam<PermissionCase> {};
+
+// A private recording stays private: the output and its WAV sidecar get the
+// source's read and write bits, less the umask, from the moment they exist.
+TEST_P(OutputPermissionTest, FollowsTheSource) {
+    const TempDir dir;
+    const fs::path source =
+        makeMedia(dir / "clip.mp4", {.video = {{.seconds = 1.0}}, .audio = {{.seconds = 1.0}}});
+    fs::permissions(source, GetParam().source);
+    const ::mode_t previous = ::umask(GetParam().umask);
+    const LevelingReport report = [&] {
+        try {
+            return LevelingEngine::process(source, dir / "out.mp4", ExistingFile::replace,
+                                           LevelingParameters::forTarget(-16.0), ceiling, false,
+                                           dir / "out.wav", {}, {});
+        } catch (...) {
+            ::umask(previous);
+            throw;
+        }
+    }();
+    ::umask(previous);
+    ASSERT_TRUE(report.audioSidecarURL);
+    for (const fs::path& output : {report.outputURL, *report.audioSidecarURL}) {
+        const fs::perms perms = fs::status(output).permissions();
+        EXPECT_EQ(perms, GetParam().output)
+            << output << " has " << std::oct << static_cast<unsigned>(perms);
+    }
+}
+
+constexpr auto rw = fs::perms::owner_read | fs::perms::owner_write;
+constexpr auto r = fs::perms::group_read | fs::perms::others_read;
+
+INSTANTIATE_TEST_SUITE_P(
+    Sources, OutputPermissionTest,
+    ::testing::Values(PermissionCase{"Private", rw, 022, rw},
+                      PermissionCase{"Shared", rw | r, 022, rw | r},
+                      PermissionCase{"SharedUnderStrictUmask", rw | r, 077, rw},
+                      PermissionCase{"ReadOnlyOwnerMayStillWrite", fs::perms::owner_read | r, 022,
+                                     rw | r},
+                      PermissionCase{"ExecutableIsNotCopied", fs::perms::all, 022, rw | r}),
+    byName);
+
 // A target or ceiling that is not a number would plan silence; whatever path
 // hands one in, nothing is written.
 TEST(SafetyTest, TargetsThatAreNotNumbersAreRefused) {
