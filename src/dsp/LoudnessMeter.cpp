@@ -117,7 +117,7 @@ LoudnessMeter::LoudnessMeter(double sampleRate, std::vector<ChannelWeight> weigh
     , m_sliceSums(shortTermSlices, 0.0)
     , m_sliceLengths(shortTermSlices, 0)
     , m_truePeak(sampleRate, static_cast<std::int64_t>(m_weights.size())) {
-    OSTRAND_REQUIRE(sampleRate >= 1000.0, "sample rate must be at least 1 kHz");
+    OSTRAND_REQUIRE(sampleRate >= minSampleRate, "sample rate must be at least 1 kHz");
     m_sliceEnd = sliceBoundary(1);
 }
 

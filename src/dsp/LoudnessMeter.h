@@ -40,6 +40,10 @@ struct LoudnessFigures {
 // thread. Memory grows by a few numbers per 100 ms.
 class LoudnessMeter {
 public:
+    // The lowest rate the meter takes (a precondition); callers refuse slower
+    // streams before they build one.
+    static constexpr double minSampleRate = 1000.0;
+
     LoudnessMeter(double sampleRate, std::vector<ChannelWeight> weights);
 
     // Feeds the next `count` samples of every channel.

@@ -8,6 +8,7 @@
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/Loudness.h"
+#include "dsp/LoudnessMeter.h"
 #include "dsp/PauseDetector.h"
 #include "dsp/TruePeakLimiter.h"
 #include "dsp/TruePeakMeter.h"
@@ -17,8 +18,8 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
-#include <limits>
 #include <memory>
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -69,6 +70,26 @@ void checkCancelled(const CancelCheck& isCancelled) {
     }
 }
 
+// No recorder writes faster than this; a header that claims more is damaged,
+// and buffers sized by its rate would cost memory the file cannot fill.
+constexpr double maxSampleRate = 768000.0;
+
+// Every rate the engine meters or writes passes here first, so a stream the
+// meter cannot take fails alone, in words, instead of ending the process.
+void checkSampleRate(double sampleRate) {
+    const auto hz = [](double rate) { return std::to_string(std::llround(rate)) + " Hz"; };
+    if (!(sampleRate >= LoudnessMeter::minSampleRate)) {
+        throw OstrandError::unreadable("its sample rate of " + hz(sampleRate) +
+                                       " is too low to measure (at least " +
+                                       hz(LoudnessMeter::minSampleRate) + " is needed)");
+    }
+    if (sampleRate > maxSampleRate) {
+        throw OstrandError::unreadable("its sample rate of " + hz(sampleRate) +
+                                       " is beyond any recording (at most " + hz(maxSampleRate) +
+                                       "), so its header is likely damaged");
+    }
+}
+
 struct OpenedSource {
     MediaAsset asset;
     SourceAudioFormat format;
@@ -79,9 +100,9 @@ OpenedSource openSource(const std::filesystem::path& source, bool forceMono,
                         const CancelCheck& isCancelled) {
     MediaAsset asset = MediaAsset::open(source, isCancelled);
     auto [format, tracks] = MixedAudioReader::probe(asset, forceMono);
-    // The rate becomes the time scale of the written audio.
-    if (!FrameAnalyzer::supportsFormat(format.sampleRate, format.channels) ||
-        format.sampleRate > static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
+    // Slower tracks are resampled to the fastest, which is the rate checked.
+    checkSampleRate(format.sampleRate);
+    if (!FrameAnalyzer::supportsFormat(format.sampleRate, format.channels)) {
         throw OstrandError::unreadable("unsupported audio format (" +
                                        std::to_string(format.sampleRate) + " Hz, " +
                                        std::to_string(format.channels) + " channels)");
@@ -567,9 +588,11 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
         }
     }
     mix.trackCount = static_cast<std::int64_t>(asset.audioTracks.size());
-    if (mix.sampleRate > static_cast<double>(std::numeric_limits<std::int32_t>::max())) {
-        throw OstrandError::unreadable("unsupported sample rate");
+    // Each track is metered at its own rate, the mix at the fastest.
+    for (const auto& track : asset.audioTracks) {
+        checkSampleRate(formatOf(track).sampleRate);
     }
+    checkSampleRate(mix.sampleRate);
 
     const bool severalTracks = asset.audioTracks.size() > 1;
     const double passes = static_cast<double>(asset.audioTracks.size() + (severalTracks ? 1 : 0));

@@ -120,23 +120,36 @@ TEST(CliTest, OneFailureDoesNotStopTheOthers) {
     const fs::path good = noiseFile(dir / "a.wav");
     const fs::path bad = textFile(dir / "b.mp4");
     const fs::path other = sineFile(dir / "c.mp3");
-    const CliRun r =
-        run({"level", "-j", "2", "--json", good.string(), bad.string(), other.string()});
+    // A rate the meter cannot take fails alone too, in words.
+    const fs::path slow = floatWav(dir / "d.wav", sine(200.0, 1, 2.0, 50.0, -20.0));
+    const CliRun r = run(
+        {"level", "-j", "2", "--json", good.string(), bad.string(), other.string(), slow.string()});
     EXPECT_EQ(r.status, exitFailure);
     // One whole line per file, in the order they finish.
     std::map<std::string, QJsonObject> lines;
     for (const QJsonObject& line : jsonLines(r.out)) {
         lines[fs::path(line["source"].toString().toStdString()).filename().string()] = line;
     }
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
     EXPECT_TRUE(lines["a.wav"].contains("outputURL"));
     EXPECT_EQ(lines["b.mp4"]["error"].toString().toStdString().rfind("Couldn't read the file: ", 0),
               0u);
     EXPECT_TRUE(lines["c.mp3"].contains("outputURL"));
-    EXPECT_NE(r.err.find("2 leveled, 0 skipped, 1 failed"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("2 leveled, 0 skipped, 2 failed"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("b.mp4: Couldn't read the file: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("d.wav: Couldn't read the file: "), std::string::npos) << r.err;
     EXPECT_TRUE(fs::exists(dir / "c leveled.m4a"));
     EXPECT_FALSE(fs::exists(dir / "b leveled.mp4"));
+    EXPECT_FALSE(fs::exists(dir / "d leveled.wav"));
+
+    const CliRun measured = run({"measure", "--json", slow.string(), good.string()});
+    EXPECT_EQ(measured.status, exitFailure);
+    const auto objects = jsonLines(measured.out);
+    EXPECT_EQ(objects.size(), 2u) << measured.err;
+    for (const QJsonObject& line : objects) {
+        EXPECT_EQ(line.contains("error"), line["source"].toString().endsWith("d.wav"))
+            << measured.out;
+    }
 }
 
 TEST(CliTest, OutputGoesExactlyWhereAskedButNeverOverTheSource) {

@@ -471,6 +471,7 @@ struct FailureCase {
     const char* destination = "out/leveled.mp4";
     std::optional<LevelingPhase> cancelIn = std::nullopt;
     rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk below that
+    bool measureFails = false;            // measuring the source fails with the same message
 };
 
 class FailureTest : public ::testing::TestWithParam<FailureCase> {};
@@ -512,10 +513,24 @@ TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     }
     ::setrlimit(RLIMIT_FSIZE, &original);
     EXPECT_EQ(listing(dir.path()), before);
+    if (c.measureFails) {
+        try {
+            LevelingEngine::measure(source, {}, {});
+            ADD_FAILURE() << "no error measuring";
+        } catch (const OstrandError& error) {
+            EXPECT_THAT(error.what(), ::testing::ContainsRegex(c.message));
+        }
+    }
 }
 
 const auto clip = [](const TempDir& d) { return videoFile(d / "clip.mp4", 4.0); };
 const auto talk = [](const TempDir& d) { return noiseFile(d / "talk.wav"); };
+// A mono WAV header claiming `rate` over a second of 48 kHz sound.
+fs::path claimingRate(const fs::path& path, double rate) {
+    PlanarAudio audio = sine(48000.0, 1, 1.0, 440.0, -20.0);
+    audio.sampleRate = rate;
+    return floatWav(path, audio);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, FailureTest,
@@ -541,7 +556,15 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"CancelWhileAnalyzing", clip, "^Cancelled\\.$", "out/leveled.mp4",
                     LevelingPhase::analyzing},
         FailureCase{"CancelWhileLeveling", clip, "^Cancelled\\.$", "out/leveled.mp4",
-                    LevelingPhase::leveling}),
+                    LevelingPhase::leveling},
+        FailureCase{"RateTooLowToMeasure",
+                    [](const auto& d) { return claimingRate(d / "slow.wav", 200.0); },
+                    "^Couldn't read the file: .*200 Hz is too low", "out/leveled.wav", std::nullopt,
+                    RLIM_INFINITY, true},
+        FailureCase{"RateBeyondAnyRecording",
+                    [](const auto& d) { return claimingRate(d / "fast.wav", 999999999.0); },
+                    "^Couldn't read the file: .*999999999 Hz is beyond", "out/leveled.wav",
+                    std::nullopt, RLIM_INFINITY, true}),
     byName);
 
 struct NamingCase {
