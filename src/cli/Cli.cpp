@@ -190,22 +190,29 @@ struct Inputs {
 };
 
 Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
-    std::vector<fs::path> given;
+    // Each path, and whether a list gave it rather than the user by name.
+    std::vector<std::pair<fs::path, bool>> given;
     bool readStandardInput = false;
     const auto addList = [&](std::istream& in) {
-        const auto listed = readList(in, options.nulSeparated);
-        given.insert(given.end(), listed.begin(), listed.end());
+        for (fs::path& path : readList(in, options.nulSeparated)) {
+            given.emplace_back(std::move(path), true);
+        }
+    };
+    const auto addStandardInput = [&] {
+        if (!std::exchange(readStandardInput, true)) {
+            addList(standardInput);
+        }
     };
     for (const fs::path& input : options.inputs) {
         if (input == "-") {
-            if (!std::exchange(readStandardInput, true)) {
-                addList(standardInput);
-            }
+            addStandardInput();
         } else {
-            given.push_back(input);
+            given.emplace_back(input, false);
         }
     }
-    if (options.inputList) {
+    if (options.inputList && *options.inputList == "-") {
+        addStandardInput();
+    } else if (options.inputList) {
         std::ifstream list(*options.inputList);
         if (!list) {
             throw UsageError{"--input-list: cannot read " + options.inputList->string() + ": " +
@@ -216,20 +223,22 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
 
     Inputs inputs;
     std::set<fs::path> seen;
-    const auto take = [&](const fs::path& file) {
+    // A leveled file the user names is meant; one a folder or a list brings
+    // is most likely an earlier run's output.
+    const auto take = [&](const fs::path& file, bool named) {
         std::error_code error;
         const fs::path key = fs::weakly_canonical(file, error);
         if (!seen.insert(error ? file : key).second) {
             return;
         }
-        if (!options.includeLeveled && OutputNaming::isLeveledName(file)) {
+        if (!named && !options.includeLeveled && OutputNaming::isLeveledName(file)) {
             inputs.notes +=
                 file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
             return;
         }
         inputs.files.push_back(file);
     };
-    for (const fs::path& path : given) {
+    for (const auto& [path, listed] : given) {
         std::error_code error;
         if (fs::is_directory(path, error)) {
             if (!options.recursive) {
@@ -237,10 +246,10 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
                                  "in it"};
             }
             for (const fs::path& file : mediaFilesIn(path)) {
-                take(file);
+                take(file, false);
             }
         } else {
-            take(path);
+            take(path, !listed);
         }
     }
     return inputs;
@@ -255,6 +264,10 @@ struct Plan {
     std::string skipped; // why the file is left alone, if it is
 };
 
+OstrandError existsError(const fs::path& path) {
+    return OstrandError::exportFailed(path.string() + " exists; add --force to replace it");
+}
+
 Plan planFor(const CliOptions& options, const fs::path& source) {
     Plan plan;
     const std::string extension = LevelingEngine::outputExtension(source);
@@ -263,11 +276,12 @@ Plan planFor(const CliOptions& options, const fs::path& source) {
         // The source itself is left to the engine, which refuses it in its words.
         if (fs::exists(*options.output, error) && !options.force &&
             !fs::equivalent(*options.output, source, error)) {
-            throw OstrandError::exportFailed(options.output->string() +
-                                             " exists; add --force to replace it");
+            throw existsError(*options.output);
         }
         plan.destination = *options.output;
-        plan.existing = OutputNaming::ExistingFile::replace;
+        // Checked again when the file takes its name: one may appear meanwhile.
+        plan.existing = options.force ? OutputNaming::ExistingFile::replace
+                                      : OutputNaming::ExistingFile::refuse;
     } else {
         const fs::path folder =
             options.outputDir ? *options.outputDir : fs::absolute(source).parent_path();
@@ -397,12 +411,23 @@ private:
 
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
-        const LevelingReport report = LevelingEngine::process(
-            source, plan.destination, plan.existing,
-            LevelingParameters::forTarget(target, m_options.noiseAware), ceiling, m_options.mono,
-            plan.sidecar,
-            [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
-            cancelCheck());
+        const LevelingReport report = [&] {
+            try {
+                return LevelingEngine::process(
+                    source, plan.destination, plan.existing,
+                    LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
+                    m_options.mono, plan.sidecar,
+                    [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+                    cancelCheck());
+            } catch (const OstrandError& error) {
+                if (plan.existing == OutputNaming::ExistingFile::refuse &&
+                    error.kind() == OstrandError::Kind::exportFailed &&
+                    error.message() == plan.destination.string() + " exists") {
+                    throw existsError(plan.destination);
+                }
+                throw;
+            }
+        }();
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
         m_console.ended(slot);
         const std::optional<fs::path> plot = plotLocation(m_options, report.outputURL);

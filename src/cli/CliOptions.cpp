@@ -39,11 +39,11 @@ help      explains a command: "ostrand-cli help level"
 Common options:
   -j, --jobs N         files processed at once (default: the number of cores)
   -r, --recursive      take the media files in folders and their subfolders
-  --input-list FILE    also take the files listed in FILE, one a line; "-"
-                       among the inputs reads such a list from standard input
+  --input-list FILE    also take the files listed in FILE, one a line; FILE
+                       "-", or "-" among the inputs, reads standard input
   -0                   the lists are separated by NUL characters, not lines
-  --include-leveled    also take files named "... leveled.EXT", which are
-                       skipped otherwise
+  --include-leveled    also take files named "... leveled.EXT" that a folder
+                       or a list brings, which are skipped otherwise
   --json               one JSON object per file (JSON Lines)
   -q, --quiet          only errors and JSON; no progress, notes or summary
   -v, --verbose        also say which file goes where as it starts

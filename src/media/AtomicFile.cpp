@@ -167,6 +167,16 @@ void AtomicFile::commitReplacing(const std::filesystem::path& path) {
     closeDescriptor();
 }
 
+bool AtomicFile::commitNew(const std::filesystem::path& path) {
+    flush();
+    if (!linkAt(path)) {
+        return false;
+    }
+    m_committed = true;
+    closeDescriptor();
+    return true;
+}
+
 std::filesystem::path
 AtomicFile::commitUnique(const std::function<std::filesystem::path(int number)>& candidate) {
     flush();

@@ -29,6 +29,10 @@ public:
     // in one step.
     void commitReplacing(const std::filesystem::path& path);
 
+    // Flushes the file and links it at `path` unless a file is already
+    // there, checked in the same step; false then, and the file stays unnamed.
+    bool commitNew(const std::filesystem::path& path);
+
     // Flushes the file and links it under the first of candidate(1),
     // candidate(2), ... that no file holds at that moment; another process
     // that takes a name in between makes it move on to the next. Returns the
