@@ -46,6 +46,11 @@ public:
     // The hidden names of this process's files start with this.
     static std::string hiddenPrefix();
 
+    // Gives the complete file `from` the name `to` as well, unless a file is
+    // there (false then); where the file system has no hard links it is
+    // moved instead, never replacing either.
+    static bool linkNew(const std::filesystem::path& from, const std::filesystem::path& to);
+
 private:
     void flush();
     // Links the file at `path`; false when a file is already there.

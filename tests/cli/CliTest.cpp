@@ -263,6 +263,14 @@ TEST(CliTest, DrawsAPictureBesideEachFile) {
     ASSERT_EQ(measure.status, exitSuccess) << measure.err;
     EXPECT_NE(fileBytes(dir / "talk.svg").find("<svg"), std::string::npos);
 
+    // Two files of one name in different folders draw two pictures.
+    fs::create_directory(dir / "b");
+    const fs::path twin = noiseFile(dir / "b/talk.wav", 48000, "mono", 1.0);
+    const CliRun twins =
+        run({"measure", "--plot-dir", (dir / "m").string(), a.string(), twin.string()});
+    ASSERT_EQ(twins.status, exitSuccess) << twins.err;
+    EXPECT_TRUE(fs::exists(dir / "m/talk.png") && fs::exists(dir / "m/talk 2.png"));
+
     const CliRun nowhere =
         run({"measure", "--plot", (dir / "missing" / "talk.png").string(), a.string()});
     EXPECT_EQ(nowhere.status, exitFailure);
@@ -594,6 +602,20 @@ INSTANTIATE_TEST_SUITE_P(
                    {"late.wav (earlier)", "take.wav (earlier)", "talk leveled.wav (earlier)"},
                    "late.wav exists; add --force",
                    "late.wav"},
+        PolicyCase{"PlotRefusesAPictureThatAppears",
+                   {"--output-dir", "@out", "--plot", "@out/talk.png"},
+                   exitFailure,
+                   {"take.wav (earlier)", "talk leveled 2.wav", "talk leveled.wav (earlier)",
+                    "talk.png (earlier)"},
+                   "talk.png exists; add --force",
+                   "talk.png"},
+        PolicyCase{"PlotDirNumbersPastAPicture",
+                   {"--output-dir", "@out", "--plot-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled 2.png (earlier)", "talk leveled 2.wav",
+                    "talk leveled 3.png", "talk leveled.wav (earlier)"},
+                   "talk leveled 3.png",
+                   "talk leveled 2.png"},
         PolicyCase{"OutputForced",
                    {"--output", "@out/take.wav", "--force"},
                    exitSuccess,
