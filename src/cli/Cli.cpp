@@ -5,6 +5,7 @@
 #include "app/JobQueue.h"
 #include "app/LevelingJob.h"
 #include "app/ReportText.h"
+#include "media/AtomicFile.h"
 #include "media/LevelingEngine.h"
 #include "media/OstrandError.h"
 #include "media/OutputFormat.h"
@@ -23,6 +24,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -31,6 +33,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -125,17 +128,6 @@ std::optional<fs::path> plotLocation(const CliOptions& options, const fs::path& 
     return std::nullopt;
 }
 
-// Throws with the reason in words when the picture cannot be written.
-void drawPlot(const fs::path& path, const std::shared_ptr<const LevelingSeries>& series,
-              const fs::path& titleFile) {
-    QString error;
-    if (!LoudnessPlot::save(decoded(path), series, plotSize, LoudnessPlot::Theme::light,
-                            decoded(titleFile.filename()), &error)) {
-        throw std::runtime_error("cannot write the plot " + path.string() + ": " +
-                                 error.toStdString());
-    }
-}
-
 // --- Inputs ----------------------------------------------------------------
 
 std::vector<fs::path> readList(std::istream& in, bool nulSeparated) {
@@ -190,22 +182,29 @@ struct Inputs {
 };
 
 Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
-    std::vector<fs::path> given;
+    // Each path, and whether a list gave it rather than the user by name.
+    std::vector<std::pair<fs::path, bool>> given;
     bool readStandardInput = false;
     const auto addList = [&](std::istream& in) {
-        const auto listed = readList(in, options.nulSeparated);
-        given.insert(given.end(), listed.begin(), listed.end());
+        for (fs::path& path : readList(in, options.nulSeparated)) {
+            given.emplace_back(std::move(path), true);
+        }
+    };
+    const auto addStandardInput = [&] {
+        if (!std::exchange(readStandardInput, true)) {
+            addList(standardInput);
+        }
     };
     for (const fs::path& input : options.inputs) {
         if (input == "-") {
-            if (!std::exchange(readStandardInput, true)) {
-                addList(standardInput);
-            }
+            addStandardInput();
         } else {
-            given.push_back(input);
+            given.emplace_back(input, false);
         }
     }
-    if (options.inputList) {
+    if (options.inputList && *options.inputList == "-") {
+        addStandardInput();
+    } else if (options.inputList) {
         std::ifstream list(*options.inputList);
         if (!list) {
             throw UsageError{"--input-list: cannot read " + options.inputList->string() + ": " +
@@ -216,20 +215,22 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
 
     Inputs inputs;
     std::set<fs::path> seen;
-    const auto take = [&](const fs::path& file) {
+    // A leveled file the user names is meant; one a folder or a list brings
+    // is most likely an earlier run's output.
+    const auto take = [&](const fs::path& file, bool named) {
         std::error_code error;
         const fs::path key = fs::weakly_canonical(file, error);
         if (!seen.insert(error ? file : key).second) {
             return;
         }
-        if (!options.includeLeveled && OutputNaming::isLeveledName(file)) {
+        if (!named && !options.includeLeveled && OutputNaming::isLeveledName(file)) {
             inputs.notes +=
                 file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
             return;
         }
         inputs.files.push_back(file);
     };
-    for (const fs::path& path : given) {
+    for (const auto& [path, listed] : given) {
         std::error_code error;
         if (fs::is_directory(path, error)) {
             if (!options.recursive) {
@@ -237,10 +238,10 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
                                  "in it"};
             }
             for (const fs::path& file : mediaFilesIn(path)) {
-                take(file);
+                take(file, false);
             }
         } else {
-            take(path);
+            take(path, !listed);
         }
     }
     return inputs;
@@ -255,6 +256,10 @@ struct Plan {
     std::string skipped; // why the file is left alone, if it is
 };
 
+OstrandError existsError(const fs::path& path) {
+    return OstrandError::exportFailed(path.string() + " exists; add --force to replace it");
+}
+
 Plan planFor(const CliOptions& options, const fs::path& source) {
     Plan plan;
     const std::string extension = LevelingEngine::outputExtension(source);
@@ -263,11 +268,12 @@ Plan planFor(const CliOptions& options, const fs::path& source) {
         // The source itself is left to the engine, which refuses it in its words.
         if (fs::exists(*options.output, error) && !options.force &&
             !fs::equivalent(*options.output, source, error)) {
-            throw OstrandError::exportFailed(options.output->string() +
-                                             " exists; add --force to replace it");
+            throw existsError(*options.output);
         }
         plan.destination = *options.output;
-        plan.existing = OutputNaming::ExistingFile::replace;
+        // Checked again when the file takes its name: one may appear meanwhile.
+        plan.existing = options.force ? OutputNaming::ExistingFile::replace
+                                      : OutputNaming::ExistingFile::refuse;
     } else {
         const fs::path folder =
             options.outputDir ? *options.outputDir : fs::absolute(source).parent_path();
@@ -345,6 +351,12 @@ private:
 
     Outcome processOne(int slot, const fs::path& source) {
         try {
+            std::error_code error;
+            // Checked again when the picture takes its name.
+            if (m_options.plot && !m_options.force &&
+                fs::exists(fs::symlink_status(*m_options.plot, error))) {
+                throw existsError(*m_options.plot);
+            }
             if (m_options.command == "measure") {
                 measure(slot, source);
                 return Outcome::done;
@@ -397,18 +409,26 @@ private:
 
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
-        const LevelingReport report = LevelingEngine::process(
-            source, plan.destination, plan.existing,
-            LevelingParameters::forTarget(target, m_options.noiseAware), ceiling, m_options.mono,
-            plan.sidecar,
-            [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
-            cancelCheck());
+        const LevelingReport report = [&] {
+            try {
+                return LevelingEngine::process(
+                    source, plan.destination, plan.existing,
+                    LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
+                    m_options.mono, plan.sidecar,
+                    [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+                    cancelCheck());
+            } catch (const OstrandError& error) {
+                if (plan.existing == OutputNaming::ExistingFile::refuse &&
+                    error.kind() == OstrandError::Kind::exportFailed &&
+                    error.message() == plan.destination.string() + " exists") {
+                    throw existsError(plan.destination);
+                }
+                throw;
+            }
+        }();
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
         m_console.ended(slot);
-        const std::optional<fs::path> plot = plotLocation(m_options, report.outputURL);
-        if (plot) {
-            drawPlot(*plot, report.series, report.outputURL);
-        }
+        const std::optional<fs::path> plot = drawPlot(report.outputURL, report.series);
         if (!m_options.quiet) {
             std::string notes;
             for (const std::string& note : report.notes) {
@@ -491,10 +511,7 @@ private:
             source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         m_console.ended(slot);
-        const std::optional<fs::path> plot = plotLocation(m_options, source);
-        if (plot) {
-            drawPlot(*plot, m.series, source);
-        }
+        const std::optional<fs::path> plot = drawPlot(source, m.series);
         if (m_options.json) {
             QJsonObject object;
             object["source"] = decoded(source);
@@ -551,6 +568,62 @@ private:
         }
     }
 
+    // Draws the picture for `file` (an output, or a measured source), if one
+    // is asked for, and names it as outputs are named: a file already there
+    // is replaced only with --force, else --plot fails and --plot-dir takes
+    // the next numbered name; two pictures of one run never share a name.
+    // Drawn under a hidden name and then linked, so that a file appearing
+    // meanwhile is not replaced either. Returns the name used.
+    std::optional<fs::path> drawPlot(const fs::path& file,
+                                     const std::shared_ptr<const LevelingSeries>& series) {
+        const std::optional<fs::path> first = plotLocation(m_options, file);
+        if (!first) {
+            return std::nullopt;
+        }
+        const fs::path folder = first->parent_path().empty() ? "." : first->parent_path();
+        const fs::path hidden =
+            folder / (AtomicFile::hiddenPrefix() + "plot-" + std::to_string(m_plotsDrawn++) +
+                      first->extension().string());
+        const auto failed = [](const fs::path& path, const std::string& reason) {
+            return std::runtime_error("cannot write the plot " + path.string() + ": " + reason);
+        };
+        QString error;
+        if (!LoudnessPlot::save(decoded(hidden), series, plotSize, LoudnessPlot::Theme::light,
+                                decoded(file.filename()), &error)) {
+            throw failed(*first, error.toStdString());
+        }
+        struct Removal {
+            const fs::path& path;
+            ~Removal() {
+                std::error_code ignored;
+                fs::remove(path, ignored);
+            }
+        } removal{hidden};
+        const std::lock_guard lock(m_plotsMutex);
+        for (int number = 1; number <= (m_options.plot ? 1 : maxPlotNumber); ++number) {
+            const fs::path candidate = OutputNaming::numberedLocation(*first, number);
+            if (m_plotsTaken.contains(candidate)) {
+                continue;
+            }
+            try {
+                if (m_options.force ? std::rename(hidden.c_str(), candidate.c_str()) == 0
+                                    : AtomicFile::linkNew(hidden, candidate)) {
+                    m_plotsTaken.insert(candidate);
+                    return candidate;
+                }
+            } catch (const std::system_error& linkError) {
+                throw failed(candidate, linkError.code().message());
+            }
+            if (m_options.force) {
+                throw failed(candidate, std::strerror(errno));
+            }
+        }
+        if (m_options.plot) {
+            throw existsError(*first);
+        }
+        throw failed(*first, "no free name");
+    }
+
     static std::string loudnessText(double integrated, double truePeak, double samplePeak) {
         return figure("%.1f LUFS", integrated) + " \u00b7 true peak " +
                figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
@@ -576,6 +649,10 @@ private:
     const CliEnvironment& m_environment;
     std::atomic<std::size_t> m_next{0};
     std::array<std::atomic<int>, 3> m_counts{};
+    static constexpr int maxPlotNumber = 100000;
+    std::atomic<int> m_plotsDrawn{0};
+    std::mutex m_plotsMutex;
+    std::set<fs::path> m_plotsTaken; // this run's pictures
 };
 
 int defaultJobs() {

@@ -39,11 +39,11 @@ help      explains a command: "ostrand-cli help level"
 Common options:
   -j, --jobs N         files processed at once (default: the number of cores)
   -r, --recursive      take the media files in folders and their subfolders
-  --input-list FILE    also take the files listed in FILE, one a line; "-"
-                       among the inputs reads such a list from standard input
+  --input-list FILE    also take the files listed in FILE, one a line; FILE
+                       "-", or "-" among the inputs, reads standard input
   -0                   the lists are separated by NUL characters, not lines
-  --include-leveled    also take files named "... leveled.EXT", which are
-                       skipped otherwise
+  --include-leveled    also take files named "... leveled.EXT" that a folder
+                       or a list brings, which are skipped otherwise
   --json               one JSON object per file (JSON Lines)
   -q, --quiet          only errors and JSON; no progress, notes or summary
   -v, --verbose        also say which file goes where as it starts
@@ -78,8 +78,9 @@ never replaced without --force.
                        leveled video
   -o, --output FILE    write the leveled file exactly here (one input only)
   --output-dir DIR     write the leveled files into DIR (made if missing)
-  -f, --force          replace an existing output instead of numbering the
-                       new one (or, with --output, instead of failing)
+  -f, --force          replace an existing output or picture instead of
+                       numbering the new one (or, with --output or --plot,
+                       instead of failing)
   --skip-existing      skip a file whose output name is already taken
   -n, --dry-run        print what would be written, write nothing
   --plot FILE          also draw the loudness of input and output over time,
@@ -103,7 +104,10 @@ several audio tracks gets these for each track and for their mix.
   --plot FILE          also draw the short-term loudness over time: a PNG or
                        SVG picture by FILE's extension (one input only)
   --plot-dir DIR       draw a PNG picture of each file into DIR (made if
-                       missing), named after the file: "NAME.png"
+                       missing), named after the file: "NAME.png"; a name
+                       already taken gives "NAME 2.png"
+  -f, --force          replace an existing picture instead of numbering the
+                       new one (or, with --plot, instead of failing)
   -j, -r, --input-list, -0, --include-leveled, --json, -q, -v: see
                        "ostrand-cli help"
 )";
@@ -182,7 +186,7 @@ constexpr OptionSpec specs[] = {
     {nullptr, "plot", "FILE", false},       {nullptr, "plot-dir", "DIR", false},
     {"j", "jobs", "N", false},              {"r", "recursive", nullptr, false},
     {nullptr, "input-list", "FILE", false}, {"0", nullptr, nullptr, false},
-    {nullptr, "include-leveled", nullptr, false}, {"f", "force", nullptr, true},
+    {nullptr, "include-leveled", nullptr, false}, {"f", "force", nullptr, false},
     {nullptr, "skip-existing", nullptr, true}, {"n", "dry-run", nullptr, true},
     {"q", "quiet", nullptr, false},         {"v", "verbose", nullptr, false},
 };

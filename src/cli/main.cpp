@@ -1,20 +1,30 @@
 #include "Cli.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
 
 std::atomic<int> interruptSignal{0};
+int emptyInput = -1;
 
 extern "C" void onInterrupt(int signal) {
+    const int savedErrno = errno;
     interruptSignal.store(signal);
+    // A wait for a list on standard input ends too: the interrupted read
+    // starts again on an empty file, and so does one about to start.
+    if (emptyInput >= 0) {
+        ::dup2(emptyInput, STDIN_FILENO);
+    }
+    errno = savedErrno;
 }
 
 } // namespace
@@ -22,6 +32,7 @@ extern "C" void onInterrupt(int signal) {
 int main(int argc, char** argv) {
     // Ctrl-C stops the engine at its next block, so the writer can remove
     // its partial file instead of leaving it behind.
+    emptyInput = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
     // Past a file-size limit, a write then fails with a message and the run

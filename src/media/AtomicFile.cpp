@@ -130,24 +130,30 @@ bool AtomicFile::linkAt(const std::filesystem::path& path) {
         }
         throwErrno("cannot name the file " + path.filename().string());
     }
-    if (::link(m_hidden.c_str(), path.c_str()) == 0) {
-        std::error_code ignored;
-        std::filesystem::remove(m_hidden, ignored);
-        m_hidden.clear();
+    if (!linkNew(m_hidden, path)) {
+        return false;
+    }
+    std::error_code ignored;
+    std::filesystem::remove(m_hidden, ignored);
+    m_hidden.clear();
+    return true;
+}
+
+bool AtomicFile::linkNew(const std::filesystem::path& from, const std::filesystem::path& to) {
+    if (::link(from.c_str(), to.c_str()) == 0) {
         return true;
     }
     if (errno == EEXIST) {
         return false;
     }
     // File systems without hard links still rename without replacing.
-    if (::renameat2(AT_FDCWD, m_hidden.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
-        m_hidden.clear();
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
         return true;
     }
     if (errno == EEXIST) {
         return false;
     }
-    throwErrno("cannot name the file " + path.filename().string());
+    throwErrno("cannot name the file " + to.filename().string());
 }
 
 void AtomicFile::commitReplacing(const std::filesystem::path& path) {
@@ -167,6 +173,16 @@ void AtomicFile::commitReplacing(const std::filesystem::path& path) {
     m_hidden.clear();
     m_committed = true;
     closeDescriptor();
+}
+
+bool AtomicFile::commitNew(const std::filesystem::path& path) {
+    flush();
+    if (!linkAt(path)) {
+        return false;
+    }
+    m_committed = true;
+    closeDescriptor();
+    return true;
 }
 
 std::filesystem::path

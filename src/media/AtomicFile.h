@@ -31,6 +31,10 @@ public:
     // in one step.
     void commitReplacing(const std::filesystem::path& path);
 
+    // Flushes the file and links it at `path` unless a file is already
+    // there, checked in the same step; false then, and the file stays unnamed.
+    bool commitNew(const std::filesystem::path& path);
+
     // Flushes the file and links it under the first of candidate(1),
     // candidate(2), ... that no file holds at that moment; another process
     // that takes a name in between makes it move on to the next. Returns the
@@ -43,6 +47,11 @@ public:
 
     // The hidden names of this process's files start with this.
     static std::string hiddenPrefix();
+
+    // Gives the complete file `from` the name `to` as well, unless a file is
+    // there (false then); where the file system has no hard links it is
+    // moved instead, never replacing either.
+    static bool linkNew(const std::filesystem::path& from, const std::filesystem::path& to);
 
 private:
     void flush();

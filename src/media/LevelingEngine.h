@@ -49,9 +49,10 @@ inline constexpr double overCeilingDb = 0.05;
 using ProgressHandler = std::function<void(const LevelingProgress&)>;
 using CancelCheck = std::function<bool()>;
 
-// Writes the output at `destination`, or, when a file takes that name by the
-// time the output is complete and `existing` says so, at the next free
-// numbered name; the report names the file written. The sidecar follows the
+// Writes the output at `destination`. A file that holds that name by the
+// time the output is complete is replaced, passed over for the next free
+// numbered name, or left alone with a failure, as `existing` says; the report
+// names the file written. The sidecar follows the
 // output's final name. Throws OstrandError (cancelled when isCancelled()
 // turned true). On failure no output and no sidecar is left behind, and no
 // file that was already there is touched.

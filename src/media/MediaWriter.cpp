@@ -284,6 +284,10 @@ private:
                     fail("the output would replace the source file");
                 }
                 m_file->commitReplacing(m_url);
+            } else if (m_existing == OutputNaming::ExistingFile::refuse) {
+                if (!m_file->commitNew(m_url)) {
+                    throw OstrandError::exportFailed(m_url.string() + " exists");
+                }
             } else {
                 const std::filesystem::path first = m_url;
                 m_url = m_file->commitUnique(

@@ -29,9 +29,10 @@ using FileType = OutputFormat::Container;
 // The file is written unnamed in the destination's folder and appears under
 // its name only when finish() has completed and flushed it (AtomicFile): a
 // failure, cancel() or destruction without finish() leaves nothing behind and
-// never touches a file already at `url`. finish() replaces such a file or
-// moves on to the next free numbered name, as `existing` says; url() is then
-// the name used. The source is never replaced.
+// never touches a file already at `url`. finish() replaces such a file,
+// moves on to the next free numbered name, or fails with
+// OstrandError::exportFailed("<url> exists"), as `existing` says; url() is
+// then the name used. The source is never replaced.
 //
 // One thread drives it. Encoding and muxing run on a thread of the writer's
 // own, fed through a pipe of a few blocks: appendAudio() copies the block and

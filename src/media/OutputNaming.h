@@ -12,9 +12,10 @@
 namespace ostrand::OutputNaming {
 
 // What a finished output does to a file that holds its name by then: replace
-// it (a name the user chose and confirmed), or leave it alone and take the
-// next free numbered name.
-enum class ExistingFile { replace, keepAndNumber };
+// it (a name the user chose and confirmed), leave it alone and take the next
+// free numbered name, or leave it alone and fail (a name the user chose
+// while nothing was there).
+enum class ExistingFile { replace, keepAndNumber, refuse };
 
 inline constexpr std::string_view leveledSuffix = " leveled";
 inline constexpr std::string_view sidecarExtension = "wav";

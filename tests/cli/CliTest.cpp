@@ -21,6 +21,7 @@
 
 #include <sstream>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -275,6 +276,14 @@ TEST(CliTest, DrawsAPictureBesideEachFile) {
     ASSERT_EQ(measure.status, exitSuccess) << measure.err;
     EXPECT_NE(fileBytes(dir / "talk.svg").find("<svg"), std::string::npos);
 
+    // Two files of one name in different folders draw two pictures.
+    fs::create_directory(dir / "b");
+    const fs::path twin = noiseFile(dir / "b/talk.wav", 48000, "mono", 1.0);
+    const CliRun twins =
+        run({"measure", "--plot-dir", (dir / "m").string(), a.string(), twin.string()});
+    ASSERT_EQ(twins.status, exitSuccess) << twins.err;
+    EXPECT_TRUE(fs::exists(dir / "m/talk.png") && fs::exists(dir / "m/talk 2.png"));
+
     const CliRun nowhere =
         run({"measure", "--plot", (dir / "missing" / "talk.png").string(), a.string()});
     EXPECT_EQ(nowhere.status, exitFailure);
@@ -337,17 +346,31 @@ INSTANTIATE_TEST_SUITE_P(
         Usage{"helpOnNothing", {"help", "squash"}, "no help for"}),
     byName);
 
-// The real program, stopped by SIGTERM while it writes over an existing
-// file: it ends with 143 and the earlier file is as it was.
-TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
+struct SignalCase {
+    const char* name;
+    bool waitsForAList; // reads its files from standard input, which stays open
+};
+
+class CliProcessTest : public testing::TestWithParam<SignalCase> {};
+
+// The real program, stopped by SIGTERM while it writes over an existing file
+// or waits for its list: it ends with 143 and the earlier file is as it was.
+TEST_P(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
     const TempDir dir;
     // AAC encoding keeps the program busy for a few seconds.
     const fs::path source = noiseFile(dir / "long.m4a", 48000, "stereo", 240.0, -30.0);
     const fs::path output = textFile(dir / "take.m4a", "an earlier take");
+    int list[2];
+    ASSERT_EQ(::pipe(list), 0);
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "--force", "--output", output.c_str(),
-                source.c_str(), static_cast<char*>(nullptr));
+        ::dup2(list[0], STDIN_FILENO);
+        if (GetParam().waitsForAList) {
+            ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "-", static_cast<char*>(nullptr));
+        } else {
+            ::execl(OSTRAND_CLI_PATH, OSTRAND_CLI_PATH, "level", "--force", "--output",
+                    output.c_str(), source.c_str(), static_cast<char*>(nullptr));
+        }
         ::_exit(127);
     }
     // Writing has begun once the program holds an unnamed file in the folder.
@@ -362,19 +385,42 @@ TEST(CliProcessTest, SigtermEndsTheRunAndKeepsTheEarlierFile) {
         }
         return false;
     };
+    // The list is read up to its last line once the pipe holds nothing.
+    const std::string line = source.string() + "\n";
+    ASSERT_EQ(::write(list[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    const auto listRead = [&] {
+        int unread = 0;
+        return ::ioctl(list[0], FIONREAD, &unread) == 0 && unread == 0;
+    };
+    const auto ready = [&] { return GetParam().waitsForAList ? listRead() : writing(); };
     int status = 0;
-    for (int tries = 0; tries < 6000 && !writing() && ::waitpid(pid, &status, WNOHANG) == 0;
+    for (int tries = 0; tries < 6000 && !ready() && ::waitpid(pid, &status, WNOHANG) == 0;
          ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_TRUE(writing());
+    ASSERT_TRUE(ready());
     ::kill(pid, SIGTERM);
-    ::waitpid(pid, &status, 0);
+    pid_t ended = 0;
+    for (int tries = 0; tries < 1000 && (ended = ::waitpid(pid, &status, WNOHANG)) == 0; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (ended == 0) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
+    ::close(list[0]);
+    ::close(list[1]);
+    ASSERT_NE(ended, 0) << "SIGTERM did not end the run";
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 143);
     EXPECT_EQ(fileBytes(output), "an earlier take");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 2);
 }
+
+INSTANTIATE_TEST_SUITE_P(Signals, CliProcessTest,
+                         testing::Values(SignalCase{"WhileWriting", false},
+                                         SignalCase{"WhileWaitingForAList", true}),
+                         byName);
 
 // A season's folder: episodes in folders, a text file, a hidden file, and
 // the outputs of an earlier run.
@@ -467,6 +513,17 @@ INSTANTIATE_TEST_SUITE_P(
                               "",
                               exitSuccess,
                               {"ep1 leveled.wav", "ep2 leveled.m4a"}},
+                    InputCase{"LeveledFileNamedByTheUser",
+                              {"@season/ep0 leveled 2.wav"},
+                              "",
+                              exitSuccess,
+                              {"ep0 leveled 2 leveled.wav"}},
+                    InputCase{"InputListFromStandardInput",
+                              {"--input-list", "-"},
+                              "@season/ep1.wav\n@season/ep0 leveled 2.wav\n",
+                              exitSuccess,
+                              {"ep1 leveled.wav"},
+                              "ep0 leveled 2.wav: skipped, a leveled file"},
                     InputCase{"StandardInput",
                               {"-"},
                               "@season/ep1.wav\n@season/notes.txt\n",
@@ -487,11 +544,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct PolicyCase {
     const char* name;
-    std::vector<std::string> args;
+    std::vector<std::string> args; // "@out" stands for the output folder
     int status;
     std::vector<std::string> outputs;
-    const char* takeContent; // what "take.wav" holds afterwards
-    const char* said = "";   // on standard output or error
+    const char* said = "";         // on standard output or error
+    const char* appears = nullptr; // made in the output folder while the file is leveled
 };
 
 class CliOutputPolicy : public testing::TestWithParam<PolicyCase> {};
@@ -506,12 +563,18 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     textFile(dir / "out/take.wav", "earlier");
     std::vector<std::string> args{"level"};
     for (const std::string& arg : c.args) {
-        args.push_back(arg == "@out"    ? (dir / "out").string()
-                       : arg == "@take" ? (dir / "out/take.wav").string()
-                                        : arg);
+        args.push_back(arg.starts_with("@out") ? (dir / "out").string() + arg.substr(4) : arg);
     }
     args.push_back(source.string());
-    const CliRun r = run(args);
+    // The first poll is the batch's, before the file is planned; the second
+    // is the engine's, while it levels.
+    std::atomic<int> polls = 0;
+    const CliRun r = run(args, [&] {
+        if (++polls == 2 && c.appears != nullptr) {
+            textFile(dir / "out" / c.appears, "earlier");
+        }
+        return false;
+    });
     EXPECT_EQ(r.status, c.status) << r.err;
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir / "out")) {
@@ -525,37 +588,57 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
 
 INSTANTIATE_TEST_SUITE_P(
     Batch, CliOutputPolicy,
-    testing::Values(PolicyCase{"NumbersByDefault",
-                               {"--output-dir", "@out"},
-                               exitSuccess,
-                               {"take.wav (earlier)", "talk leveled 2.wav",
-                                "talk leveled.wav (earlier)"},
-                               ""},
-                    PolicyCase{"ForceReplaces",
-                               {"-f", "--output-dir", "@out"},
-                               exitSuccess,
-                               {"take.wav (earlier)", "talk leveled.wav"},
-                               ""},
-                    PolicyCase{"SkipExisting",
-                               {"--skip-existing", "--output-dir", "@out"},
-                               exitSuccess,
-                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                               "skipped, talk leveled.wav exists"},
-                    PolicyCase{"OutputRefusesAnExistingFile",
-                               {"--output", "@take"},
-                               exitFailure,
-                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                               "take.wav exists; add --force"},
-                    PolicyCase{"OutputForced",
-                               {"--output", "@take", "--force"},
-                               exitSuccess,
-                               {"take.wav", "talk leveled.wav (earlier)"},
-                               ""},
-                    PolicyCase{"DryRun",
-                               {"-n", "--output-dir", "@out"},
-                               exitSuccess,
-                               {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                               "talk leveled 2.wav"}),
+    testing::Values(
+        PolicyCase{"NumbersByDefault",
+                   {"--output-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled 2.wav", "talk leveled.wav (earlier)"},
+                   ""},
+        PolicyCase{"ForceReplaces",
+                   {"-f", "--output-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled.wav"},
+                   ""},
+        PolicyCase{"SkipExisting",
+                   {"--skip-existing", "--output-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                   "skipped, talk leveled.wav exists"},
+        PolicyCase{"OutputRefusesAnExistingFile",
+                   {"--output", "@out/take.wav"},
+                   exitFailure,
+                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                   "take.wav exists; add --force"},
+        PolicyCase{"OutputRefusesAFileThatAppears",
+                   {"--output", "@out/late.wav"},
+                   exitFailure,
+                   {"late.wav (earlier)", "take.wav (earlier)", "talk leveled.wav (earlier)"},
+                   "late.wav exists; add --force",
+                   "late.wav"},
+        PolicyCase{"PlotRefusesAPictureThatAppears",
+                   {"--output-dir", "@out", "--plot", "@out/talk.png"},
+                   exitFailure,
+                   {"take.wav (earlier)", "talk leveled 2.wav", "talk leveled.wav (earlier)",
+                    "talk.png (earlier)"},
+                   "talk.png exists; add --force",
+                   "talk.png"},
+        PolicyCase{"PlotDirNumbersPastAPicture",
+                   {"--output-dir", "@out", "--plot-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled 2.png (earlier)", "talk leveled 2.wav",
+                    "talk leveled 3.png", "talk leveled.wav (earlier)"},
+                   "talk leveled 3.png",
+                   "talk leveled 2.png"},
+        PolicyCase{"OutputForced",
+                   {"--output", "@out/take.wav", "--force"},
+                   exitSuccess,
+                   {"take.wav", "talk leveled.wav (earlier)"},
+                   ""},
+        PolicyCase{"DryRun",
+                   {"-n", "--output-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
+                   "talk leveled 2.wav"}),
     byName);
 
 // Options as a well-kept parser takes them.
