@@ -17,6 +17,7 @@
 #include <QMessageBox>
 
 #include <algorithm>
+#include <filesystem>
 
 namespace ostrand {
 
@@ -28,6 +29,35 @@ QUrl fileUrl(const QString& argument) {
         return url;
     }
     return QUrl::fromLocalFile(QFileInfo(argument).absoluteFilePath());
+}
+
+// A command-line argument as the file system's bytes: a file URL's path, or
+// the path made absolute, since the instance it goes to has its own folder.
+QByteArray argumentPath(const QByteArray& argument) {
+    const QString text = QFile::decodeName(argument);
+    if (QFile::encodeName(text) == argument) {
+        if (const QUrl url(text); url.isLocalFile()) {
+            return QFile::encodeName(url.toLocalFile());
+        }
+    }
+    return QByteArray(std::filesystem::absolute(argument.toStdString()).lexically_normal().c_str());
+}
+
+// Qt holds file names as text, in which a name that is not valid UTF-8
+// becomes another name: such files are refused rather than leveling a
+// different file of that other name.
+QStringList openableFiles(const QByteArrayList& paths) {
+    QStringList files;
+    for (const QByteArray& path : paths) {
+        const QString file = QFile::decodeName(path);
+        if (QFile::encodeName(file) == path) {
+            files << file;
+        } else {
+            qWarning("Ostrand cannot open %s: its name is not valid UTF-8",
+                     path.toPercentEncoding("/ ").constData());
+        }
+    }
+    return files;
 }
 
 } // namespace
@@ -180,9 +210,12 @@ int runDesktopApp(int argc, char** argv) {
     // The shell's own rule decides when closing a window ends the program.
     QApplication::setQuitOnLastWindowClosed(false);
 
-    QStringList files = QApplication::arguments().mid(1);
-    for (QString& file : files) {
-        file = fileUrl(file).toLocalFile();
+    // The raw arguments, not QApplication::arguments(): those are text, which
+    // cannot hold every name the file system can. QApplication took out its
+    // own options already.
+    QByteArrayList files;
+    for (int i = 1; i < argc; ++i) {
+        files << argumentPath(argv[i]);
     }
     SingleInstance instance;
     if (!instance.becomePrimary()) {
@@ -193,12 +226,12 @@ int runDesktopApp(int argc, char** argv) {
     QObject::connect(&app, &OstrandApp::quitRequested, &application, &QApplication::quit,
                      Qt::QueuedConnection);
     QObject::connect(&instance, &SingleInstance::filesReceived, &app,
-                     [&app](const QStringList& handed) {
+                     [&app](const QByteArrayList& handed) {
                          app.showMainWindow();
-                         app.openFiles(handed);
+                         app.openFiles(openableFiles(handed));
                      });
     app.showMainWindow();
-    app.openFiles(files);
+    app.openFiles(openableFiles(files));
     return QApplication::exec();
 }
 

@@ -1,27 +1,102 @@
 #include "SingleInstance.h"
 
+#include <QDataStream>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
-#include <QStandardPaths>
 #include <QThread>
+#include <QtEndian>
+
+#include <optional>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace ostrand {
 
 namespace {
 
-// The message: one UTF-8 path per line, then an empty line. The answer:
-// "ok" and a newline.
+// The message: its length as a 32-bit big-endian number, then a QDataStream
+// of the version, the count and each path as raw bytes, so that newlines and
+// names that are not UTF-8 arrive as they left. The answer: "ok\n".
+constexpr quint32 protocolVersion = 2;
+constexpr QDataStream::Version streamVersion = QDataStream::Qt_6_0;
+constexpr qsizetype headerSize = sizeof(quint32);
+// Far above any real list of files; a longer claim ends the connection.
+constexpr quint32 maximumMessageSize = 64u << 20;
 constexpr char acknowledgement[] = "ok\n";
+
+// `path` when it is a real folder of this user that nobody else may enter,
+// else empty. lstat, so that a symbolic link to someone else's folder fails.
+QString privateFolder(const QByteArray& path) {
+    struct stat info {};
+    if (!path.startsWith('/') || ::lstat(path.constData(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+        info.st_uid != ::geteuid() || (info.st_mode & 077) != 0) {
+        return {};
+    }
+    const QString folder = QFile::decodeName(path);
+    return QFile::encodeName(folder) == path ? folder : QString();
+}
+
+// The user's runtime folder, else one of ours in the temporary folder named
+// after the user id; empty when neither is private.
+QString meetingFolder() {
+    if (QString folder = privateFolder(qgetenv("XDG_RUNTIME_DIR")); !folder.isEmpty()) {
+        return folder;
+    }
+    const QByteArray fallback =
+        QFile::encodeName(QDir::tempPath()) + "/ostrand-" + QByteArray::number(::geteuid());
+    // An existing one, perhaps planted by someone else, is checked below.
+    ::mkdir(fallback.constData(), 0700);
+    return privateFolder(fallback);
+}
+
+QByteArray encodeMessage(const QByteArrayList& files) {
+    QByteArray body;
+    QDataStream stream(&body, QIODevice::WriteOnly);
+    stream.setVersion(streamVersion);
+    stream << protocolVersion << static_cast<quint32>(files.size());
+    for (const QByteArray& file : files) {
+        stream << file;
+    }
+    QByteArray message(headerSize, Qt::Uninitialized);
+    qToBigEndian(static_cast<quint32>(body.size()), message.data());
+    return message + body;
+}
+
+// The files of a complete body, or nothing when it is malformed.
+std::optional<QByteArrayList> decodeMessage(const QByteArray& body) {
+    QDataStream stream(body);
+    stream.setVersion(streamVersion);
+    quint32 version = 0;
+    quint32 count = 0;
+    stream >> version >> count;
+    if (version != protocolVersion) {
+        return std::nullopt;
+    }
+    QByteArrayList files;
+    for (quint32 i = 0; i < count && stream.status() == QDataStream::Ok; ++i) {
+        QByteArray file;
+        stream >> file;
+        files << file;
+    }
+    if (stream.status() != QDataStream::Ok || !stream.atEnd()) {
+        return std::nullopt;
+    }
+    return files;
+}
 
 } // namespace
 
 SingleInstance::SingleInstance(const QString& name, QObject* parent)
     : QObject(parent) {
-    QString folder = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
+    const QString folder = meetingFolder();
     if (folder.isEmpty()) {
-        folder = QDir::tempPath();
+        qWarning("Ostrand found no private folder to meet other instances in; "
+                 "this one runs on its own");
+        return;
     }
     m_socketPath = QDir(folder).filePath(name + QStringLiteral(".socket"));
     m_lock = std::make_unique<QLockFile>(QDir(folder).filePath(name + QStringLiteral(".lock")));
@@ -33,6 +108,9 @@ SingleInstance::SingleInstance(const QString& name, QObject* parent)
 SingleInstance::~SingleInstance() = default;
 
 bool SingleInstance::becomePrimary() {
+    if (!m_lock) {
+        return true;
+    }
     if (!m_lock->tryLock(0)) {
         return false;
     }
@@ -49,7 +127,10 @@ bool SingleInstance::becomePrimary() {
     return true;
 }
 
-bool SingleInstance::handOver(const QStringList& files, int timeoutMs) {
+bool SingleInstance::handOver(const QByteArrayList& files, int timeoutMs) {
+    if (m_socketPath.isEmpty()) {
+        return false;
+    }
     const QDeadlineTimer deadline(timeoutMs);
     QLocalSocket socket;
     // The primary may hold the lock a moment before it listens.
@@ -63,12 +144,7 @@ bool SingleInstance::handOver(const QStringList& files, int timeoutMs) {
         }
         QThread::msleep(50);
     }
-    QByteArray message;
-    for (const QString& file : files) {
-        message += file.toUtf8() + '\n';
-    }
-    message += '\n';
-    socket.write(message);
+    socket.write(encodeMessage(files));
     if (!socket.waitForBytesWritten(static_cast<int>(deadline.remainingTime()))) {
         return false;
     }
@@ -88,19 +164,27 @@ void SingleInstance::accept() {
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         connect(socket, &QLocalSocket::readyRead, this, [this, socket, buffer] {
             *buffer += socket->readAll();
-            if (!buffer->endsWith("\n\n") && *buffer != "\n") {
+            if (buffer->size() < headerSize) {
                 return;
             }
-            QStringList files;
-            for (const QByteArray& line : buffer->split('\n')) {
-                if (!line.isEmpty()) {
-                    files << QString::fromUtf8(line);
-                }
+            const quint32 size = qFromBigEndian<quint32>(buffer->constData());
+            if (size > maximumMessageSize) {
+                socket->abort();
+                return;
             }
+            if (buffer->size() < headerSize + static_cast<qsizetype>(size)) {
+                return;
+            }
+            const std::optional<QByteArrayList> files =
+                decodeMessage(buffer->sliced(headerSize, size));
             buffer->clear();
+            if (!files) {
+                socket->abort();
+                return;
+            }
             socket->write(acknowledgement);
             socket->flush();
-            emit filesReceived(files);
+            emit filesReceived(*files);
         });
     }
 }

@@ -5,7 +5,10 @@
 #include "ui/SingleInstance.h"
 
 #include <QProcess>
+#include <QScopeGuard>
 #include <QtTest>
+
+#include <unistd.h>
 
 using namespace ostrand;
 using namespace ostrand::test;
@@ -97,27 +100,97 @@ private slots:
         QCOMPARE(quit.count(), 0);
     }
 
+    void aSecondInstanceHandsItsFilesToTheFirst_data() {
+        QTest::addColumn<QByteArrayList>("arguments");
+        QTest::addColumn<QByteArrayList>("received");
+        const QByteArray here(m_runtime.path().c_str());
+        QTest::newRow("relative and absolute")
+            << QByteArrayList{"talk.wav", "/elsewhere/other clip.mov"}
+            << QByteArrayList{here + "/talk.wav", "/elsewhere/other clip.mov"};
+        QTest::newRow("newline in a name") << QByteArrayList{"/elsewhere/two\nlines.wav"}
+                                           << QByteArrayList{"/elsewhere/two\nlines.wav"};
+        QTest::newRow("name not UTF-8")
+            << QByteArrayList{"caf\xe9.wav"} << QByteArrayList{here + "/caf\xe9.wav"};
+    }
     void aSecondInstanceHandsItsFilesToTheFirst() {
+        QFETCH(QByteArrayList, arguments);
+        QFETCH(QByteArrayList, received);
         SingleInstance first(QStringLiteral("ostrand"));
         QVERIFY(first.becomePrimary());
         QVERIFY(!SingleInstance(QStringLiteral("ostrand")).becomePrimary());
-        QSignalSpy received(&first, &SingleInstance::filesReceived);
+        QSignalSpy spy(&first, &SingleInstance::filesReceived);
 
+        // QProcess passes arguments as text; the shell's printf passes any bytes.
+        QString script = QStringLiteral("exec \"$0\"");
+        for (const QByteArray& argument : arguments) {
+            script += QStringLiteral(" \"$(printf '");
+            for (const char byte : argument) {
+                script += QStringLiteral("\\%1").arg(static_cast<unsigned char>(byte), 3, 8,
+                                                     QLatin1Char('0'));
+            }
+            script += QStringLiteral("')\"");
+        }
         QProcess second;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
         second.setProcessEnvironment(environment);
         second.setWorkingDirectory(QString::fromStdString(m_runtime.path()));
-        second.start(QStringLiteral(OSTRAND_EXECUTABLE),
-                     {QStringLiteral("talk.wav"), QStringLiteral("/elsewhere/other clip.mov")});
+        second.start(QStringLiteral("/bin/sh"),
+                     {QStringLiteral("-c"), script, QStringLiteral(OSTRAND_EXECUTABLE)});
         // The first answers from its event loop while the second waits.
-        QTRY_COMPARE_WITH_TIMEOUT(received.count(), 1, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.count(), 1, 10000);
         QTRY_COMPARE_WITH_TIMEOUT(second.state(), QProcess::NotRunning, 10000);
         QCOMPARE(second.exitStatus(), QProcess::NormalExit);
         QCOMPARE(second.exitCode(), 0);
-        QCOMPARE(received.at(0).at(0).toStringList(),
-                 (QStringList{QString::fromStdString(m_runtime / "talk.wav"),
-                              QStringLiteral("/elsewhere/other clip.mov")}));
+        QCOMPARE(spy.at(0).at(0).value<QByteArrayList>(), received);
+    }
+
+    // Instances meet only in a folder nobody else may enter; without one,
+    // each runs on its own. Permissions stand in for another owner (tests
+    // may run as root).
+    void anUnsafeMeetingFolderIsRefused_data() {
+        QTest::addColumn<int>("runtimeMode");  // -1: no XDG_RUNTIME_DIR
+        QTest::addColumn<int>("fallbackMode"); // -1: not there yet
+        QTest::addColumn<bool>("meets");
+        QTest::newRow("open runtime folder") << 0777 << -1 << true;
+        QTest::newRow("no runtime folder, open fallback") << -1 << 0777 << false;
+        QTest::newRow("no runtime folder, group-readable fallback") << -1 << 0750 << false;
+    }
+    void anUnsafeMeetingFolderIsRefused() {
+        namespace fs = std::filesystem;
+        QFETCH(int, runtimeMode);
+        QFETCH(int, fallbackMode);
+        QFETCH(bool, meets);
+        const TempDir root;
+        const fs::path runtime = root / "runtime";
+        const fs::path temp = root / "tmp";
+        const fs::path fallback = temp / ("ostrand-" + std::to_string(::geteuid()));
+        fs::create_directories(runtime);
+        fs::create_directories(temp);
+        const QByteArray savedRuntime = qgetenv("XDG_RUNTIME_DIR");
+        const auto restore = qScopeGuard([&] {
+            qputenv("XDG_RUNTIME_DIR", savedRuntime);
+            qunsetenv("TMPDIR");
+        });
+        if (runtimeMode < 0) {
+            qunsetenv("XDG_RUNTIME_DIR");
+        } else {
+            fs::permissions(runtime, fs::perms(runtimeMode));
+            qputenv("XDG_RUNTIME_DIR", runtime.c_str());
+        }
+        qputenv("TMPDIR", temp.c_str());
+        if (fallbackMode >= 0) {
+            fs::create_directory(fallback);
+            fs::permissions(fallback, fs::perms(fallbackMode));
+        }
+
+        SingleInstance first(QStringLiteral("unsafe"));
+        SingleInstance second(QStringLiteral("unsafe"));
+        QVERIFY(first.becomePrimary());
+        QCOMPARE(!second.becomePrimary(), meets);
+        QVERIFY(!fs::exists(runtime / "unsafe.lock"));
+        QVERIFY(!fs::exists(temp / "unsafe.lock"));
+        QCOMPARE(fs::exists(fallback / "unsafe.lock"), meets);
     }
 
 private:
