@@ -25,8 +25,8 @@ constexpr int usageError = 2;
 
 const char* const usage =
     "usage: ostrand-sign keygen KEYFILE\n"
-    "       ostrand-sign sign KEYFILE FILE\n"
-    "       ostrand-sign verify PUBLICKEY FILE SIGNATURE\n"
+    "       ostrand-sign sign KEYFILE FILE VERSION\n"
+    "       ostrand-sign verify PUBLICKEY FILE VERSION SIGNATURE\n"
     "       ostrand-sign appcast APPCAST KEYFILE PACKAGE URL VERSION [NOTES.html] [--critical]\n";
 
 int fail(const QString& message) {
@@ -54,6 +54,27 @@ std::optional<QByteArray> readSeed(const QString& path, QString& error) {
         return std::nullopt;
     }
     return seed;
+}
+
+// The package's SHA-256, read in pieces: packages run to hundreds of MB.
+std::optional<QByteArray> packageSha256(const QString& path, qint64& length, QString& error) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        error = QStringLiteral("%1: %2").arg(path, file.errorString());
+        return std::nullopt;
+    }
+    ed25519::Sha256 hash;
+    length = 0;
+    while (!file.atEnd()) {
+        const QByteArray chunk = file.read(1 << 20);
+        if (chunk.isEmpty()) {
+            error = QStringLiteral("%1: %2").arg(path, file.errorString());
+            return std::nullopt;
+        }
+        hash.add(chunk);
+        length += chunk.size();
+    }
+    return hash.result();
 }
 
 // File descriptor that closes itself.
@@ -92,37 +113,44 @@ int keygen(const QString& keyPath) {
     return 0;
 }
 
-int sign(const QString& keyPath, const QString& path) {
+int sign(const QString& keyPath, const QString& path, const QString& version) {
     QString error;
     const std::optional<QByteArray> seed = readSeed(keyPath, error);
     if (!seed) {
         return fail(error);
     }
-    const std::optional<QByteArray> data = readFile(path, error);
-    if (!data) {
+    qint64 length = 0;
+    const std::optional<QByteArray> digest = packageSha256(path, length, error);
+    if (!digest) {
         return fail(error);
     }
-    std::printf("sparkle:edSignature=\"%s\" length=\"%lld\"\n",
-                ed25519::sign(*seed, *data).toBase64().constData(),
-                static_cast<long long>(data->size()));
+    std::printf(
+        "sparkle:edSignature=\"%s\" length=\"%lld\"\n",
+        ed25519::sign(*seed, ed25519::releaseMessage(version, *digest)).toBase64().constData(),
+        static_cast<long long>(length));
     return 0;
 }
 
-int verify(const QString& publicKeyText, const QString& path, const QString& signatureText) {
+int verify(const QString& publicKeyText, const QString& path, const QString& version,
+           const QString& signatureText) {
     const std::optional<QByteArray> publicKey = ed25519::publicKeyFromBase64(publicKeyText);
     if (!publicKey) {
         return fail(QStringLiteral("the public key is not 32 bytes of base64"));
     }
     QString error;
-    const std::optional<QByteArray> data = readFile(path, error);
-    if (!data) {
+    qint64 length = 0;
+    const std::optional<QByteArray> digest = packageSha256(path, length, error);
+    if (!digest) {
         return fail(error);
     }
     const std::optional<QByteArray> signature = ed25519::decodeBase64(signatureText);
-    if (!signature || !ed25519::verify(*publicKey, *data, *signature)) {
-        return fail(QStringLiteral("%1: the signature does not verify").arg(path));
+    if (!signature ||
+        !ed25519::verify(*publicKey, ed25519::releaseMessage(version, *digest), *signature)) {
+        return fail(
+            QStringLiteral("%1: the signature does not verify for version %2").arg(path, version));
     }
-    std::printf("%s: the signature verifies\n", qPrintable(path));
+    std::printf("%s: the signature verifies for version %s\n", qPrintable(path),
+                qPrintable(version));
     return 0;
 }
 
@@ -138,8 +166,9 @@ int appcast(QStringList args) {
     if (!seed) {
         return fail(error);
     }
-    const std::optional<QByteArray> package = readFile(args.at(2), error);
-    if (!package) {
+    qint64 length = 0;
+    const std::optional<QByteArray> digest = packageSha256(args.at(2), length, error);
+    if (!digest) {
         return fail(error);
     }
     const QUrl url(args.at(3), QUrl::StrictMode);
@@ -174,10 +203,11 @@ int appcast(QStringList args) {
     item.critical = critical;
     item.releaseNotes = QString::fromUtf8(notes);
     item.url = url;
-    item.length = package->size();
+    item.length = length;
     item.type = QStringLiteral("application/vnd.debian.binary-package");
     item.os = QStringLiteral("linux");
-    item.edSignature = QString::fromLatin1(ed25519::sign(*seed, *package).toBase64());
+    item.edSignature = QString::fromLatin1(
+        ed25519::sign(*seed, ed25519::releaseMessage(item.version, *digest)).toBase64());
 
     const QByteArray feed =
         insertAppcastItem(existing, appcastItemXml(item), QStringLiteral("Ostrand"));
@@ -202,11 +232,11 @@ int main(int argc, char** argv) {
     if (command == u"keygen" && args.size() == 1) {
         return keygen(args.at(0));
     }
-    if (command == u"sign" && args.size() == 2) {
-        return sign(args.at(0), args.at(1));
+    if (command == u"sign" && args.size() == 3) {
+        return sign(args.at(0), args.at(1), args.at(2));
     }
-    if (command == u"verify" && args.size() == 3) {
-        return verify(args.at(0), args.at(1), args.at(2));
+    if (command == u"verify" && args.size() == 4) {
+        return verify(args.at(0), args.at(1), args.at(2), args.at(3));
     }
     if (command == u"appcast") {
         return appcast(args);

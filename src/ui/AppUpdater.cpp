@@ -67,7 +67,7 @@ AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompt
         m_config.store =
             std::make_unique<QSettings>(QStringLiteral("Ostrand"), QStringLiteral("Ostrand"));
     }
-    m_feed = new UpdateFeed(feedUrl, *key, this);
+    m_feed = new UpdateFeed(feedUrl, *key, m_config.currentVersion, this);
     if (!m_config.downloadFolder.isEmpty()) {
         m_feed->setDownloadFolder(m_config.downloadFolder);
     }

@@ -26,6 +26,37 @@ const unsigned char* bytes(const QByteArray& array) {
 
 } // namespace
 
+struct Sha256::State {
+    crypto_hash_sha256_state sodium;
+};
+
+Sha256::Sha256()
+    : m_state(std::make_unique<State>()) {
+    ready();
+    crypto_hash_sha256_init(&m_state->sodium);
+}
+
+Sha256::~Sha256() = default;
+
+void Sha256::add(QByteArrayView bytes) {
+    crypto_hash_sha256_update(&m_state->sodium,
+                              reinterpret_cast<const unsigned char*>(bytes.data()),
+                              static_cast<unsigned long long>(bytes.size()));
+}
+
+QByteArray Sha256::result() {
+    QByteArray digest(crypto_hash_sha256_BYTES, '\0');
+    crypto_hash_sha256_final(&m_state->sodium, reinterpret_cast<unsigned char*>(digest.data()));
+    return digest;
+}
+
+QByteArray releaseMessage(const QString& version, const QByteArray& packageSha256) {
+    // The digest has a fixed length at the end, so no version can be made to
+    // read as another one with a different digest.
+    return QByteArrayLiteral("ostrand-update-v1\n") + version.trimmed().toUtf8() + '\n' +
+           packageSha256.toHex();
+}
+
 std::optional<QByteArray> decodeBase64(const QString& text) {
     const QByteArray::FromBase64Result decoded = QByteArray::fromBase64Encoding(
         text.trimmed().toLatin1(), QByteArray::AbortOnBase64DecodingErrors);

@@ -10,11 +10,17 @@
 #include <QNetworkRequest>
 #include <QStandardPaths>
 
+#include <algorithm>
+#include <climits>
+
 namespace ostrand {
 
 namespace {
 
 constexpr int maxRedirects = 5;
+// What the network layer may hold for a download before it is hashed and
+// written.
+constexpr qint64 downloadBufferBytes = 1 << 20;
 
 bool isLoopback(const QUrl& url) {
     const QString host = url.host();
@@ -43,13 +49,33 @@ QString replyError(QNetworkReply* reply) {
 
 } // namespace
 
-UpdateFeed::UpdateFeed(QUrl feedUrl, QByteArray publicKey, QObject* parent)
+UpdateFeed::UpdateFeed(QUrl feedUrl, QByteArray publicKey, QString currentVersion, QObject* parent)
     : QObject(parent)
     , m_network(new QNetworkAccessManager(this))
     , m_feedUrl(std::move(feedUrl))
     , m_publicKey(std::move(publicKey))
+    , m_currentVersion(std::move(currentVersion))
     , m_downloadFolder(QStandardPaths::writableLocation(QStandardPaths::DownloadLocation)) {
     m_network->setStrictTransportSecurityEnabled(true);
+    m_feedDeadline.setSingleShot(true);
+    m_downloadDeadline.setSingleShot(true);
+    connect(&m_feedDeadline, &QTimer::timeout, this, [this] {
+        if (m_feedReply) {
+            m_feedError =
+                QStringLiteral("The update feed did not arrive within %1 seconds.")
+                    .arg(std::chrono::ceil<std::chrono::seconds>(m_deadlines.feed).count());
+            m_feedReply->abort();
+        }
+    });
+    connect(&m_downloadDeadline, &QTimer::timeout, this, [this] {
+        if (m_downloadReply) {
+            m_downloadError = QStringLiteral("The update did not download within %1 seconds.")
+                                  .arg(std::chrono::ceil<std::chrono::seconds>(
+                                           std::chrono::milliseconds(m_downloadDeadline.interval()))
+                                           .count());
+            m_downloadReply->abort();
+        }
+    });
 }
 
 UpdateFeed::~UpdateFeed() {
@@ -104,6 +130,7 @@ void UpdateFeed::fetch() {
     m_feedData.clear();
     m_feedError.clear();
     m_feedReply = get(m_feedUrl);
+    m_feedDeadline.start(m_deadlines.feed);
     connect(m_feedReply, &QNetworkReply::readyRead, this, [this] {
         m_feedData += m_feedReply->readAll();
         if (m_feedData.size() > m_feedLimit) {
@@ -118,6 +145,7 @@ void UpdateFeed::fetch() {
 void UpdateFeed::feedFinished() {
     QNetworkReply* reply = m_feedReply;
     m_feedReply = nullptr;
+    m_feedDeadline.stop();
     reply->deleteLater();
     if (m_feedError.isEmpty()) {
         if (reply->isOpen()) {
@@ -152,6 +180,11 @@ void UpdateFeed::download(const AppcastItem& item) {
         emit downloadFailed(QStringLiteral("The update cannot be downloaded: ") + refused);
         return;
     }
+    if (compareVersions(item.version, m_currentVersion) <= 0) {
+        emit downloadFailed(QStringLiteral("Version \"%1\" is not newer than the running %2.")
+                                .arg(item.version, m_currentVersion));
+        return;
+    }
     if (item.length <= 0 || item.edSignature.isEmpty()) {
         emit downloadFailed(
             QStringLiteral("The update feed gives no length or signature for the package."));
@@ -176,25 +209,38 @@ void UpdateFeed::download(const AppcastItem& item) {
     m_downloadItem = item;
     m_downloadError.clear();
     m_cancelled = false;
+    m_downloadHash = std::make_unique<ed25519::Sha256>();
     m_downloadReply = get(item.url);
-    connect(m_downloadReply, &QNetworkReply::readyRead, this, [this] {
-        const QByteArray chunk = m_downloadReply->readAll();
-        if (m_downloadFile->size() + chunk.size() > m_downloadItem.length) {
-            m_downloadError = QStringLiteral("The download is longer than the update feed says.");
-            m_downloadReply->abort();
-            return;
-        }
-        if (m_downloadFile->write(chunk) != chunk.size()) {
-            m_downloadError =
-                QStringLiteral("The update cannot be saved: %1").arg(m_downloadFile->errorString());
-            m_downloadReply->abort();
-        }
-    });
+    m_downloadReply->setReadBufferSize(downloadBufferBytes);
+    const qint64 deadlineMs =
+        m_deadlines.downloadBase.count() +
+        item.length * 1000 / std::max<qint64>(1, m_deadlines.downloadMinBytesPerSecond);
+    m_downloadDeadline.start(static_cast<int>(std::min<qint64>(deadlineMs, INT_MAX)));
+    connect(m_downloadReply, &QNetworkReply::readyRead, this, &UpdateFeed::downloadReadyRead);
     connect(m_downloadReply, &QNetworkReply::downloadProgress, this,
             [this](qint64 received, qint64) {
                 emit downloadProgress(received, m_downloadItem.length);
             });
     connect(m_downloadReply, &QNetworkReply::finished, this, &UpdateFeed::downloadFinished);
+}
+
+// Hashed as it is written, so the package is never whole in memory.
+void UpdateFeed::downloadReadyRead() {
+    while (m_downloadError.isEmpty() && m_downloadReply->bytesAvailable() > 0) {
+        const QByteArray chunk = m_downloadReply->read(downloadBufferBytes);
+        if (m_downloadFile->size() + chunk.size() > m_downloadItem.length) {
+            m_downloadError = QStringLiteral("The download is longer than the update feed says.");
+            m_downloadReply->abort();
+            return;
+        }
+        m_downloadHash->add(chunk);
+        if (m_downloadFile->write(chunk) != chunk.size()) {
+            m_downloadError =
+                QStringLiteral("The update cannot be saved: %1").arg(m_downloadFile->errorString());
+            m_downloadReply->abort();
+            return;
+        }
+    }
 }
 
 void UpdateFeed::cancelDownload() {
@@ -212,8 +258,12 @@ void UpdateFeed::discardDownload() {
 }
 
 void UpdateFeed::downloadFinished() {
+    if (!m_cancelled && m_downloadError.isEmpty() && m_downloadReply->isOpen()) {
+        downloadReadyRead();
+    }
     QNetworkReply* reply = m_downloadReply;
     m_downloadReply = nullptr;
+    m_downloadDeadline.stop();
     reply->deleteLater();
     if (m_cancelled) {
         discardDownload();
@@ -231,17 +281,15 @@ void UpdateFeed::downloadFinished() {
                 QStringLiteral("The download is %1 bytes long, the update feed says %2.")
                     .arg(m_downloadFile->size())
                     .arg(m_downloadItem.length);
-        } else if (!m_downloadFile->open(QIODevice::ReadOnly)) {
-            m_downloadError = QStringLiteral("The download cannot be read back: %1")
-                                  .arg(m_downloadFile->errorString());
         } else {
-            const QByteArray data = m_downloadFile->readAll();
-            m_downloadFile->close();
             const std::optional<QByteArray> signature =
                 ed25519::decodeBase64(m_downloadItem.edSignature);
-            if (!signature || !ed25519::verify(m_publicKey, data, *signature)) {
-                m_downloadError =
-                    QStringLiteral("The download's signature does not verify; it was deleted.");
+            const QByteArray message =
+                ed25519::releaseMessage(m_downloadItem.version, m_downloadHash->result());
+            if (!signature || !ed25519::verify(m_publicKey, message, *signature)) {
+                m_downloadError = QStringLiteral("The download's signature does not verify for "
+                                                 "version %1; it was deleted.")
+                                      .arg(m_downloadItem.version);
             }
         }
     }

@@ -60,7 +60,7 @@ private slots:
     void initTestCase() {
         m_keys = *ed25519::generate();
         m_package = QByteArray("!<arch>\n") + QByteArray(20'000, 'd');
-        m_signature = QString::fromLatin1(ed25519::sign(m_keys.seed, m_package).toBase64());
+        m_signature = signatureOf(m_keys.seed, QStringLiteral("0.2.0"));
     }
 
     void init() {
@@ -77,8 +77,7 @@ private slots:
         m_server->serve(QStringLiteral("/current.xml"), feed(current));
         m_server->serve(QStringLiteral("/newer.xml"), feed(current + signedBy(m_signature)));
         m_server->serve(QStringLiteral("/forged.xml"),
-                        feed(signedBy(QString::fromLatin1(
-                            ed25519::sign(ed25519::generate()->seed, m_package).toBase64()))));
+                        feed(signedBy(signatureOf(ed25519::generate()->seed, "0.2.0"))));
         m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), m_package);
     }
 
@@ -356,6 +355,13 @@ private:
     ed25519::KeyPair m_keys;
     QByteArray m_package;
     QString m_signature;
+
+    QString signatureOf(const QByteArray& seed, const QString& version) const {
+        ed25519::Sha256 hash;
+        hash.add(m_package);
+        return QString::fromLatin1(
+            ed25519::sign(seed, ed25519::releaseMessage(version, hash.result())).toBase64());
+    }
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<TestHttpServer> m_server;
     Recorder::Log m_log;

@@ -9,6 +9,8 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <utility>
+
 namespace ostrand::test {
 
 // A tiny HTTP/1.0 server on 127.0.0.1 for the updater's tests: each path
@@ -30,6 +32,10 @@ public:
 
     void serve(const QString& path, Response response) { m_routes.insert(path, response); }
     void serve(const QString& path, const QByteArray& body) { serve(path, {200, body, {}, -1}); }
+    // The body of `path` goes out `bytes` at a time every `intervalMs`.
+    void trickle(const QString& path, int bytes, int intervalMs) {
+        m_trickles.insert(path, {bytes, intervalMs});
+    }
     QUrl url(const QString& path) const {
         return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path));
     }
@@ -62,9 +68,26 @@ private:
         if (!response.location.isEmpty()) {
             out += "Location: " + response.location + "\r\n";
         }
-        out += "Connection: close\r\n\r\n" + response.body;
+        out += "Connection: close\r\n\r\n";
+        const auto trickle = m_trickles.find(path);
+        if (trickle == m_trickles.end()) {
+            socket->write(out + response.body);
+            socket->disconnectFromHost();
+            return;
+        }
         socket->write(out);
-        socket->disconnectFromHost();
+        auto* timer = new QTimer(socket);
+        connect(timer, &QTimer::timeout, socket,
+                [socket, timer, body = response.body, step = trickle->first,
+                 sent = qsizetype(0)]() mutable {
+                    socket->write(body.mid(sent, step));
+                    sent += step;
+                    if (sent >= body.size()) {
+                        timer->stop();
+                        socket->disconnectFromHost();
+                    }
+                });
+        timer->start(trickle->second);
     }
 
     static QByteArray reason(int status) {
@@ -85,6 +108,7 @@ private:
     QTcpServer m_server;
     QHash<QString, Response> m_routes;
     QHash<QString, int> m_counts;
+    QHash<QString, std::pair<int, int>> m_trickles;
     QHash<QTcpSocket*, QByteArray> m_pending;
 };
 

@@ -26,6 +26,18 @@ QList<AppcastItem> parsed(const QByteArray& xml) {
     return std::get<QList<AppcastItem>>(result);
 }
 
+QString signatureOf(const QByteArray& seed, const QString& version, const QByteArray& package) {
+    ed25519::Sha256 hash;
+    hash.add(package);
+    return QString::fromLatin1(
+        ed25519::sign(seed, ed25519::releaseMessage(version, hash.result())).toBase64());
+}
+
+// Short enough that a request held open fails the test quickly.
+UpdateFeed::Deadlines quickDeadlines() {
+    return {std::chrono::milliseconds(1000), std::chrono::milliseconds(1000), 1'000'000};
+}
+
 QByteArray contentsOf(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
@@ -86,6 +98,8 @@ private slots:
         row("skipped one, older still offered", item("0.2.0") + item("0.3.0"), "0.3.0", "0.2.0");
         row("critical offered though skipped", item("0.2.0", "linux", "<sparkle:criticalUpdate/>"),
             "0.2.0", "0.2.0");
+        row("critical older not offered", item("0.0.9", "linux", "<sparkle:criticalUpdate/>"), "",
+            "");
     }
     void newestUpdateIsChosen() {
         QFETCH(QByteArray, items);
@@ -176,6 +190,7 @@ private slots:
         row("redirect to another scheme", "/to-https", "could not be read");
         row("unreachable host", "unreachable", "could not be read");
         row("plain http to a host", "http://example.com/appcast.xml", "https://");
+        row("a byte now and then past the deadline", "/trickle.xml", "within 1 seconds");
     }
     void fetch() {
         QFETCH(QString, path);
@@ -193,12 +208,15 @@ private slots:
              {},
              server.url(QStringLiteral("/ok")).toString().replace("http:", "https:").toUtf8(),
              -1});
+        server.serve(QStringLiteral("/trickle.xml"), feed(item("0.2.0")));
+        server.trickle(QStringLiteral("/trickle.xml"), 1, 50);
         QUrl url = path.startsWith(u"http:") ? QUrl(path) : server.url(path);
         if (path == u"unreachable") {
             url = QUrl(QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(closedPort()));
         }
-        UpdateFeed updates(url, m_keys.publicKey);
+        UpdateFeed updates(url, m_keys.publicKey, QStringLiteral("0.1.0"));
         updates.setFeedLimit(4096);
+        updates.setDeadlines(quickDeadlines());
         QSignalSpy failed(&updates, &UpdateFeed::fetchFailed);
         QSignalSpy fetched(&updates, &UpdateFeed::fetched);
         updates.fetch();
@@ -227,6 +245,9 @@ private slots:
         row("shorter than the feed says", "shorter", "the update feed says");
         row("longer than the feed says", "longer", "longer than the update feed says");
         row("HTTP 404", "missing", "HTTP 404 Not Found");
+        row("old release under a newer version", "relabelled", "does not verify for version 0.2.0");
+        row("not newer than the running version", "not newer", "not newer than the running 0.1.0");
+        row("slow past the deadline", "trickle", "did not download within 2 seconds");
     }
     void downloads() {
         QFETCH(QString, fault);
@@ -237,7 +258,7 @@ private slots:
         update.shortVersion = update.version;
         update.os = QStringLiteral("linux");
         update.length = package.size();
-        update.edSignature = QString::fromLatin1(ed25519::sign(m_keys.seed, package).toBase64());
+        update.edSignature = signatureOf(m_keys.seed, update.version, package);
 
         TestHttpServer server;
         TestHttpServer::Response response{200, package, {}, -1};
@@ -246,8 +267,7 @@ private slots:
             other[5000] = 'q';
             response.body = other;
         } else if (fault == u"key") {
-            update.edSignature =
-                QString::fromLatin1(ed25519::sign(ed25519::generate()->seed, package).toBase64());
+            update.edSignature = signatureOf(ed25519::generate()->seed, update.version, package);
         } else if (fault == u"truncated") {
             response.body = package.left(60'000);
             response.declaredLength = package.size();
@@ -255,6 +275,13 @@ private slots:
             update.length = package.size() + 1;
         } else if (fault == u"longer") {
             update.length = package.size() - 1;
+        } else if (fault == u"relabelled") {
+            update.edSignature = signatureOf(m_keys.seed, QStringLiteral("0.0.9"), package);
+        } else if (fault == u"not newer") {
+            update.version = QStringLiteral("0.1.0");
+            update.edSignature = signatureOf(m_keys.seed, update.version, package);
+        } else if (fault == u"trickle") {
+            server.trickle(QStringLiteral("/ostrand_0.2.0_amd64.deb"), 1000, 50);
         }
         if (fault != u"missing") {
             server.serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), response);
@@ -268,12 +295,15 @@ private slots:
             mine.write("the user's own file");
         }
 
-        UpdateFeed updates(server.url(QStringLiteral("/appcast.xml")), m_keys.publicKey);
+        UpdateFeed updates(server.url(QStringLiteral("/appcast.xml")), m_keys.publicKey,
+                           QStringLiteral("0.1.0"));
         updates.setDownloadFolder(m_downloads.path());
+        updates.setDeadlines(quickDeadlines());
         QSignalSpy done(&updates, &UpdateFeed::downloaded);
         QSignalSpy failed(&updates, &UpdateFeed::downloadFailed);
         updates.download(update);
         QTRY_VERIFY_WITH_TIMEOUT(done.count() + failed.count() == 1, 10'000);
+        QCOMPARE(done.count(), errorPart.isEmpty() ? 1 : 0);
         if (errorPart.isEmpty()) {
             const QString written =
                 fault == u"taken" ? folder.filePath(QStringLiteral("ostrand_0.2.0_amd64 (2).deb"))
@@ -299,7 +329,8 @@ private slots:
         TestHttpServer server; // never answers this path with the whole file
         server.serve(QStringLiteral("/slow.deb"), {200, QByteArray(1000, 'x'), {}, 1'000'000});
         update.url = server.url(QStringLiteral("/slow.deb"));
-        UpdateFeed updates(update.url, m_keys.publicKey);
+        update.version = QStringLiteral("0.2.0");
+        UpdateFeed updates(update.url, m_keys.publicKey, QStringLiteral("0.1.0"));
         updates.setDownloadFolder(m_downloads.path());
         QSignalSpy cancelled(&updates, &UpdateFeed::downloadCancelled);
         QSignalSpy progress(&updates, &UpdateFeed::downloadProgress);
