@@ -32,6 +32,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -64,8 +65,26 @@ QJsonValue jsonNumber(double value) {
     return std::isfinite(value) ? QJsonValue(value) : QJsonValue(QJsonValue::Null);
 }
 
+// Qt leaves DEL and the C1 controls raw in strings; they are escaped too, so
+// that a line shown on a terminal cannot drive it. Such bytes only occur
+// inside strings, where \u00XX means the same character.
 std::string jsonLine(const QJsonObject& object) {
-    return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString() + '\n';
+    const std::string json = QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
+    std::string line;
+    line.reserve(json.size() + 1);
+    for (std::size_t at = 0; at < json.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(json[at]);
+        const auto next = at + 1 < json.size() ? static_cast<unsigned char>(json[at + 1]) : 0;
+        if (byte == 0x7F || (byte == 0xC2 && next >= 0x80 && next < 0xA0)) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte == 0x7F ? 0x7F : next);
+            line += escaped;
+            at += byte == 0x7F ? 0 : 1;
+        } else {
+            line += json[at];
+        }
+    }
+    return line + '\n';
 }
 
 std::string errorText(const std::exception& error) {
@@ -214,20 +233,35 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
     }
 
     Inputs inputs;
-    std::set<fs::path> seen;
+    // Each file once, by where it really is: the index of its entry.
+    std::map<fs::path, std::size_t> taken;
+    std::set<fs::path> passedOver;
     // A leveled file the user names is meant; one a folder or a list brings
-    // is most likely an earlier run's output.
+    // (or a link to one) is most likely an earlier run's output.
     const auto take = [&](const fs::path& file, bool named) {
         std::error_code error;
-        const fs::path key = fs::weakly_canonical(file, error);
-        if (!seen.insert(error ? file : key).second) {
+        fs::path key = fs::weakly_canonical(file, error);
+        if (error) {
+            key = file;
+        }
+        if (const auto found = taken.find(key); found != taken.end()) {
+            // A link that sorts before its target must not stand in for it:
+            // the real path names the output.
+            fs::path& kept = inputs.files[found->second];
+            if (fs::is_symlink(kept, error) && !fs::is_symlink(file, error)) {
+                kept = file;
+            }
             return;
         }
-        if (!named && !options.includeLeveled && OutputNaming::isLeveledName(file)) {
-            inputs.notes +=
-                file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
+        if (!named && !options.includeLeveled &&
+            (OutputNaming::isLeveledName(file) || OutputNaming::isLeveledName(key))) {
+            if (passedOver.insert(key).second) {
+                inputs.notes +=
+                    file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
+            }
             return;
         }
+        taken.emplace(key, inputs.files.size());
         inputs.files.push_back(file);
     };
     for (const auto& [path, listed] : given) {
@@ -688,22 +722,22 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
             }
         }
     } catch (const UsageError& error) {
-        err << "ostrand-cli: " << error.message << "\nTry 'ostrand-cli help'.\n";
+        err << "ostrand-cli: " << escapedText(error.message) << "\nTry 'ostrand-cli help'.\n";
         return exitUsage;
     } catch (const std::exception& error) {
-        err << "ostrand-cli: " << errorText(error) << '\n';
+        err << "ostrand-cli: " << escapedText(errorText(error)) << '\n';
         return exitFailure;
     }
     if (!options.quiet) {
-        err << inputs.notes << std::flush;
+        err << escapedText(inputs.notes) << std::flush;
     }
     for (const auto& folder : {options.outputDir, options.plotDir}) {
         if (folder && !options.dryRun) {
             std::error_code error;
             fs::create_directories(*folder, error);
             if (error) {
-                err << "ostrand-cli: cannot make the folder " << folder->string() << ": "
-                    << error.message() << '\n';
+                err << escapedText("ostrand-cli: cannot make the folder " + folder->string() +
+                                   ": " + error.message() + '\n');
                 return exitFailure;
             }
         }

@@ -22,7 +22,7 @@ public:
     CliConsole(const CliConsole&) = delete;
     CliConsole& operator=(const CliConsole&) = delete;
 
-    // Whole lines, ending in a newline.
+    // Whole lines, ending in a newline; shown escaped (escapedText).
     void report(const std::string& lines);
     void message(const std::string& lines);
 
@@ -55,6 +55,11 @@ private:
     std::string m_drawn; // the progress line on screen, empty when none
     bool m_outputFailed = false;
 };
+
+// `text` safe to show on a terminal: control characters (C0 but the line
+// feed, DEL, C1 in UTF-8) and bytes that are not UTF-8 are written as \xNN,
+// so a file name cannot move the cursor, recolour or retitle the terminal.
+std::string escapedText(const std::string& text);
 
 // The first `columns` characters of `text` (UTF-8), ending in "…" when cut.
 std::string fitToColumns(const std::string& text, std::size_t columns);

@@ -433,6 +433,8 @@ struct Season {
         noiseFile(dir / "season/.cache/hidden.wav", 48000, "mono", 1.0);
         noiseFile(dir / "season/ep0 leveled 2.wav", 48000, "mono", 1.0);
         textFile(dir / "season/notes.txt");
+        // Sorts before its target: -r must still level ep1.wav, once.
+        fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
     }
     std::string at(const char* path) const { return (dir / path).string(); }
     // The files an output folder holds, by name.
@@ -535,6 +537,18 @@ INSTANTIATE_TEST_SUITE_P(
                               "@season/ep1.wav\n@season/ep2/ep2.mp3\n",
                               exitSuccess,
                               {"ep1 leveled.wav", "ep2 leveled.m4a"}},
+                    InputCase{"LinkAndItsTarget",
+                              {"-r", "@season/a-link.wav", "@season"},
+                              "",
+                              exitSuccess,
+                              {"ep1 leveled.wav", "ep2 leveled.m4a"},
+                              "2 leveled, 1 skipped"},
+                    InputCase{"ControlCharactersInNamesAreEscaped",
+                              {"-"},
+                              "@season/ep1.wav\n@season/\x1b]0;x\a\x1b[2J\xc2\x9b.wav\n",
+                              exitFailure,
+                              {"ep1 leveled.wav"},
+                              "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
                     InputCase{"SameFileTwice",
                               {"@season/ep1.wav", "@season/../season/ep1.wav"},
                               "",
