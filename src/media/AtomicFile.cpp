@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <random>
 #include <system_error>
@@ -76,6 +77,11 @@ std::string procPath(int fd) {
 }
 
 } // namespace
+
+std::size_t AtomicFile::nameLimit(const std::filesystem::path& folder) {
+    const long limit = ::pathconf(folder.empty() ? "." : folder.c_str(), _PC_NAME_MAX);
+    return limit > 0 ? static_cast<std::size_t>(limit) : SIZE_MAX;
+}
 
 std::string AtomicFile::hiddenPrefix() {
     return hiddenPrefixOf(hostName()) + std::to_string(::getpid()) + "-";

@@ -45,6 +45,10 @@ public:
     // Removes the file if it has no visible name yet. Never throws.
     void discard() noexcept;
 
+    // The longest file name, in bytes, that `folder`'s file system takes;
+    // SIZE_MAX when it does not say.
+    static std::size_t nameLimit(const std::filesystem::path& folder);
+
     // The hidden names of this process's files start with this.
     static std::string hiddenPrefix();
 

@@ -1,5 +1,6 @@
 #include "LevelingEngine.h"
 
+#include "AtomicFile.h"
 #include "MediaAsset.h"
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
@@ -382,6 +383,18 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     // replace the source either.
     if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
         throw OstrandError::writerFailed("the destination is the source file itself");
+    }
+    // A name the file system cannot hold would otherwise fail only at the
+    // end, after all the work.
+    for (const std::filesystem::path* path :
+         {&destination, audioSidecar ? &*audioSidecar : nullptr}) {
+        const std::size_t length = path ? path->filename().string().size() : 0;
+        const std::size_t limit = path ? AtomicFile::nameLimit(path->parent_path()) : 0;
+        if (path && length > limit) {
+            throw OstrandError::exportFailed(path->string() + ": the name is " +
+                                             std::to_string(length) + " bytes, more than the " +
+                                             std::to_string(limit) + " this file system allows");
+        }
     }
     // Whatever front end sent them: a target that is not a number plans
     // silence, a ceiling that is not one lets anything through.
