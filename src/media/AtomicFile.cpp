@@ -1,6 +1,7 @@
 #include "AtomicFile.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -19,6 +20,39 @@ namespace {
 
 // Names tried before giving up on finding a free one.
 constexpr int maxCandidates = 100000;
+
+std::atomic<bool> actingAsFat{false};
+
+// The calls a file system may lack, with the errors FAT gives for them.
+int openUnnamed(const std::filesystem::path& folder, unsigned permissions) {
+    if (actingAsFat) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, static_cast<mode_t>(permissions));
+}
+
+int hardLink(const char* from, const char* to) {
+    if (actingAsFat) {
+        errno = EPERM;
+        return -1;
+    }
+    return ::link(from, to);
+}
+
+int renameNoReplace(const char* from, const char* to) {
+    if (actingAsFat) {
+        errno = EINVAL;
+        return -1;
+    }
+    return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+}
+
+// Whether renameat2 failed for want of RENAME_NOREPLACE rather than for the
+// names (ENOTSUP is EOPNOTSUPP on Linux).
+bool lacksNoReplace(int error) {
+    return error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
+}
 
 [[noreturn]] void throwErrno(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -83,6 +117,14 @@ std::size_t AtomicFile::nameLimit(const std::filesystem::path& folder) {
     return limit > 0 ? static_cast<std::size_t>(limit) : SIZE_MAX;
 }
 
+void AtomicFile::checkWritable(const std::filesystem::path& folder) {
+    AtomicFile probe(folder, 0600);
+}
+
+void AtomicFile::actAsFat(bool on) {
+    actingAsFat = on;
+}
+
 std::string AtomicFile::hiddenPrefix() {
     return hiddenPrefixOf(hostName()) + std::to_string(::getpid()) + "-";
 }
@@ -91,8 +133,7 @@ AtomicFile::AtomicFile(const std::filesystem::path& folder, unsigned permissions
     : m_folder(folder.empty() ? std::filesystem::path(".") : folder) {
     clearLeftovers(m_folder);
     if (unnamedFilesUsable()) {
-        m_fd = ::open(m_folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC,
-                      static_cast<mode_t>(permissions));
+        m_fd = openUnnamed(m_folder, permissions);
         if (m_fd >= 0) {
             return;
         }
@@ -134,7 +175,7 @@ bool AtomicFile::linkAt(const std::filesystem::path& path) {
         if (errno == EEXIST) {
             return false;
         }
-        throwErrno("cannot name the file " + path.filename().string());
+        throwErrno("cannot name the file " + path.string());
     }
     if (!linkNew(m_hidden, path)) {
         return false;
@@ -146,20 +187,45 @@ bool AtomicFile::linkAt(const std::filesystem::path& path) {
 }
 
 bool AtomicFile::linkNew(const std::filesystem::path& from, const std::filesystem::path& to) {
-    if (::link(from.c_str(), to.c_str()) == 0) {
+    if (hardLink(from.c_str(), to.c_str()) == 0) {
         return true;
     }
     if (errno == EEXIST) {
         return false;
     }
-    // File systems without hard links still rename without replacing.
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    // File systems without hard links may still rename without replacing.
+    if (renameNoReplace(from.c_str(), to.c_str()) == 0) {
         return true;
     }
     if (errno == EEXIST) {
         return false;
     }
-    throwErrno("cannot name the file " + to.filename().string());
+    if (!lacksNoReplace(errno)) {
+        throwErrno("cannot name the file " + to.string());
+    }
+    // Neither: take the name with an empty file first; replacing our own
+    // file then loses nothing.
+    const int reserved = ::open(to.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+    if (reserved < 0) {
+        if (errno == EEXIST) {
+            return false;
+        }
+        throwErrno("cannot name the file " + to.string());
+    }
+    struct stat ours {};
+    const bool known = ::fstat(reserved, &ours) == 0;
+    ::close(reserved);
+    if (::rename(from.c_str(), to.c_str()) == 0) {
+        return true;
+    }
+    const int error = errno;
+    struct stat there {};
+    if (known && ::lstat(to.c_str(), &there) == 0 && there.st_dev == ours.st_dev &&
+        there.st_ino == ours.st_ino) {
+        ::unlink(to.c_str());
+    }
+    errno = error;
+    throwErrno("cannot name the file " + to.string());
 }
 
 void AtomicFile::commitReplacing(const std::filesystem::path& path) {
@@ -174,7 +240,7 @@ void AtomicFile::commitReplacing(const std::filesystem::path& path) {
         m_hidden = hidden;
     }
     if (::rename(m_hidden.c_str(), path.c_str()) != 0) {
-        throwErrno("cannot name the file " + path.filename().string());
+        throwErrno("cannot name the file " + path.string());
     }
     m_hidden.clear();
     m_committed = true;

@@ -12,7 +12,11 @@ namespace ostrand {
 // that names this host and process, so a later AtomicFile in the folder can
 // clear it away once that process is gone. A kill, a failure or a cancel
 // therefore never leaves a partial file under a visible name, and never
-// touches a file that is already there.
+// touches a file that is already there. Where the file system can neither
+// link nor rename without replacing (FAT, exFAT, many FUSE file systems), the
+// final name is first taken by an empty file of its own, which the complete
+// file then replaces: a reader may see that empty file for a moment, and a
+// kill in that moment leaves it.
 //
 // One owner, one thread. Errors are std::system_error with the system's words.
 class AtomicFile {
@@ -49,12 +53,21 @@ public:
     // SIZE_MAX when it does not say.
     static std::size_t nameLimit(const std::filesystem::path& folder);
 
+    // Throws as the constructor would if no file can be made in `folder`,
+    // leaving nothing there; for a check before any long work.
+    static void checkWritable(const std::filesystem::path& folder);
+
+    // Makes every folder of this process answer as a FAT file system does:
+    // no unnamed files, no hard links, no rename that refuses to replace.
+    // For tests.
+    static void actAsFat(bool on);
+
     // The hidden names of this process's files start with this.
     static std::string hiddenPrefix();
 
     // Gives the complete file `from` the name `to` as well, unless a file is
     // there (false then); where the file system has no hard links it is
-    // moved instead, never replacing either.
+    // moved instead, never replacing a file it did not make.
     static bool linkNew(const std::filesystem::path& from, const std::filesystem::path& to);
 
 private:

@@ -355,6 +355,17 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCu
     return attempt;
 }
 
+// The name `path` would take if the file were named now.
+std::filesystem::path likelyName(const std::filesystem::path& path,
+                                 OutputNaming::ExistingFile existing) {
+    if (existing != OutputNaming::ExistingFile::keepAndNumber) {
+        return path;
+    }
+    const std::string extension = path.extension().string();
+    return OutputNaming::uniqueLocation(path.parent_path(), path.stem().string(),
+                                        extension.empty() ? extension : extension.substr(1));
+}
+
 // Both files are complete before either takes a name, so a failure leaves
 // neither. The sidecar follows an output that had to move on to another name.
 void name(Attempt& attempt, const std::filesystem::path& destination) {
@@ -384,17 +395,32 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
         throw OstrandError::writerFailed("the destination is the source file itself");
     }
-    // A name the file system cannot hold would otherwise fail only at the
-    // end, after all the work.
-    for (const std::filesystem::path* path :
-         {&destination, audioSidecar ? &*audioSidecar : nullptr}) {
-        const std::size_t length = path ? path->filename().string().size() : 0;
-        const std::size_t limit = path ? AtomicFile::nameLimit(path->parent_path()) : 0;
-        if (path && length > limit) {
-            throw OstrandError::exportFailed(path->string() + ": the name is " +
+    // A name the file system cannot hold, or a folder that takes no file,
+    // would otherwise fail only at the end, after all the work. A numbered
+    // file is checked under the name it would take now; the sidecar always
+    // numbers.
+    const auto check = [](const std::filesystem::path& path) {
+        const std::size_t length = path.filename().string().size();
+        const std::size_t limit = AtomicFile::nameLimit(path.parent_path());
+        if (length > limit) {
+            throw OstrandError::exportFailed(path.string() + ": the name is " +
                                              std::to_string(length) + " bytes, more than the " +
                                              std::to_string(limit) + " this file system allows");
         }
+        try {
+            AtomicFile::checkWritable(path.parent_path());
+        } catch (const std::system_error& error) {
+            throw OstrandError::exportFailed(error.what());
+        }
+    };
+    const std::filesystem::path output = likelyName(destination, existing);
+    check(output);
+    if (audioSidecar) {
+        std::filesystem::path beside = output;
+        check(likelyName(output == destination
+                             ? *audioSidecar
+                             : beside.replace_extension(OutputNaming::sidecarExtension),
+                         OutputNaming::ExistingFile::keepAndNumber));
     }
     // Whatever front end sent them: a target that is not a number plans
     // silence, a ceiling that is not one lets anything through.

@@ -171,7 +171,7 @@ public:
         try {
             m_file.emplace(m_url.parent_path(), permissionsFor(m_sourceURL));
         } catch (const std::system_error& error) {
-            fail(error.code().message());
+            fail(error.what());
         }
         open(asset, videoTracks, keepOtherStreams);
         m_pipe.emplace(static_cast<std::size_t>(m_channels), pipeDepth);
@@ -294,7 +294,7 @@ private:
                     [&](int number) { return OutputNaming::numberedLocation(first, number); });
             }
         } catch (const std::system_error& error) {
-            fail(error.code().message());
+            fail(error.what());
         }
         m_file.reset();
     }

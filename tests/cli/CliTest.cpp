@@ -1,5 +1,6 @@
 #include "cli/Cli.h"
 #include "cli/CliConsole.h"
+#include "media/AtomicFile.h"
 
 #include "support/MediaFixtures.h"
 #include "support/NamedCases.h"
@@ -563,6 +564,7 @@ struct PolicyCase {
     std::vector<std::string> outputs;
     const char* said = "";         // on standard output or error
     const char* appears = nullptr; // made in the output folder while the file is leveled
+    bool onFat = false;            // no unnamed files, no hard links, no rename that keeps a file
 };
 
 class CliOutputPolicy : public testing::TestWithParam<PolicyCase> {};
@@ -583,12 +585,14 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     // The first poll is the batch's, before the file is planned; the second
     // is the engine's, while it levels.
     std::atomic<int> polls = 0;
+    AtomicFile::actAsFat(c.onFat);
     const CliRun r = run(args, [&] {
         if (++polls == 2 && c.appears != nullptr) {
             textFile(dir / "out" / c.appears, "earlier");
         }
         return false;
     });
+    AtomicFile::actAsFat(false);
     EXPECT_EQ(r.status, c.status) << r.err;
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir / "out")) {
@@ -643,6 +647,21 @@ INSTANTIATE_TEST_SUITE_P(
                     "talk leveled 3.png", "talk leveled.wav (earlier)"},
                    "talk leveled 3.png",
                    "talk leveled 2.png"},
+        PolicyCase{"PlotDirNumbersPastAPictureOnFat",
+                   {"--output-dir", "@out", "--plot-dir", "@out"},
+                   exitSuccess,
+                   {"take.wav (earlier)", "talk leveled 2.png (earlier)", "talk leveled 2.wav",
+                    "talk leveled 3.png", "talk leveled.wav (earlier)"},
+                   "talk leveled 3.png",
+                   "talk leveled 2.png",
+                   true},
+        PolicyCase{"OutputRefusesAFileThatAppearsOnFat",
+                   {"--output", "@out/late.wav"},
+                   exitFailure,
+                   {"late.wav (earlier)", "take.wav (earlier)", "talk leveled.wav (earlier)"},
+                   "late.wav exists; add --force",
+                   "late.wav",
+                   true},
         PolicyCase{"NameTooLongFailsFirst",
                    {"--output", "@out/" + std::string(300, 'a') + ".wav"},
                    exitFailure,

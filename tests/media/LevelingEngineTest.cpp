@@ -472,6 +472,8 @@ struct FailureCase {
     std::optional<LevelingPhase> cancelIn = std::nullopt;
     rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk below that
     bool measureFails = false;            // measuring the source fails with the same message
+    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
+    bool failsFirst = false; // before any progress is reported
 };
 
 class FailureTest : public ::testing::TestWithParam<FailureCase> {};
@@ -497,8 +499,14 @@ TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     const fs::path source = c.source(dir);
     const auto before = listing(dir.path());
     std::atomic<int> reports = 0; // the cancel check is polled from the reader's thread too
+    std::atomic<int> allReports = 0;
     const Options options{.sidecar = dir / "out/leveled.wav",
-                          .progress = [&](auto p) { reports += p.phase == c.cancelIn; },
+                          .existing = c.existing,
+                          .progress =
+                              [&](auto p) {
+                                  reports += p.phase == c.cancelIn;
+                                  ++allReports;
+                              },
                           .cancelled = [&] { return reports >= 2; }};
     rlimit original{};
     ::getrlimit(RLIMIT_FSIZE, &original);
@@ -513,6 +521,9 @@ TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     }
     ::setrlimit(RLIMIT_FSIZE, &original);
     EXPECT_EQ(listing(dir.path()), before);
+    if (c.failsFirst) {
+        EXPECT_EQ(allReports, 0);
+    }
     if (c.measureFails) {
         try {
             LevelingEngine::measure(source, {}, {});
@@ -531,6 +542,9 @@ fs::path claimingRate(const fs::path& path, double rate) {
     audio.sampleRate = rate;
     return floatWav(path, audio);
 }
+// As long as a file name may be: any number added makes it too long.
+const std::string fullLengthName = std::string(251, 'a') + ".wav";
+const std::string fullLengthPath = "out/" + fullLengthName;
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, FailureTest,
@@ -548,8 +562,21 @@ INSTANTIATE_TEST_SUITE_P(
                     "^Couldn't read the file: .*No such file"},
         FailureCase{"VideoWithoutAudio", [](const auto& d) { return videoOnly(d / "v.mp4"); },
                     "^This file has no audio track to level\\.$"},
-        FailureCase{"UnwritableDestination", talk, "^Couldn't write .*Not a directory",
-                    "talk.wav/leveled.wav"},
+        FailureCase{.name = "UnwritableDestination",
+                    .source = talk,
+                    .message = "^Couldn't write .*talk\\.wav: Not a directory",
+                    .destination = "talk.wav/leveled.wav",
+                    .failsFirst = true},
+        FailureCase{.name = "NumberedNameTooLong",
+                    .source =
+                        [](const auto& d) {
+                            textFile(d / "out" / fullLengthName, "an earlier take");
+                            return talk(d);
+                        },
+                    .message = "^Couldn't write .*a 2\\.wav: the name is 257 bytes",
+                    .destination = fullLengthPath.c_str(),
+                    .existing = OutputNaming::ExistingFile::keepAndNumber,
+                    .failsFirst = true},
         FailureCase{"DestinationIsTheSource", talk, "^Couldn't write .*source", "talk.wav"},
         FailureCase{"FullDisk", talk, "^Couldn't write .*File too large", "out/leveled.wav",
                     std::nullopt, 256 * 1024},
