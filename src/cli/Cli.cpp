@@ -503,7 +503,7 @@ private:
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
-                                ReportText::detailLine(report).toStdString() + '\n';
+                                ReportText::detailLine(report) + '\n';
             lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {

@@ -435,12 +435,16 @@ struct Season {
         textFile(dir / "season/notes.txt");
         // Sorts before its target: -r must still level ep1.wav, once.
         fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
+        // A name from an old Latin-1 disk: bytes that are not UTF-8.
+        fs::create_directories(dir / "latin1");
+        noiseFile(dir / "latin1/caf\xe9.wav", 48000, "mono", 1.0);
     }
     std::string at(const char* path) const { return (dir / path).string(); }
     // The files an output folder holds, by name.
     std::vector<std::string> outputs() const {
         std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(dir / "out")) {
+        std::error_code none; // no folder, no outputs
+        for (const auto& entry : fs::directory_iterator(dir / "out", none)) {
             names.push_back(entry.path().filename().string());
         }
         std::sort(names.begin(), names.end());
@@ -455,7 +459,8 @@ struct InputCase {
     std::string standardInput;     // "@x" likewise, one a line
     int status;
     std::vector<std::string> outputs;
-    const char* message = "";
+    const char* message = ""; // on standard output or error
+    const char* command = "level";
 };
 
 class CliInputs : public testing::TestWithParam<InputCase> {};
@@ -473,7 +478,12 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
         }
         return text;
     };
-    std::vector<std::string> args{"level", "-j", "2", "--output-dir", season.at("out")};
+    const fs::path latin1 = season.dir / "latin1/caf\xe9.wav";
+    const std::string latin1Bytes = fileBytes(latin1);
+    std::vector<std::string> args{c.command, "-j", "2"};
+    if (args.front() == "level") {
+        args.insert(args.end(), {"--output-dir", season.at("out")});
+    }
     for (const std::string& arg : c.args) {
         args.push_back(expand(arg));
     }
@@ -492,7 +502,8 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
     if (c.status != exitUsage) {
         EXPECT_EQ(season.outputs(), c.outputs);
     }
-    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
+    EXPECT_EQ(fileBytes(latin1), latin1Bytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -549,6 +560,25 @@ INSTANTIATE_TEST_SUITE_P(
                               exitFailure,
                               {"ep1 leveled.wav"},
                               "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
+                    InputCase{"NameNotUtf8",
+                              {"@latin1/caf\xe9.wav"},
+                              "",
+                              exitSuccess,
+                              {"caf\xe9 leveled.wav"},
+                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
+                    InputCase{"NameNotUtf8InAFolder",
+                              {"-r", "@latin1"},
+                              "",
+                              exitSuccess,
+                              {"caf\xe9 leveled.wav"},
+                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
+                    InputCase{"NameNotUtf8Measured",
+                              {"@latin1/caf\xe9.wav"},
+                              "",
+                              exitSuccess,
+                              {},
+                              "latin1/caf\\xe9.wav: -",
+                              "measure"},
                     InputCase{"SameFileTwice",
                               {"@season/ep1.wav", "@season/../season/ep1.wav"},
                               "",
