@@ -435,9 +435,9 @@ struct Season {
         textFile(dir / "season/notes.txt");
         // Sorts before its target: -r must still level ep1.wav, once.
         fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
-        // A name from an old Latin-1 disk: bytes that are not UTF-8.
-        fs::create_directories(dir / "latin1");
-        noiseFile(dir / "latin1/caf\xe9.wav", 48000, "mono", 1.0);
+        // Names from an old Latin-1 disk: bytes that are not UTF-8.
+        fs::create_directories(dir / "\xe9t\xe9");
+        noiseFile(dir / "\xe9t\xe9/caf\xe9.wav", 48000, "mono", 1.0);
     }
     std::string at(const char* path) const { return (dir / path).string(); }
     // The files an output folder holds, by name.
@@ -478,7 +478,7 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
         }
         return text;
     };
-    const fs::path latin1 = season.dir / "latin1/caf\xe9.wav";
+    const fs::path latin1 = season.dir / "\xe9t\xe9/caf\xe9.wav";
     const std::string latin1Bytes = fileBytes(latin1);
     std::vector<std::string> args{c.command, "-j", "2"};
     if (args.front() == "level") {
@@ -561,23 +561,23 @@ INSTANTIATE_TEST_SUITE_P(
                               {"ep1 leveled.wav"},
                               "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
                     InputCase{"NameNotUtf8",
-                              {"@latin1/caf\xe9.wav"},
+                              {"@\xe9t\xe9/caf\xe9.wav"},
                               "",
                               exitSuccess,
                               {"caf\xe9 leveled.wav"},
                               "dB \u00b7 caf\\xe9 leveled.wav\n"},
                     InputCase{"NameNotUtf8InAFolder",
-                              {"-r", "@latin1"},
+                              {"-r", "@\xe9t\xe9"},
                               "",
                               exitSuccess,
                               {"caf\xe9 leveled.wav"},
                               "dB \u00b7 caf\\xe9 leveled.wav\n"},
                     InputCase{"NameNotUtf8Measured",
-                              {"@latin1/caf\xe9.wav"},
+                              {"--plot-dir", "@\xe9t\xe9", "@\xe9t\xe9/caf\xe9.wav"},
                               "",
                               exitSuccess,
                               {},
-                              "latin1/caf\\xe9.wav: -",
+                              "\\xe9t\\xe9/caf\\xe9.wav: -",
                               "measure"},
                     InputCase{"SameFileTwice",
                               {"@season/ep1.wav", "@season/../season/ep1.wav"},
