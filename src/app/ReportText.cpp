@@ -19,13 +19,20 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
            LevelingJob::format(report.duration) + QStringLiteral(" leveled") + elapsed;
 }
 
-QString detailLine(const LevelingReport& report) {
+namespace {
+
+QString figures(const LevelingReport& report) {
     // A gain that rounds to zero reads "+0.0", never "-0.0".
     const auto signedGain = [](double db) { return std::round(db * 10.0) == 0.0 ? 0.0 : db; };
     return QString::asprintf("gain %+.1f to %+.1f dB \u00b7 limiter %.1f dB \u00b7 ",
                              signedGain(report.minGain), signedGain(report.maxGain),
-                             report.limiterGainReduction) +
-           QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
+                             report.limiterGainReduction);
+}
+
+} // namespace
+
+std::string detailLine(const LevelingReport& report) {
+    return figures(report).toStdString() + report.outputURL.filename().string();
 }
 
 QString notesText(const LevelingReport& report) {
@@ -43,7 +50,9 @@ QString notesText(const LevelingReport& report) {
 }
 
 QString detail(const LevelingReport& report) {
-    QString text = detailLine(report);
+    QString text =
+        figures(report) +
+        QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
     if (report.audioSidecarURL) {
         text += QStringLiteral(" + ") + QFile::decodeName(QByteArray::fromStdString(
                                             report.audioSidecarURL->filename().string()));

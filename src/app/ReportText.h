@@ -5,6 +5,7 @@
 #include <QString>
 
 #include <optional>
+#include <string>
 
 // The texts that show a finished job's result, shared by the job list and
 // the command line so that both print the same figures the same way.
@@ -14,8 +15,10 @@ namespace ostrand::ReportText {
 // " in …" suffix is left out.
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds);
 
-// "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov"
-QString detailLine(const LevelingReport& report);
+// "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov", with the name's
+// bytes as the file system holds them, which need not be UTF-8: for a
+// terminal, which shows them escaped.
+std::string detailLine(const LevelingReport& report);
 
 // The detail line followed by " + " and the WAV sidecar's name when there is
 // one: the job row's second line.

@@ -503,7 +503,7 @@ private:
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
-                                ReportText::detailLine(report).toStdString() + '\n';
+                                ReportText::detailLine(report) + '\n';
             lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {
@@ -606,8 +606,8 @@ private:
     // is asked for, and names it as outputs are named: a file already there
     // is replaced only with --force, else --plot fails and --plot-dir takes
     // the next numbered name; two pictures of one run never share a name.
-    // Drawn under a hidden name and then linked, so that a file appearing
-    // meanwhile is not replaced either. Returns the name used.
+    // Drawn unnamed and then linked, so that a file appearing meanwhile is
+    // not replaced either. Returns the name used.
     std::optional<fs::path> drawPlot(const fs::path& file,
                                      const std::shared_ptr<const LevelingSeries>& series) {
         const std::optional<fs::path> first = plotLocation(m_options, file);
@@ -615,42 +615,44 @@ private:
             return std::nullopt;
         }
         const fs::path folder = first->parent_path().empty() ? "." : first->parent_path();
-        const fs::path hidden =
-            folder / (AtomicFile::hiddenPrefix() + "plot-" + std::to_string(m_plotsDrawn++) +
-                      first->extension().string());
         const auto failed = [](const fs::path& path, const std::string& reason) {
             return std::runtime_error("cannot write the plot " + path.string() + ": " + reason);
         };
-        QString error;
-        if (!LoudnessPlot::save(decoded(hidden), series, plotSize, LoudnessPlot::Theme::light,
-                                decoded(file.filename()), &error)) {
-            throw failed(*first, error.toStdString());
-        }
-        struct Removal {
-            const fs::path& path;
-            ~Removal() {
-                std::error_code ignored;
-                fs::remove(path, ignored);
-            }
-        } removal{hidden};
-        const std::lock_guard lock(m_plotsMutex);
-        for (int number = 1; number <= (m_options.plot ? 1 : maxPlotNumber); ++number) {
-            const fs::path candidate = OutputNaming::numberedLocation(*first, number);
-            if (m_plotsTaken.contains(candidate)) {
-                continue;
-            }
-            try {
-                if (m_options.force ? std::rename(hidden.c_str(), candidate.c_str()) == 0
-                                    : AtomicFile::linkNew(hidden, candidate)) {
-                    m_plotsTaken.insert(candidate);
-                    return candidate;
+        fs::path candidate = *first;
+        try {
+            AtomicFile picture(folder);
+            {
+                // Qt only writes; the names stay bytes, which a folder's
+                // need not be UTF-8 to be.
+                QFile device;
+                QString error;
+                if (!device.open(picture.descriptor(), QIODevice::WriteOnly,
+                                 QFileDevice::DontCloseHandle) ||
+                    !LoudnessPlot::write(
+                        device, QString::fromStdString(OutputFormat::lowerExtension(*first)),
+                        series, plotSize, LoudnessPlot::Theme::light, decoded(file.filename()),
+                        &error) ||
+                    !device.flush()) {
+                    throw failed(*first, error.isEmpty() ? device.errorString().toStdString()
+                                                         : error.toStdString());
                 }
-            } catch (const std::system_error& linkError) {
-                throw failed(candidate, linkError.code().message());
             }
-            if (m_options.force) {
-                throw failed(candidate, std::strerror(errno));
+            const std::lock_guard lock(m_plotsMutex);
+            for (int number = 1; number <= (m_options.plot ? 1 : maxPlotNumber); ++number) {
+                candidate = OutputNaming::numberedLocation(*first, number);
+                if (m_plotsTaken.contains(candidate)) {
+                    continue;
+                }
+                if (m_options.force) {
+                    picture.commitReplacing(candidate);
+                } else if (!picture.commitNew(candidate)) {
+                    continue;
+                }
+                m_plotsTaken.insert(candidate);
+                return candidate;
             }
+        } catch (const std::system_error& error) {
+            throw failed(candidate, error.code().message());
         }
         if (m_options.plot) {
             throw existsError(*first);
@@ -684,7 +686,6 @@ private:
     std::atomic<std::size_t> m_next{0};
     std::array<std::atomic<int>, 3> m_counts{};
     static constexpr int maxPlotNumber = 100000;
-    std::atomic<int> m_plotsDrawn{0};
     std::mutex m_plotsMutex;
     std::set<fs::path> m_plotsTaken; // this run's pictures
 };

@@ -225,6 +225,19 @@ std::string expandAbbreviation(const std::string& arg) {
     return "--" + matches.front() + (eq == std::string::npos ? "" : arg.substr(eq));
 }
 
+// Qt's parser holds text, but an argument is bytes, and a file name need not
+// be UTF-8 ("caf\xe9.wav" from an old Latin-1 disk): each byte goes in as
+// one Latin-1 character and comes out as that byte again, where a decoding
+// would turn it into U+FFFD and name another file. Option names are ASCII,
+// so they read the same either way.
+QString carried(const std::string& bytes) {
+    return QString::fromLatin1(bytes.data(), static_cast<qsizetype>(bytes.size()));
+}
+
+std::string bytes(const QString& text) {
+    return text.toLatin1().toStdString();
+}
+
 QString displayName(const OptionSpec& spec) {
     return spec.longName != nullptr ? QStringLiteral("--") + QLatin1String(spec.longName)
                                     : QStringLiteral("-") + QLatin1String(spec.shortName);
@@ -238,18 +251,18 @@ std::string usageMessage(QString text) {
     }
     if (text.startsWith(QLatin1String("Unknown option '"))) {
         const QString name = text.mid(16).chopped(1);
-        return "unknown option " + std::string(name.size() == 1 ? "-" : "--") + name.toStdString();
+        return "unknown option " + std::string(name.size() == 1 ? "-" : "--") + bytes(name);
     }
     if (text.startsWith(QLatin1String("Missing value after '"))) {
-        return text.mid(21).chopped(1).toStdString() + " needs a value";
+        return bytes(text.mid(21).chopped(1)) + " needs a value";
     }
     if (text.startsWith(QLatin1String("Unexpected value after '"))) {
-        return text.mid(24).chopped(1).toStdString() + " takes no value";
+        return bytes(text.mid(24).chopped(1)) + " takes no value";
     }
     if (!text.isEmpty()) {
         text[0] = text[0].toLower();
     }
-    return text.toStdString();
+    return bytes(text);
 }
 
 } // namespace
@@ -276,7 +289,7 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
     bool onlyFiles = false;
     for (const std::string& arg : args) {
         onlyFiles = onlyFiles || arg == "--";
-        arguments << QString::fromLocal8Bit(onlyFiles ? arg : expandAbbreviation(arg));
+        arguments << carried(onlyFiles ? arg : expandAbbreviation(arg));
     }
     if (!parser.parse(arguments)) {
         throw UsageError{usageMessage(parser.errorText())};
@@ -291,7 +304,7 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         if (values.size() > 1) {
             throw UsageError{std::string("--") + name + " is given more than once"};
         }
-        return values.front().toLocal8Bit().toStdString();
+        return bytes(values.front());
     };
 
     CliOptions o;
@@ -299,10 +312,10 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
     o.version = set("version");
     QStringList positional = parser.positionalArguments();
     if (!positional.isEmpty()) {
-        o.command = positional.takeFirst().toLocal8Bit().toStdString();
+        o.command = bytes(positional.takeFirst());
     }
     for (const QString& input : positional) {
-        o.inputs.emplace_back(input.toLocal8Bit().toStdString());
+        o.inputs.emplace_back(bytes(input));
     }
     if (o.help || o.version) {
         return o;

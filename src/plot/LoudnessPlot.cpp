@@ -525,24 +525,40 @@ bool LoudnessPlot::isPictureName(const QString& path) {
 
 bool LoudnessPlot::save(const QString& path, std::shared_ptr<const LevelingSeries> series,
                         QSize size, Theme theme, const QString& title, QString* error) {
+    QString reason;
+    // The picture takes its name only once it is complete.
+    QSaveFile file(path);
+    if (!isPictureName(path)) {
+        reason = QStringLiteral("a picture's name ends in .png or .svg");
+    } else if (!file.open(QIODevice::WriteOnly)) {
+        reason = file.errorString();
+    } else if (!write(file, QFileInfo(path).suffix().toLower(), std::move(series), size, theme,
+                      title, &reason)) {
+        file.cancelWriting();
+    } else if (!file.commit()) {
+        reason = file.errorString();
+    } else {
+        return true;
+    }
+    if (error) {
+        *error = reason;
+    }
+    return false;
+}
+
+bool LoudnessPlot::write(QIODevice& device, const QString& format,
+                         std::shared_ptr<const LevelingSeries> series, QSize size, Theme theme,
+                         const QString& title, QString* error) {
     const auto fail = [&](const QString& reason) {
         if (error) {
             *error = reason;
         }
         return false;
     };
-    if (!isPictureName(path)) {
-        return fail(QStringLiteral("a picture's name ends in .png or .svg"));
-    }
     const LoudnessPlot plot(std::move(series), size, theme, title);
-    // The picture takes its name only once it is complete.
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        return fail(file.errorString());
-    }
-    if (QFileInfo(path).suffix().toLower() == QLatin1String("svg")) {
+    if (format == QLatin1String("svg")) {
         QSvgGenerator svg;
-        svg.setOutputDevice(&file);
+        svg.setOutputDevice(&device);
         svg.setSize(size);
         svg.setViewBox(QRect(QPoint(), size));
         svg.setResolution(96);
@@ -550,7 +566,6 @@ bool LoudnessPlot::save(const QString& path, std::shared_ptr<const LevelingSerie
         svg.setDescription(QStringLiteral("Loudness over time"));
         QPainter painter;
         if (!painter.begin(&svg)) {
-            file.cancelWriting();
             return fail(QStringLiteral("the drawing could not start"));
         }
         plot.paint(painter);
@@ -561,15 +576,12 @@ bool LoudnessPlot::save(const QString& path, std::shared_ptr<const LevelingSerie
         QPainter painter(&image);
         plot.paint(painter);
         painter.end();
-        if (!image.save(&file, "PNG")) {
-            file.cancelWriting();
-            return fail(file.error() != QFileDevice::NoError
-                            ? file.errorString()
+        if (!image.save(&device, "PNG")) {
+            const auto* file = qobject_cast<QFileDevice*>(&device);
+            return fail(file != nullptr && file->error() != QFileDevice::NoError
+                            ? file->errorString()
                             : QStringLiteral("PNG encoding failed"));
         }
-    }
-    if (!file.commit()) {
-        return fail(file.errorString());
     }
     return true;
 }

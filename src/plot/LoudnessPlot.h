@@ -4,6 +4,7 @@
 
 #include <QColor>
 #include <QFont>
+#include <QIODevice>
 #include <QRectF>
 #include <QSizeF>
 #include <QString>
@@ -91,6 +92,12 @@ public:
     // in `error` otherwise.
     static bool save(const QString& path, std::shared_ptr<const LevelingSeries> series, QSize size,
                      Theme theme, const QString& title, QString* error);
+    // Writes the picture into `device`, open for writing, as `format` ("png"
+    // or "svg"), for a caller that names the file itself. False with the
+    // reason in `error` otherwise.
+    static bool write(QIODevice& device, const QString& format,
+                      std::shared_ptr<const LevelingSeries> series, QSize size, Theme theme,
+                      const QString& title, QString* error);
     static bool isPictureName(const QString& path); // ends in .png or .svg
 
 private:

@@ -436,12 +436,16 @@ struct Season {
         textFile(dir / "season/notes.txt");
         // Sorts before its target: -r must still level ep1.wav, once.
         fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
+        // Names from an old Latin-1 disk: bytes that are not UTF-8.
+        fs::create_directories(dir / "\xe9t\xe9");
+        noiseFile(dir / "\xe9t\xe9/caf\xe9.wav", 48000, "mono", 1.0);
     }
     std::string at(const char* path) const { return (dir / path).string(); }
     // The files an output folder holds, by name.
     std::vector<std::string> outputs() const {
         std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(dir / "out")) {
+        std::error_code none; // no folder, no outputs
+        for (const auto& entry : fs::directory_iterator(dir / "out", none)) {
             names.push_back(entry.path().filename().string());
         }
         std::sort(names.begin(), names.end());
@@ -456,7 +460,8 @@ struct InputCase {
     std::string standardInput;     // "@x" likewise, one a line
     int status;
     std::vector<std::string> outputs;
-    const char* message = "";
+    const char* message = ""; // on standard output or error
+    const char* command = "level";
 };
 
 class CliInputs : public testing::TestWithParam<InputCase> {};
@@ -474,7 +479,12 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
         }
         return text;
     };
-    std::vector<std::string> args{"level", "-j", "2", "--output-dir", season.at("out")};
+    const fs::path latin1 = season.dir / "\xe9t\xe9/caf\xe9.wav";
+    const std::string latin1Bytes = fileBytes(latin1);
+    std::vector<std::string> args{c.command, "-j", "2"};
+    if (args.front() == "level") {
+        args.insert(args.end(), {"--output-dir", season.at("out")});
+    }
     for (const std::string& arg : c.args) {
         args.push_back(expand(arg));
     }
@@ -493,7 +503,8 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
     if (c.status != exitUsage) {
         EXPECT_EQ(season.outputs(), c.outputs);
     }
-    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
+    EXPECT_EQ(fileBytes(latin1), latin1Bytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -550,6 +561,25 @@ INSTANTIATE_TEST_SUITE_P(
                               exitFailure,
                               {"ep1 leveled.wav"},
                               "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
+                    InputCase{"NameNotUtf8",
+                              {"@\xe9t\xe9/caf\xe9.wav"},
+                              "",
+                              exitSuccess,
+                              {"caf\xe9 leveled.wav"},
+                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
+                    InputCase{"NameNotUtf8InAFolder",
+                              {"-r", "@\xe9t\xe9"},
+                              "",
+                              exitSuccess,
+                              {"caf\xe9 leveled.wav"},
+                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
+                    InputCase{"NameNotUtf8Measured",
+                              {"--plot-dir", "@\xe9t\xe9", "@\xe9t\xe9/caf\xe9.wav"},
+                              "",
+                              exitSuccess,
+                              {},
+                              "\\xe9t\\xe9/caf\\xe9.wav: -",
+                              "measure"},
                     InputCase{"SameFileTwice",
                               {"@season/ep1.wav", "@season/../season/ep1.wav"},
                               "",
