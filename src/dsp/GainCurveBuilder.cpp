@@ -130,6 +130,50 @@ bool lowerPausesByLimiterLoss(const FrameAnalysis& a, std::span<const unsigned c
     return true;
 }
 
+// The limiter takes more from a peaky voice than from a smooth one of the
+// same loudness, so speakers leveled alike come out of it apart. Sets `g` to
+// `base` raised, where the room's noise engaged the pause handling, by what
+// the model says the limiter takes from the speech there beyond what it
+// takes from the least limited speech.
+void evenOutLimiterLoss(const FrameAnalysis& a, std::span<const unsigned char> active,
+                        std::span<const unsigned char> engaged, double ceiling, double decay,
+                        std::span<const double> base, std::vector<double>& g,
+                        const LevelingParameters& p) {
+    const std::size_t n = g.size();
+    std::vector<double> before(n, 0.0);
+    std::vector<double> after(n, 0.0);
+    double env = 1.0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const double gl = amplitude(g[i]);
+        const double over = std::max(a.peak[i] * gl / ceiling, 1.0);
+        env = std::max(over, decay * (env - 1.0) + 1.0);
+        if (active[i] != 0) {
+            before[i] = (a.kPower[i] * gl) * gl;
+            after[i] = before[i] / (env * env);
+        }
+    }
+    const auto sigma = static_cast<double>(PauseDetector::limiterEvenFrames);
+    const std::vector<double> sumBefore = gaussianFilter(before, sigma);
+    const std::vector<double> sumAfter = gaussianFilter(after, sigma);
+    std::vector<double>& loss = before; // reused
+    std::vector<double> speechLoss;
+    for (std::size_t i = 0; i < n; ++i) {
+        loss[i] = sumAfter[i] > 0.0 && sumBefore[i] > sumAfter[i]
+                      ? 10.0 * std::log10(sumBefore[i] / sumAfter[i])
+                      : 0.0;
+        if (active[i] != 0 && engaged[i] != 0) {
+            speechLoss.push_back(loss[i]);
+        }
+    }
+    const double reference = percentile(speechLoss, PauseDetector::limiterEvenReference);
+    for (std::size_t i = 0; i < n; ++i) {
+        const double room = std::min(PauseDetector::limiterEvenMaxDb,
+                                     std::max(0.0, PauseDetector::limiterEvenUpToLossDb - loss[i]));
+        const double raise = engaged[i] != 0 ? std::clamp(loss[i] - reference, 0.0, room) : 0.0;
+        g[i] = clampGain(base[i] + raise, p);
+    }
+}
+
 } // namespace
 
 std::vector<double> boxMean(std::span<const double> x, std::int64_t width) {
@@ -271,7 +315,9 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
         }
     }
     std::vector<unsigned char> pause;
+    std::vector<unsigned char> engaged;
     if (p.noiseAwarePauses) {
+        engaged.assign(n, 1);
         // A loud room passes both gates above; its pauses, and the frames of
         // speech it drowns, must not drag the tracked level down.
         pause.resize(n);
@@ -281,6 +327,7 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
             // Under a quiet floor the gates above already work: leave the plan alone.
             if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
                 pause[i] = 0;
+                engaged[i] = 0;
                 continue;
             }
             const bool inactive =
@@ -341,6 +388,14 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
         return predicted;
     };
     double predicted = meetTarget();
+    if (std::find(engaged.begin(), engaged.end(), 1) != engaged.end()) {
+        // Each pass judges the limiter at the gain the last one left, on target.
+        const std::vector<double> base = g;
+        for (int pass = 0; pass < PauseDetector::limiterEvenPasses; ++pass) {
+            evenOutLimiterLoss(a, curve.active, engaged, ceiling, decay, base, g, p);
+            predicted = meetTarget();
+        }
+    }
 
     if (p.noiseAwarePauses && lowerPausesByLimiterLoss(a, pause, ceiling, decay,
                                                        p.gainSmoothingSigma * framesPerSecond, g)) {

@@ -35,6 +35,14 @@ inline constexpr double clearSpeechAboveFloorDb = 15.0;
 inline constexpr std::int64_t leadFrames = 30;
 // The limiter's loss is judged on the 2 s of speech either side of a pause.
 inline constexpr std::int64_t limiterLossFrames = 200;
+// Speakers are evened out for the limiter over 1 s of speech, against what
+// it takes from the least limited tenth of the speech, by at most 3 dB, and
+// never where it already takes 6 dB: there more gain only feeds the limiter.
+inline constexpr std::int64_t limiterEvenFrames = 100;
+inline constexpr double limiterEvenReference = 0.1;
+inline constexpr double limiterEvenMaxDb = 3.0;
+inline constexpr double limiterEvenUpToLossDb = 6.0;
+inline constexpr int limiterEvenPasses = 2;
 // A floor this far under the activity floor of the plan (-68 dBFS) is a
 // clean room: the plan stays exactly as the gates make it. A room at -66
 // still hisses once leveled up, and is treated.

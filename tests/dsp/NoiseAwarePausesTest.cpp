@@ -42,6 +42,8 @@ struct Case {
     const char* name;
     Bed bed;
     double bedDbfs;
+    bool peakySecond = false; // the quieter speaker's waveform is spikier
+    double maxGapLu = 1.5;
 };
 
 std::ostream& operator<<(std::ostream& os, const Case& c) {
@@ -81,8 +83,8 @@ test::PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
 
 // `speakerGapDb` lowers every second phrase; `fadeDb` fades the speech
 // linearly in dB over the whole programme.
-Programme programme(Bed bed, double bedDbfs, double speakerGapDb, double fadeDb,
-                    std::uint32_t seed) {
+Programme programme(Bed bed, double bedDbfs, double speakerGapDb, double fadeDb, std::uint32_t seed,
+                    bool peakySecond = false) {
     Programme p;
     p.audio = test::silence(rate, 1, 0.0);
     std::mt19937 rng(seed);
@@ -92,6 +94,18 @@ Programme programme(Bed bed, double bedDbfs, double speakerGapDb, double fadeDb,
     };
     for (int k = 0; k < 8; ++k) {
         test::PlanarAudio phrase = test::speechLike(rate, 1, 6.0 + 4.0 * unit(rng), seed + 10 * k);
+        if (peakySecond && k % 2 == 1) {
+            // x·sqrt(|x|) keeps the sign and the words but sharpens the peaks.
+            std::vector<float>& y = phrase.channels[0];
+            double before = 0.0;
+            double after = 0.0;
+            for (float& v : y) {
+                before += static_cast<double>(v) * v;
+                v *= std::sqrt(std::fabs(v));
+                after += static_cast<double>(v) * v;
+            }
+            phrase.applyGainDb(10.0 * std::log10(before / after));
+        }
         phrase.applyGainDb(k % 2 == 1 ? speechGainDb - speakerGapDb : speechGainDb);
         p.phrases.push_back({frameOf(p.audio), frameOf(p.audio) + frameOf(phrase)});
         p.speakerOfPhrase.push_back(k % 2);
@@ -212,11 +226,12 @@ TEST_P(NoisyRoom, PausesStayAtTheLevelOfTheSpeechAround) {
 }
 
 TEST_P(TwoSpeakers, TwelveDecibelsApartEndClose) {
-    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 12.0, 0.0, 11);
+    const Programme p =
+        programme(GetParam().bed, GetParam().bedDbfs, 12.0, 0.0, 11, GetParam().peakySecond);
     const Leveled l = level(p);
     const double first = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 0; });
     const double second = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 1; });
-    EXPECT_LE(std::fabs(first - second), 1.5);
+    EXPECT_LE(std::fabs(first - second), GetParam().maxGapLu);
     if (GetParam().bedDbfs > -70.0) { // a clean room keeps the exact plan
         EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
     }
@@ -247,7 +262,8 @@ INSTANTIATE_TEST_SUITE_P(Rooms, TwoSpeakers,
                                          Case{"pink_55", Bed::pinkRoom, -55.0},
                                          Case{"pink_45", Bed::pinkRoom, -45.0},
                                          Case{"pink_40", Bed::pinkRoom, -40.0},
-                                         Case{"white_45", Bed::whiteRoom, -45.0}),
+                                         Case{"white_45", Bed::whiteRoom, -45.0},
+                                         Case{"pink_50_peaky", Bed::pinkRoom, -50.0, true, 1.0}),
                          caseName);
 
 class CleanSpeech : public testing::TestWithParam<double> {};
