@@ -620,7 +620,7 @@ private:
         };
         fs::path candidate = *first;
         try {
-            AtomicFile picture(folder);
+            AtomicFile picture(folder, AtomicFile::permissionsLike(file));
             {
                 // Qt only writes; the names stay bytes, which a folder's
                 // need not be UTF-8 to be.

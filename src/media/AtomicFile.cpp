@@ -129,6 +129,14 @@ std::string AtomicFile::hiddenPrefix() {
     return hiddenPrefixOf(hostName()) + std::to_string(::getpid()) + "-";
 }
 
+unsigned AtomicFile::permissionsLike(const std::filesystem::path& file) {
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0) {
+        return 0666;
+    }
+    return (static_cast<unsigned>(info.st_mode) & 0666U) | 0600U;
+}
+
 AtomicFile::AtomicFile(const std::filesystem::path& folder, unsigned permissions)
     : m_folder(folder.empty() ? std::filesystem::path(".") : folder) {
     clearLeftovers(m_folder);

@@ -24,6 +24,11 @@ public:
     // The file has `permissions` less the process's umask from its creation,
     // so it is never readable by more people than that, not even for a while.
     explicit AtomicFile(const std::filesystem::path& folder, unsigned permissions = 0666);
+
+    // A private recording gives private files: the read and write bits of
+    // `file`, always including the owner's. Execute bits are not copied
+    // (every file on a FAT or NTFS mount has them). 0666 if it can't be read.
+    static unsigned permissionsLike(const std::filesystem::path& file);
     ~AtomicFile();
     AtomicFile(const AtomicFile&) = delete;
     AtomicFile& operator=(const AtomicFile&) = delete;

@@ -136,18 +136,6 @@ bool muxerTakes(const AVOutputFormat& format, AVCodecID codec, const char* sourc
     return sourceFormat != nullptr && std::strstr(sourceFormat, format.name) != nullptr;
 }
 
-// A private recording gives a private output: the source's read and write
-// bits, which the umask then narrows. The owner can always read and rewrite
-// the new file; execute bits are not copied (every file on a FAT or NTFS
-// mount has them).
-unsigned permissionsFor(const std::filesystem::path& source) {
-    struct stat info {};
-    if (::stat(source.c_str(), &info) != 0) {
-        return 0666;
-    }
-    return (static_cast<unsigned>(info.st_mode) & 0666U) | 0600U;
-}
-
 } // namespace
 
 class MediaWriter::Impl {
@@ -169,7 +157,7 @@ public:
         m_rate = static_cast<int>(std::lround(sampleRate));
         m_channels = static_cast<int>(channels);
         try {
-            m_file.emplace(m_url.parent_path(), permissionsFor(m_sourceURL));
+            m_file.emplace(m_url.parent_path(), AtomicFile::permissionsLike(m_sourceURL));
         } catch (const std::system_error& error) {
             fail(error.what());
         }

@@ -604,6 +604,7 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     const TempDir dir;
     const PolicyCase& c = GetParam();
     const fs::path source = noiseFile(dir / "talk.wav", 48000, "mono", 1.0);
+    fs::permissions(source, fs::perms::owner_read | fs::perms::owner_write);
     fs::create_directory(dir / "out");
     textFile(dir / "out/talk leveled.wav", "earlier");
     textFile(dir / "out/take.wav", "earlier");
@@ -626,8 +627,12 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     EXPECT_EQ(r.status, c.status) << r.err;
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir / "out")) {
-        names.push_back(entry.path().filename().string() +
-                        (fileBytes(entry.path()) == "earlier" ? " (earlier)" : ""));
+        const bool earlier = fileBytes(entry.path()) == "earlier";
+        names.push_back(entry.path().filename().string() + (earlier ? " (earlier)" : ""));
+        // What is made of a private source, picture included, stays private.
+        EXPECT_TRUE(earlier ||
+                    (entry.status().permissions() & fs::perms::others_read) == fs::perms::none)
+            << entry.path();
     }
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, c.outputs);
