@@ -2,6 +2,9 @@
 
 #include <QApplication>
 #include <QEvent>
+#include <QIconEngine>
+#include <QImage>
+#include <QPainter>
 #include <QPalette>
 #include <QWidget>
 
@@ -84,18 +87,20 @@ QColor readableNear(const QColor& wanted, const QColor& text, const Grounds& on)
     return mix(wanted, text, high);
 }
 
-// Tones re-applied when the desktop's colours or font change.
+// Tones taken again when the colours reach the widget (a change of the
+// desktop's scheme); taking them changes nothing more, so this ends.
 class Restyler : public QObject {
 public:
     using QObject::QObject;
 
     bool eventFilter(QObject* watched, QEvent* event) override {
-        if (event->type() == QEvent::ApplicationPaletteChange ||
-            event->type() == QEvent::ApplicationFontChange) {
+        if (event->type() == QEvent::PaletteChange && !m_restyling) {
             auto* widget = static_cast<QWidget*>(watched);
+            m_restyling = true;
             style(widget, widget->property(textKey).value<Text>(),
                   widget->property(toneKey).value<Tone>(),
                   widget->property(weightKey).value<QFont::Weight>());
+            m_restyling = false;
         }
         return false;
     }
@@ -103,6 +108,54 @@ public:
     static constexpr const char* textKey = "ostrandText";
     static constexpr const char* toneKey = "ostrandTone";
     static constexpr const char* weightKey = "ostrandWeight";
+
+private:
+    bool m_restyling = false;
+};
+
+// A bundled symbol drawn for a light window, turned for a dark one when
+// drawn: every pixel's lightness is inverted, its hue and opacity kept.
+class SymbolEngine : public QIconEngine {
+public:
+    explicit SymbolEngine(QIcon symbol)
+        : m_symbol(std::move(symbol)) {}
+
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode,
+               QIcon::State state) override {
+        const qreal ratio = painter->device()->devicePixelRatioF();
+        QPixmap image = pixmap(rect.size() * ratio, mode, state);
+        image.setDevicePixelRatio(ratio);
+        painter->drawPixmap(rect, image);
+    }
+
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
+        QPixmap light = m_symbol.pixmap(size, mode, state);
+        if (!isDark(QApplication::palette())) {
+            return light;
+        }
+        QImage image = light.toImage().convertToFormat(QImage::Format_ARGB32);
+        for (int y = 0; y < image.height(); ++y) {
+            auto* line = reinterpret_cast<QRgb*>(image.scanLine(y));
+            for (int x = 0; x < image.width(); ++x) {
+                if (qAlpha(line[x]) == 0) {
+                    continue;
+                }
+                float hue, saturation, lightness, alpha;
+                QColor::fromRgba(line[x]).getHslF(&hue, &saturation, &lightness, &alpha);
+                line[x] = QColor::fromHslF(hue, saturation, 1.0f - lightness, alpha).rgba();
+            }
+        }
+        return QPixmap::fromImage(std::move(image));
+    }
+
+    QSize actualSize(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
+        return m_symbol.actualSize(size, mode, state);
+    }
+
+    QIconEngine* clone() const override { return new SymbolEngine(m_symbol); }
+
+private:
+    QIcon m_symbol;
 };
 
 } // namespace
@@ -172,7 +225,12 @@ void style(QWidget* widget, Text textStyle, Tone tone, QFont::Weight weight) {
 }
 
 QIcon bundledIcon(const QString& name) {
-    return QIcon(QStringLiteral(":/icons/") + name + QStringLiteral(".svg"));
+    QIcon drawn(QStringLiteral(":/icons/") + name + QStringLiteral(".svg"));
+    // Pictures in colour read on any window; grey symbols need turning.
+    const bool picture = name == QLatin1String("audio-x-generic") ||
+                         name == QLatin1String("video-x-generic") ||
+                         name == QLatin1String("dialog-warning");
+    return picture ? drawn : QIcon(new SymbolEngine(std::move(drawn)));
 }
 
 QIcon icon(const QString& themeName) {

@@ -28,7 +28,7 @@ bool isDark(const QPalette& palette);
 // The tint of a selected row, drawn over the window.
 QColor selectionFill(const QPalette& palette);
 // Sets the widget's font and its text colour (WindowText and Text), and sets
-// them again when the application's palette or font changes.
+// them again when the application's colours change.
 void style(QWidget* widget, Text style, Tone tone = Tone::primary,
            QFont::Weight weight = QFont::Normal);
 

@@ -97,6 +97,8 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
     // factor on a small screen).
     m_content = new QWidget;
     auto* layout = new QVBoxLayout(m_content);
+    // A window's margins, kept when the form moves into the scroll area.
+    layout->setContentsMargins(layout->contentsMargins());
     layout->addWidget(loudnessSection());
     layout->addWidget(audioSection());
     layout->addWidget(saveLocationSection());

@@ -483,7 +483,8 @@ private slots:
     }
 
     // The welcome, jobs in every state with one selected, and the settings
-    // with every caption, in light and dark colours.
+    // with every caption, in light and dark colours, switched while the
+    // windows are open as when the desktop changes its scheme.
     void everyTextIsReadable_data() {
         QTest::addColumn<QPalette>("palette");
         QTest::newRow("light") << QApplication::style()->standardPalette();
@@ -492,20 +493,20 @@ private slots:
     void everyTextIsReadable() {
         QFETCH(QPalette, palette);
         const QPalette before = QApplication::palette();
-        QApplication::setPalette(palette);
-        MainWindow window(m_fixture->queue, m_updater, nullptr);
-        window.show();
-        QStringList unreadable = unreadableTexts(window);
-        fillWithEveryState(m_fixture->queue);
-        QListView* view = window.jobList()->view();
-        view->setCurrentIndex(view->model()->index(3, 0));
         TestSettings settings;
         settings.settings.setSaveMode(SaveMode::fixedFolder);
         settings.settings.setExportWAVWithVideo(true);
         SettingsWindow settingsWindow(settings.settings, m_updater);
         settingsWindow.show();
-        unreadable << unreadableTexts(window) << unreadableTexts(settingsWindow);
+        QApplication::setPalette(palette);
+        QCoreApplication::processEvents();
+        QStringList unreadable = unreadableTexts(*m_window);
+        fillWithEveryState(m_fixture->queue);
+        QListView* view = m_window->jobList()->view();
+        view->setCurrentIndex(view->model()->index(3, 0));
+        unreadable << unreadableTexts(*m_window) << unreadableTexts(settingsWindow);
         QApplication::setPalette(before);
+        QCoreApplication::processEvents();
         QVERIFY2(unreadable.isEmpty(), qPrintable(unreadable.join(QStringLiteral("\n"))));
     }
 

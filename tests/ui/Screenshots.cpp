@@ -82,7 +82,7 @@ void coloursPictures(AppUpdater& updater, const QString& suffix) {
     window.show();
     save(window, QStringLiteral("main-empty") + suffix);
     fillWithEveryState(fixture.queue);
-    window.resize(560, 640);
+    window.resize(560, std::min(640, window.screen()->availableGeometry().height()));
     QListView* view = window.jobList()->view();
     view->setCurrentIndex(view->model()->index(3, 0));
     save(window, QStringLiteral("main-jobs") + suffix);
