@@ -5,6 +5,7 @@
 #include "update/Ed25519.h"
 #include "update/UpdateFeed.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 
 #include <cstdio>
@@ -51,10 +52,21 @@ AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompt
     const std::optional<QByteArray> key = ed25519::publicKeyFromBase64(m_config.publicKey);
     if (m_config.feedUrl.isEmpty() || m_config.publicKey.isEmpty()) {
         m_unavailable = QStringLiteral("this build has no update feed address and public key");
+        // A distribution's package leaves updating to its package manager.
+        const QString folder = QCoreApplication::applicationDirPath();
+        m_note = folder.startsWith(QLatin1String("/usr/")) &&
+                         !folder.startsWith(QLatin1String("/usr/local/"))
+                     ? QStringLiteral("Updates come from your package manager.")
+                     : QStringLiteral("This build has no update feed, so it cannot check for "
+                                      "updates.");
     } else if (!key) {
         m_unavailable = QStringLiteral("the update public key is not 32 bytes of base64");
     } else if (const QString refused = UpdateFeed::refusal(feedUrl); !refused.isEmpty()) {
         m_unavailable = QStringLiteral("the update feed address is refused: ") + refused;
+    }
+    if (m_note.isEmpty() && !m_unavailable.isEmpty()) {
+        m_note = QStringLiteral("This build cannot check for updates: its update feed is not set "
+                                "up correctly.");
     }
     if (!m_unavailable.isEmpty()) {
         m_config.store.reset();
@@ -113,6 +125,11 @@ bool AppUpdater::automaticallyChecksForUpdates() const {
 }
 
 void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
+    if (!m_note.isEmpty()) {
+        // Nothing could keep it; the control shows that it stays off.
+        emit automaticallyChecksForUpdatesChanged();
+        return;
+    }
     if (m_config.store) {
         m_config.store->setValue(automaticKey, checks);
         // Choosing either way is the answer to the second launch's question.
@@ -122,6 +139,11 @@ void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
         m_automaticWithoutStore = checks;
     }
     emit automaticallyChecksForUpdatesChanged();
+}
+
+void AppUpdater::actAsConfigured() {
+    m_unavailable.clear();
+    m_note.clear();
 }
 
 void AppUpdater::launched() {

@@ -52,6 +52,9 @@ public:
 
     // Why checking is unavailable; empty when it is available.
     QString unavailableReason() const { return m_unavailable; }
+    // The same for the user, in a sentence ("Updates come from your package
+    // manager."); empty when it is available.
+    QString unavailableNote() const { return m_note; }
 
 signals:
     void canCheckForUpdatesChanged();
@@ -62,6 +65,9 @@ signals:
 
 protected:
     void setCanCheckForUpdates(bool canCheck);
+    // For stand-ins: acts as a build with a feed that keeps its preference
+    // in memory, and never checks.
+    void actAsConfigured();
 
 private:
     void launched();
@@ -76,9 +82,10 @@ private:
     std::unique_ptr<UpdatePrompter> m_prompter;
     UpdateFeed* m_feed = nullptr;
     QString m_unavailable;
+    QString m_note;
     bool m_canCheckForUpdates = false;
     bool m_userInitiated = false;
-    // Without a feed nothing is worth persisting.
+    // A stand-in's preference.
     bool m_automaticWithoutStore = false;
     QTimer m_dailyTimer;
 };

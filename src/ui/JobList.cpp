@@ -42,9 +42,8 @@ public:
     void paint(QPainter* painter, const QStyleOptionViewItem& option,
                const QModelIndex&) const override {
         if (option.state & QStyle::State_Selected) {
-            QColor selection = option.palette.color(QPalette::Highlight);
-            selection.setAlphaF(0.18f);
-            painter->fillRect(option.rect.adjusted(4, 1, -4, -1), selection);
+            painter->fillRect(option.rect.adjusted(4, 1, -4, -1),
+                              Look::selectionFill(option.palette));
         }
     }
 

@@ -50,6 +50,8 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     , m_progress(new QProgressBar(this))
     , m_status(new QLabel(this))
     , m_detail(new ElidedLabel(this, Qt::ElideRight))
+    , m_notice(new QWidget(this))
+    , m_noticeText(new QLabel(m_notice))
     , m_control(new QToolButton(this)) {
     const QString fileName = QFileInfo(job.sourceURL().toLocalFile()).fileName();
     setAccessibleName(fileName);
@@ -77,6 +79,23 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     m_detail->setAccessibleName(QStringLiteral("Details"));
     Look::style(m_detail, Look::Text::caption2, Look::Tone::tertiary);
 
+    m_notice->setObjectName(QStringLiteral("notice"));
+    auto* mark = new QLabel(m_notice);
+    mark->setObjectName(QStringLiteral("warningMark"));
+    mark->setAccessibleName(QStringLiteral("Warning"));
+    const int markSize = QFontMetrics(Look::font(Look::Text::caption)).height();
+    mark->setPixmap(Look::icon(QStringLiteral("dialog-warning")).pixmap(markSize, markSize));
+    mark->setFixedSize(markSize, markSize);
+    m_noticeText->setObjectName(QStringLiteral("noticeText"));
+    m_noticeText->setTextFormat(Qt::PlainText);
+    m_noticeText->setWordWrap(true);
+    Look::style(m_noticeText, Look::Text::caption, Look::Tone::warning);
+    auto* notice = new QHBoxLayout(m_notice);
+    notice->setContentsMargins(0, 0, 0, 0);
+    notice->setSpacing(6);
+    notice->addWidget(mark, 0, Qt::AlignTop);
+    notice->addWidget(m_noticeText, 1);
+
     m_control->setObjectName(QStringLiteral("control"));
     m_control->setAutoRaise(true);
     m_control->setFocusPolicy(Qt::TabFocus);
@@ -88,6 +107,7 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     text->addWidget(m_progress);
     text->addWidget(m_status);
     text->addWidget(m_detail);
+    text->addWidget(m_notice);
 
     auto* row = new QHBoxLayout(this);
     row->setContentsMargins(8, 6, 8, 6);
@@ -107,6 +127,7 @@ void JobRow::refresh() {
     using Kind = JobState::Kind;
     const Kind kind = m_job.state().kind;
     const bool hadDetail = !m_detail->isHidden();
+    const QString hadNotice = m_notice->isHidden() ? QString() : m_noticeText->text();
     const bool hadProgress = !m_progress->isHidden();
 
     m_progress->setVisible(kind == Kind::running);
@@ -128,13 +149,11 @@ void JobRow::refresh() {
     const bool showDetail = kind == Kind::finished && report.has_value();
     m_detail->setVisible(showDetail);
     m_detail->setFullText(showDetail ? ReportText::detail(*report) : QString());
-    if (showDetail && !(report->notes.empty() && report->warnings.empty())) {
-        // What the output could not keep, and any warning, is said once,
-        // beside the figures.
-        m_detail->setFullText(
-            ReportText::detail(*report) + QStringLiteral(" \u00b7 ") +
-            ReportText::notesText(*report).replace(QLatin1Char('\n'), QLatin1Char(' ')));
-    }
+    // What the output could not keep, and any warning, must not pass for
+    // success: it stands on its own lines under a warning mark.
+    const QString notice = showDetail ? ReportText::notesText(*report) : QString();
+    m_noticeText->setText(notice);
+    m_notice->setVisible(!notice.isEmpty());
 
     QString tip;
     Look::Text size = Look::Text::title3;
@@ -163,10 +182,12 @@ void JobRow::refresh() {
         m_control->setToolTip(tip);
         m_control->setAccessibleName(tip);
     }
-    setAccessibleDescription(m_job.statusText());
+    setAccessibleDescription(notice.isEmpty()
+                                 ? m_job.statusText()
+                                 : m_job.statusText() + QStringLiteral("\nWarning: ") + notice);
 
     if (hadDetail != !m_detail->isHidden() || hadProgress != !m_progress->isHidden() ||
-        kind == Kind::failed) {
+        hadNotice != notice || kind == Kind::failed) {
         emit layoutChanged();
     }
 }

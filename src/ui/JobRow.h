@@ -14,9 +14,10 @@ class JobQueue;
 class LevelingJob;
 
 // One job in the job list: the file's icon and name, a status that follows
-// the job through its states, and one button at the end whose meaning
-// depends on the state (cancel, reveal the output, or remove the job). Main
-// thread only; the job must outlive the row.
+// the job through its states, a finished job's figures and, under a warning
+// mark, what its output could not keep or where it falls short, and one
+// button at the end whose meaning depends on the state (cancel, reveal the
+// output, or remove the job). Main thread only; the job must outlive the row.
 class JobRow : public QWidget {
     Q_OBJECT
 
@@ -45,6 +46,8 @@ private:
     QProgressBar* m_progress;
     QLabel* m_status;
     ElidedLabel* m_detail;
+    QWidget* m_notice;
+    QLabel* m_noticeText;
     QToolButton* m_control;
     QString m_controlSymbol;
 };

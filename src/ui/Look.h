@@ -13,15 +13,22 @@ class QWidget;
 namespace ostrand::Look {
 
 enum class Text { body, title2, title3, caption, caption2 };
-enum class Tone { primary, secondary, tertiary, failure };
+// Secondary and tertiary are the window text faded toward the window, and
+// failure and warning are a red and an amber for light or dark windows; each
+// stays readable (WCAG AA, 4.5:1) on the window and on a selected row.
+enum class Tone { primary, secondary, tertiary, failure, warning };
 
 // The application font scaled for the style, at the given weight.
 QFont font(Text style, QFont::Weight weight = QFont::Normal);
 QColor color(Tone tone);
+QColor color(Tone tone, const QPalette& palette);
 // True for a dark desktop: its window colour is darker than mid-grey (the
 // palette follows the desktop's colour scheme).
 bool isDark(const QPalette& palette);
-// Sets the widget's font and its text colour (WindowText and Text).
+// The tint of a selected row, drawn over the window.
+QColor selectionFill(const QPalette& palette);
+// Sets the widget's font and its text colour (WindowText and Text), and sets
+// them again when the application's colours change.
 void style(QWidget* widget, Text style, Tone tone = Tone::primary,
            QFont::Weight weight = QFont::Normal);
 

@@ -161,14 +161,6 @@ LoudnessGraphWindow::LoudnessGraphWindow(std::shared_ptr<const LevelingSeries> s
     layout->addLayout(bar);
 }
 
-void LoudnessGraphWindow::changeEvent(QEvent* event) {
-    // The readout's colour is taken from the palette when set: take it again.
-    if (event->type() == QEvent::PaletteChange) {
-        Look::style(m_readout, Look::Text::caption, Look::Tone::secondary);
-    }
-    QWidget::changeEvent(event);
-}
-
 void LoudnessGraphWindow::chooseExportFile() {
     auto* dialog = new QFileDialog(this, QStringLiteral("Export Loudness Graph"));
     dialog->setObjectName(QStringLiteral("exportPanel"));

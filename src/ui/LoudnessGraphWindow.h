@@ -68,9 +68,6 @@ public:
     // Writes the picture as shown; false after telling the user why not.
     bool exportTo(const QString& path);
 
-protected:
-    void changeEvent(QEvent* event) override;
-
 private:
     LoudnessPlotView* m_view;
     QLabel* m_readout;

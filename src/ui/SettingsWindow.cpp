@@ -16,8 +16,11 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QScreen>
+#include <QScrollArea>
 #include <QSignalBlocker>
 #include <QSlider>
+#include <QStyle>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -90,8 +93,12 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
     , m_updater(updater) {
     setObjectName(QStringLiteral("settings"));
     setWindowTitle(QStringLiteral("Ostrand Settings"));
-    auto* layout = new QVBoxLayout(this);
-    layout->setSizeConstraint(QLayout::SetFixedSize);
+    // The form scrolls when the screen is too small for it (a high scale
+    // factor on a small screen).
+    m_content = new QWidget;
+    auto* layout = new QVBoxLayout(m_content);
+    // A window's margins, kept when the form moves into the scroll area.
+    layout->setContentsMargins(layout->contentsMargins());
     layout->addWidget(loudnessSection());
     layout->addWidget(audioSection());
     layout->addWidget(saveLocationSection());
@@ -100,6 +107,13 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
         box->setFixedWidth(windowWidth - layout->contentsMargins().left() -
                            layout->contentsMargins().right());
     }
+    auto* scroll = new QScrollArea(this);
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setWidgetResizable(true);
+    scroll->setWidget(m_content);
+    auto* outer = new QVBoxLayout(this);
+    outer->setContentsMargins(0, 0, 0, 0);
+    outer->addWidget(scroll);
 
     connect(&settings, &OstrandSettings::targetLoudnessChanged, this, &SettingsWindow::refresh);
     connect(&settings, &OstrandSettings::truePeakCeilingChanged, this, &SettingsWindow::refresh);
@@ -254,6 +268,10 @@ QWidget* SettingsWindow::updatesSection() {
     connect(m_autoCheck, &QCheckBox::toggled, this,
             [this](bool on) { m_updater.setAutomaticallyChecksForUpdates(on); });
     form->addRow(m_autoCheck);
+    // Why the update controls are off, when this build cannot check.
+    m_updatesCaption = caption(m_updater.unavailableNote(), box);
+    m_updatesCaption->setObjectName(QStringLiteral("updatesCaption"));
+    form->addRow(m_updatesCaption);
 
     auto* version = new QLabel(QStringLiteral("Version ") + AppInfo::version() +
                                    QStringLiteral(" (") + AppInfo::buildNumber() + u')',
@@ -267,6 +285,27 @@ QWidget* SettingsWindow::updatesSection() {
     });
     form->addRow(beside(box, version, m_checkNow));
     return box;
+}
+
+void SettingsWindow::showEvent(QShowEvent* event) {
+    fitToScreen();
+    QWidget::showEvent(event);
+}
+
+void SettingsWindow::fitToScreen() {
+    const QSize content = m_content->sizeHint();
+    const QRect available = screen()->availableGeometry();
+    // The frame is known once the window is shown; before, a title bar.
+    const QSize frame = isVisible() && frameGeometry().size() != size()
+                            ? frameGeometry().size() - size()
+                            : QSize(0, style()->pixelMetric(QStyle::PM_TitleBarHeight));
+    const int scrollBar = style()->pixelMetric(QStyle::PM_ScrollBarExtent);
+    const int height = std::min(content.height(), available.height() - frame.height());
+    const int width = std::min(content.width() + (height < content.height() ? scrollBar : 0),
+                               available.width() - frame.width());
+    setMinimumSize(std::min(width, content.width()), std::min(height, content.height() / 3));
+    setMaximumSize(width, content.height());
+    resize(width, height);
 }
 
 void SettingsWindow::chooseFolder() {
@@ -316,8 +355,12 @@ void SettingsWindow::refresh() {
                 folder ? Look::Tone::primary : Look::Tone::secondary);
     m_reveal->setChecked(m_settings.revealWhenDone());
 
-    m_autoCheck->setChecked(m_updater.automaticallyChecksForUpdates());
+    const bool checkable = m_updater.unavailableNote().isEmpty();
+    m_autoCheck->setEnabled(checkable);
+    m_autoCheck->setChecked(checkable && m_updater.automaticallyChecksForUpdates());
+    m_updatesCaption->setVisible(!checkable);
     m_checkNow->setEnabled(m_updater.canCheckForUpdates());
+    fitToScreen();
 }
 
 } // namespace ostrand

@@ -37,15 +37,22 @@ public:
     // The non-blocking chooser of the fixed output folder.
     void chooseFolder();
 
+protected:
+    void showEvent(QShowEvent* event) override;
+
 private:
     QWidget* loudnessSection();
     QWidget* audioSection();
     QWidget* saveLocationSection();
     QWidget* updatesSection();
     void refresh();
+    // As tall as the form, but no taller than the screen leaves room for;
+    // the rest scrolls.
+    void fitToScreen();
 
     OstrandSettings& m_settings;
     AppUpdater& m_updater;
+    QWidget* m_content = nullptr;
     QSlider* m_target = nullptr;
     QLabel* m_targetValue = nullptr;
     QSlider* m_ceiling = nullptr;
@@ -61,6 +68,7 @@ private:
     ElidedLabel* m_folderPath = nullptr;
     QCheckBox* m_reveal = nullptr;
     QCheckBox* m_autoCheck = nullptr;
+    QLabel* m_updatesCaption = nullptr;
     QPushButton* m_checkNow = nullptr;
 };
 

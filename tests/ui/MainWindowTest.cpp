@@ -6,12 +6,14 @@
 #include "ui/JobList.h"
 #include "ui/JobRow.h"
 #include "ui/LoudnessGraphWindow.h"
+#include "ui/SettingsWindow.h"
 #include "ui/WelcomePanel.h"
 
 #include <QAction>
 #include <QClipboard>
 #include <QDragEnterEvent>
 #include <QFileDialog>
+#include <QGroupBox>
 #include <QLabel>
 #include <QListView>
 #include <QMenu>
@@ -37,6 +39,61 @@ QStringList menuTitles(QMenu& menu) {
         titles << (action->isSeparator() ? QStringLiteral("--") : action->text());
     }
     return titles;
+}
+
+// WCAG 2: relative luminances L1 >= L2 read at (L1 + 0.05) / (L2 + 0.05).
+double contrastRatio(const QColor& a, const QColor& b) {
+    const auto luminance = [](const QColor& c) {
+        const auto linear = [](double v) {
+            return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+        };
+        return 0.2126 * linear(c.redF()) + 0.7152 * linear(c.greenF()) + 0.0722 * linear(c.blueF());
+    };
+    const double la = luminance(a);
+    const double lb = luminance(b);
+    return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
+}
+
+// Every shown, enabled text of the window whose colour reads under 4.5:1
+// (WCAG AA) on what is drawn behind it: the commonest colour of its pixels.
+// Disabled controls are exempt, as in WCAG.
+QStringList unreadableTexts(QWidget& window) {
+    const QImage image = window.grab().toImage();
+    QStringList found;
+    for (QWidget* widget : window.findChildren<QWidget*>()) {
+        QString text;
+        if (auto* label = qobject_cast<QLabel*>(widget)) {
+            text = label->text();
+        } else if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
+            text = button->text();
+        } else if (auto* box = qobject_cast<QGroupBox*>(widget)) {
+            text = box->title();
+        }
+        if (text.isEmpty() || !widget->isVisibleTo(&window) || !widget->isEnabled()) {
+            continue;
+        }
+        const QRect area =
+            QRect(widget->mapTo(&window, QPoint(0, 0)), widget->size()).intersected(image.rect());
+        QHash<QRgb, int> counts;
+        for (int y = area.top(); y <= area.bottom(); ++y) {
+            for (int x = area.left(); x <= area.right(); ++x) {
+                ++counts[image.pixel(x, y)];
+            }
+        }
+        const auto ground = std::max_element(counts.begin(), counts.end());
+        if (ground == counts.end()) {
+            continue;
+        }
+        const QColor ink = widget->palette().color(widget->foregroundRole());
+        const double ratio = contrastRatio(ink, QColor::fromRgb(ground.key()));
+        if (ratio < 4.5) {
+            found << QStringLiteral("%1 \"%2\" %3 on %4: %5:1")
+                         .arg(widget->objectName(), text.left(40), ink.name(),
+                              QColor::fromRgb(ground.key()).name())
+                         .arg(ratio, 0, 'f', 2);
+        }
+    }
+    return found;
 }
 
 } // namespace
@@ -165,26 +222,28 @@ private slots:
         QTest::addColumn<QString>("tooltip");
         QTest::addColumn<bool>("progress");
         QTest::addColumn<QString>("detail");
+        QTest::addColumn<QString>("warning"); // under a warning mark
         // Rows of fillWithEveryState.
         QTest::newRow("running") << 0 << "process-stop"
-                                 << "Cancel" << true << QString();
+                                 << "Cancel" << true << QString() << QString();
         QTest::newRow("waiting") << 1 << "process-stop"
-                                 << "Cancel" << false << QString();
+                                 << "Cancel" << false << QString() << QString();
         QTest::newRow("finished audio")
             << 2 << "folder-open"
             << "Show in File Manager" << false
-            << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 talk leveled.m4a");
-        QTest::newRow("finished video with sidecar")
+            << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 talk leveled.m4a")
+            << QString();
+        QTest::newRow("finished video with sidecar and warnings")
             << 3 << "folder-open"
             << "Show in File Manager" << false
             << QStringLiteral("gain -3.2 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 interview "
-                              "leveled.mov + interview leveled.wav \u00b7 The data (tmcd) cannot "
-                              "be kept in QuickTime. The output is 1.4 LU quieter than the "
-                              "target of -16.0 LUFS.");
+                              "leveled.mov + interview leveled.wav")
+            << QStringLiteral("The data (tmcd) cannot be kept in QuickTime.\nThe output is 1.4 LU "
+                              "quieter than the target of -16.0 LUFS.");
         QTest::newRow("failed") << 4 << "edit-delete"
-                                << "Remove" << false << QString();
+                                << "Remove" << false << QString() << QString();
         QTest::newRow("cancelled") << 5 << "edit-delete"
-                                   << "Remove" << false << QString();
+                                   << "Remove" << false << QString() << QString();
     }
     void rowsShowTheirStateAndControl() {
         QFETCH(int, row);
@@ -192,6 +251,7 @@ private slots:
         QFETCH(QString, tooltip);
         QFETCH(bool, progress);
         QFETCH(QString, detail);
+        QFETCH(QString, warning);
         fillWithEveryState(m_fixture->queue);
         JobRow* jobRow = m_window->jobList()->rowAt(row);
         QVERIFY(jobRow);
@@ -211,6 +271,13 @@ private slots:
         auto* detailLabel = jobRow->findChild<ElidedLabel*>(QStringLiteral("detail"));
         QCOMPARE(detailLabel->isVisible(), !detail.isEmpty());
         QCOMPARE(detailLabel->fullText(), detail);
+        QCOMPARE(jobRow->findChild<QWidget*>(QStringLiteral("notice"))->isVisible(),
+                 !warning.isEmpty());
+        QCOMPARE(jobRow->findChild<QLabel*>(QStringLiteral("noticeText"))->text(), warning);
+        QCOMPARE(jobRow->findChild<QLabel*>(QStringLiteral("warningMark"))->accessibleName(),
+                 QStringLiteral("Warning"));
+        QCOMPARE(jobRow->accessibleDescription().contains(QStringLiteral("Warning: ")),
+                 !warning.isEmpty());
 
         const JobState::Kind kind = job.state().kind;
         const QUrl source = job.sourceURL();
@@ -255,7 +322,8 @@ private slots:
     void failureIsRedAndCutAfterTwoLines() {
         fillWithEveryState(m_fixture->queue);
         auto* status = m_window->jobList()->rowAt(4)->findChild<QLabel*>(QStringLiteral("status"));
-        QCOMPARE(status->palette().color(QPalette::WindowText).red(), 0xc0);
+        const QColor ink = status->palette().color(QPalette::WindowText);
+        QVERIFY(ink.red() > 2 * ink.green() && ink.red() > 2 * ink.blue());
         const int line = status->fontMetrics().lineSpacing();
         QVERIFY(status->height() <= 2 * line);
         QVERIFY(status->height() > line);
@@ -412,6 +480,34 @@ private slots:
                             Qt::Key_Tab);
         }
         QCOMPARE(QApplication::focusWidget(), view);
+    }
+
+    // The welcome, jobs in every state with one selected, and the settings
+    // with every caption, in light and dark colours, switched while the
+    // windows are open as when the desktop changes its scheme.
+    void everyTextIsReadable_data() {
+        QTest::addColumn<QPalette>("palette");
+        QTest::newRow("light") << QApplication::style()->standardPalette();
+        QTest::newRow("dark") << darkPalette();
+    }
+    void everyTextIsReadable() {
+        QFETCH(QPalette, palette);
+        const QPalette before = QApplication::palette();
+        TestSettings settings;
+        settings.settings.setSaveMode(SaveMode::fixedFolder);
+        settings.settings.setExportWAVWithVideo(true);
+        SettingsWindow settingsWindow(settings.settings, m_updater);
+        settingsWindow.show();
+        QApplication::setPalette(palette);
+        QCoreApplication::processEvents();
+        QStringList unreadable = unreadableTexts(*m_window);
+        fillWithEveryState(m_fixture->queue);
+        QListView* view = m_window->jobList()->view();
+        view->setCurrentIndex(view->model()->index(3, 0));
+        unreadable << unreadableTexts(*m_window) << unreadableTexts(settingsWindow);
+        QApplication::setPalette(before);
+        QCoreApplication::processEvents();
+        QVERIFY2(unreadable.isEmpty(), qPrintable(unreadable.join(QStringLiteral("\n"))));
     }
 
     void checkForUpdatesFollowsTheUpdater() {

@@ -48,7 +48,10 @@ void saveScreen(const QRect& area, const QString& name) {
 // As when the feed has been reached and a check may start.
 class ReadyUpdater : public AppUpdater {
 public:
-    ReadyUpdater() { setCanCheckForUpdates(true); }
+    ReadyUpdater() {
+        actAsConfigured();
+        setCanCheckForUpdates(true);
+    }
 };
 
 // The example recording leveled, or made-up data when it is not at hand
@@ -70,29 +73,49 @@ std::shared_ptr<const LevelingSeries> exampleSeries() {
     return talkSeries(205.0);
 }
 
-QPalette darkPalette() {
-    QPalette p;
-    p.setColor(QPalette::Window, QColor(0x2b, 0x2d, 0x31));
-    p.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::Base, QColor(0x1e, 0x1f, 0x22));
-    p.setColor(QPalette::Text, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::Button, QColor(0x3a, 0x3c, 0x41));
-    p.setColor(QPalette::ButtonText, QColor(0xe6, 0xe6, 0xe6));
-    p.setColor(QPalette::PlaceholderText, QColor(0xa0, 0xa4, 0xab));
-    return p;
+// The welcome, the jobs with the warned one selected, and the settings with
+// every caption, in the application's colours as they are now.
+void coloursPictures(AppUpdater& updater, const QString& suffix) {
+    QueueFixture fixture;
+    MainWindow window(fixture.queue, updater, &fixture.revealer);
+    window.move(0, 0);
+    window.show();
+    save(window, QStringLiteral("main-empty") + suffix);
+    fillWithEveryState(fixture.queue);
+    window.resize(560, std::min(640, window.screen()->availableGeometry().height()));
+    QListView* view = window.jobList()->view();
+    view->setCurrentIndex(view->model()->index(3, 0));
+    save(window, QStringLiteral("main-jobs") + suffix);
+    window.hide();
+
+    TestSettings settings;
+    settings.settings.setSaveMode(SaveMode::fixedFolder);
+    settings.settings.setExportWAVWithVideo(true);
+    SettingsWindow settingsWindow(settings.settings, updater);
+    settingsWindow.move(0, 0);
+    settingsWindow.show();
+    save(settingsWindow, QStringLiteral("settings") + suffix);
+    // The whole screen, to see the window fit on it.
+    saveScreen(settingsWindow.screen()->geometry(), QStringLiteral("settings-screen") + suffix);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
-    if (argc != 2) {
-        qCritical("usage: ostrand_screenshots OUTPUT_FOLDER");
+    if (argc < 2 || argc > 3) {
+        qCritical("usage: ostrand_screenshots OUTPUT_FOLDER [SUFFIX]\n"
+                  "  with a suffix, only the main and settings windows, named with it");
         return 2;
     }
     output = QDir(QString::fromLocal8Bit(argv[1]));
     output.mkpath(QStringLiteral("."));
     AppUpdater updater;
+    if (argc == 3) {
+        // Another run of the program, as with QT_SCALE_FACTOR=2.
+        coloursPictures(updater, QString::fromLocal8Bit(argv[2]));
+        return 0;
+    }
 
     {
         QueueFixture fixture;
@@ -178,6 +201,14 @@ int main(int argc, char** argv) {
         SettingsWindow window(settings.settings, ready);
         window.show();
         save(window, QStringLiteral("settings-updates-available"));
+    }
+
+    coloursPictures(updater, QStringLiteral("-light"));
+    {
+        const QPalette light = QApplication::palette();
+        QApplication::setPalette(darkPalette());
+        coloursPictures(updater, QStringLiteral("-dark"));
+        QApplication::setPalette(light);
     }
 
     AppcastItem update;

@@ -4,13 +4,29 @@
 #include "support/SeriesFixtures.h"
 #include "ui/AppUpdater.h"
 
+#include <QPalette>
+
 namespace ostrand::test {
 
 // An updater whose availability a test switches by hand.
 class SwitchableUpdater : public AppUpdater {
 public:
+    SwitchableUpdater() { actAsConfigured(); }
     using AppUpdater::setCanCheckForUpdates;
 };
+
+// A dark scheme as a desktop sets it: the main roles only.
+inline QPalette darkPalette() {
+    QPalette palette;
+    palette.setColor(QPalette::Window, QColor(0x20, 0x23, 0x26));
+    palette.setColor(QPalette::WindowText, QColor(0xfc, 0xfc, 0xfc));
+    palette.setColor(QPalette::Base, QColor(0x14, 0x16, 0x18));
+    palette.setColor(QPalette::Text, QColor(0xfc, 0xfc, 0xfc));
+    palette.setColor(QPalette::Button, QColor(0x29, 0x2c, 0x30));
+    palette.setColor(QPalette::ButtonText, QColor(0xfc, 0xfc, 0xfc));
+    palette.setColor(QPalette::Highlight, QColor(0x3d, 0xae, 0xe9));
+    return palette;
+}
 
 inline LevelingReport sampleReport(const QString& output, const QString& sidecar = {}) {
     LevelingReport report;
