@@ -51,6 +51,12 @@ bool isAudioVisual(const QMimeType& type) {
            std::any_of(ancestors.begin(), ancestors.end(), audioOrVideo);
 }
 
+// The one rule for what the queue takes, by a file's name alone.
+bool hasMediaExtension(const QString& fileName) {
+    const QMimeType type = QMimeDatabase().mimeTypeForFile(fileName, QMimeDatabase::MatchExtension);
+    return type.isValid() && !type.isDefault() && isAudioVisual(type);
+}
+
 // Runs on the worker thread. Everything the engine throws becomes an outcome
 // here, so no exception crosses the thread pool.
 EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesystem::path& source,
@@ -132,13 +138,23 @@ JobQueue& JobQueue::shared() {
     return *instance;
 }
 
-const QStringList& JobQueue::acceptedTypes() {
-    static const QStringList types{
-        QStringLiteral("video/mp4"),   QStringLiteral("video/quicktime"),
-        QStringLiteral("audio/x-wav"), QStringLiteral("audio/x-aiff"),
-        QStringLiteral("audio/mpeg"),  QStringLiteral("audio/mp4"),
-    };
-    return types;
+const QStringList& JobQueue::acceptedPatterns() {
+    static const QStringList patterns = [] {
+        QStringList list;
+        for (const QMimeType& type : QMimeDatabase().allMimeTypes()) {
+            for (const QString& suffix : type.suffixes()) {
+                // A suffix that another type claims first is left out, as
+                // the drop leaves it out.
+                if (hasMediaExtension(QStringLiteral("x.") + suffix)) {
+                    list << QStringLiteral("*.") + suffix;
+                }
+            }
+        }
+        list.sort();
+        list.removeDuplicates();
+        return list;
+    }();
+    return patterns;
 }
 
 bool JobQueue::isAcceptable(const QUrl& file) {
@@ -146,12 +162,7 @@ bool JobQueue::isAcceptable(const QUrl& file) {
         return false;
     }
     const QFileInfo info(file.toLocalFile());
-    if (info.isDir()) {
-        return false;
-    }
-    const QMimeType type =
-        QMimeDatabase().mimeTypeForFile(info.fileName(), QMimeDatabase::MatchExtension);
-    return type.isValid() && !type.isDefault() && isAudioVisual(type);
+    return !info.isDir() && hasMediaExtension(info.fileName());
 }
 
 void JobQueue::add(const QList<QUrl>& files) {

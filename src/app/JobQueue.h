@@ -64,8 +64,9 @@ public:
     // QCoreApplication. Its engine is asked to stop when the application quits.
     static JobQueue& shared();
 
-    // MIME types for the open panels, in the order they are offered.
-    static const QStringList& acceptedTypes();
+    // The file name patterns ("*.mkv") of every extension `add` takes, for
+    // the open panel's filter.
+    static const QStringList& acceptedPatterns();
     // Whether `add` takes the file: a local file (not a folder) whose
     // extension maps to an audio or video type.
     static bool isAcceptable(const QUrl& file);

@@ -1,5 +1,6 @@
 #include "LoudnessGraphWindow.h"
 
+#include "FileDialogPanels.h"
 #include "Look.h"
 
 #include <QDir>
@@ -185,7 +186,8 @@ void LoudnessGraphWindow::chooseExportFile() {
         dialog->setDirectory(m_outputFolder);
     }
     dialog->selectFile(QFileInfo(m_outputName).completeBaseName() + QStringLiteral(".png"));
-    connect(dialog, &QFileDialog::fileSelected, this, &LoudnessGraphWindow::exportTo);
+    whenChosen(dialog, this,
+               [this](const QList<QUrl>& files) { exportTo(files.first().toLocalFile()); });
     dialog->open();
 }
 

@@ -2,6 +2,7 @@
 
 #include "AppUpdater.h"
 #include "DropHighlight.h"
+#include "FileDialogPanels.h"
 #include "JobList.h"
 #include "Look.h"
 #include "LoudnessGraphWindow.h"
@@ -110,7 +111,8 @@ void MainWindow::buildMenus() {
     settings->setMenuRole(QAction::PreferencesRole);
     connect(settings, &QAction::triggered, this, &MainWindow::settingsRequested);
     file->addSeparator();
-    QAction* quit = file->addAction(QStringLiteral("Quit"));
+    QAction* quit = file->addAction(QStringLiteral("&Quit"));
+    quit->setObjectName(QStringLiteral("quitAction"));
     quit->setShortcut(QKeySequence::Quit);
     quit->setMenuRole(QAction::QuitRole);
     connect(quit, &QAction::triggered, this, &MainWindow::quitRequested);
@@ -155,20 +157,10 @@ void MainWindow::openFiles() {
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::ExistingFiles);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
-    QStringList filters = JobQueue::acceptedTypes();
-    dialog->setMimeTypeFilters(filters);
-    // Offer every accepted type at once first.
-    QStringList nameFilters = dialog->nameFilters();
-    QStringList patterns;
-    for (const QString& filter : std::as_const(nameFilters)) {
-        const qsizetype open = filter.lastIndexOf(u'(');
-        patterns << filter.mid(open + 1).chopped(1).split(u' ', Qt::SkipEmptyParts);
-    }
-    patterns.removeDuplicates();
-    nameFilters.prepend(QStringLiteral("Video and audio files (") + patterns.join(u' ') + u')');
-    dialog->setNameFilters(nameFilters);
-    connect(dialog, &QFileDialog::urlsSelected, this,
-            [this](const QList<QUrl>& urls) { m_queue.add(urls); });
+    dialog->setNameFilters(
+        {QStringLiteral("Video and audio files (") + JobQueue::acceptedPatterns().join(u' ') + u')',
+         QStringLiteral("All files (*)")});
+    whenChosen(dialog, this, [this](const QList<QUrl>& files) { m_queue.add(files); });
     dialog->open();
 }
 

@@ -3,6 +3,7 @@
 #include "AppInfo.h"
 #include "AppUpdater.h"
 #include "ElidedLabel.h"
+#include "FileDialogPanels.h"
 #include "Look.h"
 #include "app/OstrandSettings.h"
 
@@ -277,8 +278,8 @@ void SettingsWindow::chooseFolder() {
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
-    connect(dialog, &QFileDialog::urlSelected, this,
-            [this](const QUrl& folder) { m_settings.setFixedFolder(folder); });
+    whenChosen(dialog, this,
+               [this](const QList<QUrl>& folders) { m_settings.setFixedFolder(folders.first()); });
     dialog->open();
 }
 

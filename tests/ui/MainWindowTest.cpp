@@ -10,9 +10,11 @@
 
 #include <QAction>
 #include <QClipboard>
+#include <QDialogButtonBox>
 #include <QDragEnterEvent>
 #include <QFileDialog>
 #include <QLabel>
+#include <QLineEdit>
 #include <QListView>
 #include <QMenu>
 #include <QMessageBox>
@@ -45,6 +47,10 @@ class MainWindowTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void initTestCase() {
+        // Qt's own dialog, as desktops without a portal show it.
+        QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+    }
     void init() {
         m_fixture = std::make_unique<QueueFixture>();
         m_window = std::make_unique<MainWindow>(m_fixture->queue, m_updater, &m_fixture->revealer);
@@ -101,6 +107,64 @@ private slots:
         }
         QCOMPARE(names, queued);
         QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+    }
+
+    void openPanelQueuesWhatItConfirms_data() {
+        QTest::addColumn<bool>("fromWelcome"); // else Ctrl+O
+        QTest::addColumn<bool>("allFiles");
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("queued");
+        QTest::newRow("two files, Ctrl+O")
+            << false << false << R"("b.mkv" "a.flac")" << QStringList{"b.mkv", "a.flac"};
+        QTest::newRow("one file, Choose Files")
+            << true << false << "c.webm" << QStringList{"c.webm"};
+        QTest::newRow("all files, text left out")
+            << false << true << R"("notes.txt" "d.ogg")" << QStringList{"d.ogg"};
+        QTest::newRow("dismissed") << true << false << QString() << QStringList{};
+    }
+    void openPanelQueuesWhatItConfirms() {
+        QFETCH(bool, fromWelcome);
+        QFETCH(bool, allFiles);
+        QFETCH(QString, typed);
+        QFETCH(QStringList, queued);
+        for (const char* name : {"a.flac", "b.mkv", "c.webm", "d.ogg", "notes.txt"}) {
+            std::ofstream(m_dir / name) << "x";
+        }
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        if (fromWelcome) {
+            m_window->welcomePanel()
+                ->findChild<QPushButton*>(QStringLiteral("chooseFiles"))
+                ->click();
+        } else {
+            QTest::keySequence(m_window.get(), QKeySequence::Open);
+        }
+        auto* panel = m_window->findChild<QFileDialog*>(QStringLiteral("openPanel"));
+        QVERIFY(panel);
+        QVERIFY(QTest::qWaitForWindowExposed(panel));
+        const QStringList filters = panel->nameFilters();
+        QCOMPARE(filters.size(), 2);
+        for (const char* pattern : {"*.mkv", "*.webm", "*.flac", "*.ogg", "*.mp3", "*.mov"}) {
+            QVERIFY2(filters.first().contains(QLatin1String(pattern)), pattern);
+        }
+        QCOMPARE(filters.last(), QStringLiteral("All files (*)"));
+        if (allFiles) {
+            panel->selectNameFilter(filters.last());
+        }
+        panel->setDirectory(QString::fromStdString(m_dir.path()));
+        if (typed.isEmpty()) {
+            QTest::keyClick(panel, Qt::Key_Escape);
+        } else {
+            auto* name = panel->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+            name->setText(typed);
+            auto* buttons = panel->findChild<QDialogButtonBox*>(QStringLiteral("buttonBox"));
+            QTest::mouseClick(buttons->button(QDialogButtonBox::Open), Qt::LeftButton);
+        }
+        QTRY_VERIFY(!panel->isVisible());
+        QStringList names;
+        for (const LevelingJob* job : m_fixture->queue.jobs()) {
+            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
+        }
+        QCOMPARE(names, queued);
     }
 
     void dragLeavingRemovesTheHighlight() {
