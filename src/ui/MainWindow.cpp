@@ -51,9 +51,9 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
     , m_jobList(new JobList(queue, *m_model, revealer, m_stack))
     , m_highlight(nullptr)
     , m_openAction(
-          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("Open\u2026"), this))
+          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("&Open\u2026"), this))
     , m_clearAction(new QAction(Look::icon(QStringLiteral("edit-clear")),
-                                QStringLiteral("Clear Finished"), this)) {
+                                QStringLiteral("C&lear Finished"), this)) {
     setObjectName(QStringLiteral("main"));
     setWindowTitle(QStringLiteral("Ostrand"));
     setMinimumSize(460, 360);
@@ -105,7 +105,8 @@ MainWindow::~MainWindow() = default;
 void MainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
     file->addAction(m_openAction);
-    QAction* settings = file->addAction(QStringLiteral("Settings\u2026"));
+    file->addAction(m_clearAction);
+    QAction* settings = file->addAction(QStringLiteral("&Settings\u2026"));
     settings->setObjectName(QStringLiteral("settingsAction"));
     settings->setShortcut(QKeySequence(QStringLiteral("Ctrl+,")));
     settings->setMenuRole(QAction::PreferencesRole);
@@ -118,9 +119,9 @@ void MainWindow::buildMenus() {
     connect(quit, &QAction::triggered, this, &MainWindow::quitRequested);
 
     QMenu* help = menuBar()->addMenu(QStringLiteral("&Help"));
-    QAction* about = help->addAction(QStringLiteral("About Ostrand"));
+    QAction* about = help->addAction(QStringLiteral("&About Ostrand"));
     connect(about, &QAction::triggered, this, &MainWindow::aboutRequested);
-    m_checkAction = help->addAction(QStringLiteral("Check for Updates\u2026"));
+    m_checkAction = help->addAction(QStringLiteral("Check for &Updates\u2026"));
     m_checkAction->setEnabled(m_updater.canCheckForUpdates());
     connect(&m_updater, &AppUpdater::canCheckForUpdatesChanged, m_checkAction,
             [this] { m_checkAction->setEnabled(m_updater.canCheckForUpdates()); });
@@ -173,14 +174,14 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         if (report->audioSidecarURL) {
             outputs << FilePaths::toUrl(*report->audioSidecarURL);
         }
-        connect(menu->addAction(QStringLiteral("Show in File Manager")), &QAction::triggered, this,
+        connect(menu->addAction(QStringLiteral("Show in File &Manager")), &QAction::triggered, this,
                 [this, outputs] { reveal(outputs); });
         const QUrl output = outputs.first();
-        connect(menu->addAction(QStringLiteral("Open")), &QAction::triggered, this,
+        connect(menu->addAction(QStringLiteral("&Open")), &QAction::triggered, this,
                 [output] { QDesktopServices::openUrl(output); });
         if (report->series) {
             QPointer<LevelingJob> shown(&job);
-            connect(menu->addAction(QStringLiteral("Show Loudness Graph")), &QAction::triggered,
+            connect(menu->addAction(QStringLiteral("Show Loudness &Graph")), &QAction::triggered,
                     this, [this, shown] {
                         if (shown) {
                             showLoudnessGraph(*shown);
@@ -190,7 +191,7 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         menu->addSeparator();
     }
     const QString title =
-        job.state().isActive() ? QStringLiteral("Cancel") : QStringLiteral("Remove");
+        job.state().isActive() ? QStringLiteral("&Cancel") : QStringLiteral("&Remove");
     QAction* remove = menu->addAction(title);
     QPointer<LevelingJob> target(&job);
     connect(remove, &QAction::triggered, this, [this, target] {

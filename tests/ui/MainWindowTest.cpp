@@ -36,7 +36,7 @@ namespace {
 QStringList menuTitles(QMenu& menu) {
     QStringList titles;
     for (QAction* action : menu.actions()) {
-        titles << (action->isSeparator() ? QStringLiteral("--") : action->text());
+        titles << (action->isSeparator() ? QStringLiteral("--") : action->text().remove(u'&'));
     }
     return titles;
 }
@@ -275,6 +275,15 @@ private slots:
         auto* detailLabel = jobRow->findChild<ElidedLabel*>(QStringLiteral("detail"));
         QCOMPARE(detailLabel->isVisible(), !detail.isEmpty());
         QCOMPARE(detailLabel->fullText(), detail);
+        // The list's accessible item carries what the row's widgets show.
+        const QString description = m_window->jobList()
+                                        ->view()
+                                        ->model()
+                                        ->index(row, 0)
+                                        .data(Qt::AccessibleDescriptionRole)
+                                        .toString();
+        QVERIFY(description.startsWith(job.statusText()));
+        QCOMPARE(description.contains(QStringLiteral("gain -3.2 to +6.5 dB")), !detail.isEmpty());
 
         const JobState::Kind kind = job.state().kind;
         const QUrl source = job.sourceURL();

@@ -4,6 +4,7 @@
 #include "ui/ElidedLabel.h"
 
 #include <QAbstractButton>
+#include <QAccessible>
 #include <QCheckBox>
 #include <QDialogButtonBox>
 #include <QFileDialog>
@@ -73,6 +74,10 @@ private slots:
         auto* value = m_window->findChild<QLabel*>(isTarget ? QStringLiteral("targetValue")
                                                             : QStringLiteral("ceilingValue"));
         QCOMPARE(value->text(), shown);
+        // A screen reader hears the value, not the slider's half-step position.
+        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(control);
+        QCOMPARE(accessible->text(QAccessible::Value), shown);
+        QCOMPARE(accessible->valueInterface()->currentValue().toDouble(), stored);
     }
 
     void controlsFollowChangesMadeElsewhere() {
