@@ -7,6 +7,7 @@
 #include "media/OutputNaming.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
 #include <QPointer>
@@ -165,6 +166,55 @@ bool JobQueue::isAcceptable(const QUrl& file) {
     return !info.isDir() && hasMediaExtension(info.fileName());
 }
 
+std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
+    namespace fs = std::filesystem;
+    std::vector<fs::path> files;
+    std::error_code error;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                        error);
+    if (error) {
+        throw OstrandError::unreadable(folder.string() + ": " + error.message());
+    }
+    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (error) {
+            break;
+        }
+        const std::string name = it->path().filename().string();
+        if (!name.empty() && name.front() == '.') {
+            if (it->is_directory(error)) {
+                it.disable_recursion_pending();
+            }
+            continue;
+        }
+        if (it->is_regular_file(error) &&
+            hasMediaExtension(QFile::decodeName(QByteArray::fromStdString(name)))) {
+            files.push_back(it->path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+QList<QUrl> JobQueue::withFolderContents(const QList<QUrl>& items) {
+    QList<QUrl> files;
+    for (const QUrl& item : items) {
+        if (!item.isLocalFile() || !QFileInfo(item.toLocalFile()).isDir()) {
+            files << item;
+            continue;
+        }
+        try {
+            for (const std::filesystem::path& file : mediaFilesIn(FilePaths::toPath(item))) {
+                // Most likely an earlier run's output, as on the command line.
+                if (!OutputNaming::isLeveledName(file)) {
+                    files << FilePaths::toUrl(file);
+                }
+            }
+        } catch (const OstrandError&) {
+        }
+    }
+    return files;
+}
+
 void JobQueue::add(const QList<QUrl>& files) {
     QList<LevelingJob*> added;
     for (const QUrl& file : files) {
@@ -184,6 +234,16 @@ void JobQueue::add(const QList<QUrl>& files) {
         updateHasFinished();
     }
     processNext();
+}
+
+void JobQueue::retry(LevelingJob* job) {
+    if (!job || !m_jobs.contains(job) || job->state().isActive() ||
+        job->state().kind == JobState::Kind::finished) {
+        return;
+    }
+    const QUrl source = job->sourceURL();
+    remove(job);
+    add({source});
 }
 
 void JobQueue::takeAt(int row) {

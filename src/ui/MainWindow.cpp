@@ -146,8 +146,9 @@ void MainWindow::showContent() {
 }
 
 bool MainWindow::addDroppedFiles(const QList<QUrl>& files) {
+    const QList<QUrl> brought = JobQueue::withFolderContents(files);
     QList<QUrl> kept;
-    std::copy_if(files.begin(), files.end(), std::back_inserter(kept), &JobQueue::isAcceptable);
+    std::copy_if(brought.begin(), brought.end(), std::back_inserter(kept), &JobQueue::isAcceptable);
     m_queue.add(kept);
     return !kept.isEmpty();
 }
@@ -190,10 +191,15 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         }
         menu->addSeparator();
     }
-    const QString title =
-        job.state().isActive() ? QStringLiteral("&Cancel") : QStringLiteral("&Remove");
-    QAction* remove = menu->addAction(title);
     QPointer<LevelingJob> target(&job);
+    const JobState::Kind kind = job.state().kind;
+    if (kind == JobState::Kind::failed || kind == JobState::Kind::cancelled) {
+        connect(menu->addAction(QStringLiteral("&Retry")), &QAction::triggered, this,
+                [this, target] { m_queue.retry(target); });
+    }
+    const QString title =
+        job.state().isActive() ? QStringLiteral("&Cancel") : QStringLiteral("Re&move");
+    QAction* remove = menu->addAction(title);
     connect(remove, &QAction::triggered, this, [this, target] {
         if (target) {
             m_queue.remove(target);

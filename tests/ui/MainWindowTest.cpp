@@ -63,20 +63,34 @@ private slots:
 
     void dropQueuesOnlyAudioAndVideo_data() {
         QTest::addColumn<QStringList>("dropped");
+        QTest::addColumn<QStringList>("inside"); // files in the dropped folders
         QTest::addColumn<bool>("accepted");
         QTest::addColumn<QStringList>("queued");
         QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
-                                              << true << QStringList{"talk.wav"};
+                                              << QStringList{} << true << QStringList{"talk.wav"};
         QTest::newRow("only unsupported")
-            << QStringList{"folder.wav", "notes.txt"} << false << QStringList{};
-        QTest::newRow("no extension") << QStringList{"recording"} << false << QStringList{};
-        QTest::newRow("video and audio in order")
-            << QStringList{"b.mov", "a.mp3"} << true << QStringList{"b.mov", "a.mp3"};
+            << QStringList{"folder.wav", "notes.txt"} << QStringList{} << false << QStringList{};
+        QTest::newRow("no extension")
+            << QStringList{"recording"} << QStringList{} << false << QStringList{};
+        QTest::newRow("video and audio in order") << QStringList{"b.mov", "a.mp3"} << QStringList{}
+                                                  << true << QStringList{"b.mov", "a.mp3"};
+        QTest::newRow("folder and its subfolders, not hidden or leveled")
+            << QStringList{"folder show", "c.wav"}
+            << QStringList{"folder show/sub/a.mkv", "folder show/b.flac",
+                           "folder show/.cache/x.wav", "folder show/notes.txt",
+                           "folder show/b leveled.flac"}
+            << true << QStringList{"b.flac", "a.mkv", "c.wav"};
     }
     void dropQueuesOnlyAudioAndVideo() {
         QFETCH(QStringList, dropped);
+        QFETCH(QStringList, inside);
         QFETCH(bool, accepted);
         QFETCH(QStringList, queued);
+        for (const QString& name : inside) {
+            const auto path = m_dir / name.toStdString();
+            std::filesystem::create_directories(path.parent_path());
+            std::ofstream(path) << "x";
+        }
         QList<QUrl> urls;
         for (const QString& name : dropped) {
             const auto path = m_dir / name.toStdString();
@@ -351,15 +365,15 @@ private slots:
         QTest::addColumn<int>("row");
         QTest::addColumn<QStringList>("items");
         const QStringList cancel{"Cancel"};
-        const QStringList remove{"Remove"};
         const QStringList finished{"Show in File Manager", "Open", "Show Loudness Graph", "--",
                                    "Remove"};
+        const QStringList retry{"Retry", "Remove"};
         QTest::newRow("running") << 0 << cancel;
         QTest::newRow("waiting") << 1 << cancel;
         QTest::newRow("finished") << 2 << finished;
         QTest::newRow("finished with sidecar") << 3 << finished;
-        QTest::newRow("failed") << 4 << remove;
-        QTest::newRow("cancelled") << 5 << remove;
+        QTest::newRow("failed") << 4 << retry;
+        QTest::newRow("cancelled") << 5 << retry;
     }
     void contextMenuByState() {
         QFETCH(int, row);
@@ -369,8 +383,18 @@ private slots:
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
         QCOMPARE(menuTitles(*menu), items);
 
-        menu->actions().constLast()->trigger();
-        QVERIFY(!m_fixture->queue.jobs().contains(job));
+        // Retry queues the same file again, at the end; the others take the job out.
+        const bool retry = items.first() == QStringLiteral("Retry");
+        const QUrl source = job->sourceURL();
+        const auto count = m_fixture->queue.jobs().size();
+        (retry ? menu->actions().constFirst() : menu->actions().constLast())->trigger();
+        const auto& jobs = m_fixture->queue.jobs();
+        QVERIFY(!jobs.contains(job));
+        QCOMPARE(jobs.size(), retry ? count : count - 1);
+        if (retry) {
+            QCOMPARE(jobs.constLast()->sourceURL(), source);
+            QVERIFY(jobs.constLast()->state().isActive());
+        }
     }
 
     void showInFileManagerSelectsOutputAndSidecar() {
