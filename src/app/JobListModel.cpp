@@ -1,5 +1,7 @@
 #include "JobListModel.h"
 
+#include "ReportText.h"
+
 #include <QFileInfo>
 
 namespace ostrand {
@@ -43,7 +45,16 @@ QVariant JobListModel::data(const QModelIndex& index, int role) const {
     case Qt::ToolTipRole:
         return job->sourceURL().toLocalFile();
     case StatusTextRole:
+        return job->statusText();
     case Qt::AccessibleDescriptionRole:
+        // The row's widgets are not part of the list's accessible tree: the
+        // description carries what they show.
+        if (const auto& report = job->report();
+            job->state().kind == JobState::Kind::finished && report) {
+            const QString notes = ReportText::notesText(*report);
+            return job->statusText() + u'\n' + ReportText::detail(*report) +
+                   (notes.isEmpty() ? QString() : u'\n' + notes);
+        }
         return job->statusText();
     case JobRole:
         return QVariant::fromValue(job);

@@ -7,6 +7,7 @@
 #include "media/OutputNaming.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
 #include <QPointer>
@@ -49,6 +50,12 @@ bool isAudioVisual(const QMimeType& type) {
     const QStringList ancestors = type.allAncestors();
     return audioOrVideo(type.name()) ||
            std::any_of(ancestors.begin(), ancestors.end(), audioOrVideo);
+}
+
+// The one rule for what the queue takes, by a file's name alone.
+bool hasMediaExtension(const QString& fileName) {
+    const QMimeType type = QMimeDatabase().mimeTypeForFile(fileName, QMimeDatabase::MatchExtension);
+    return type.isValid() && !type.isDefault() && isAudioVisual(type);
 }
 
 // Runs on the worker thread. Everything the engine throws becomes an outcome
@@ -132,13 +139,23 @@ JobQueue& JobQueue::shared() {
     return *instance;
 }
 
-const QStringList& JobQueue::acceptedTypes() {
-    static const QStringList types{
-        QStringLiteral("video/mp4"),   QStringLiteral("video/quicktime"),
-        QStringLiteral("audio/x-wav"), QStringLiteral("audio/x-aiff"),
-        QStringLiteral("audio/mpeg"),  QStringLiteral("audio/mp4"),
-    };
-    return types;
+const QStringList& JobQueue::acceptedPatterns() {
+    static const QStringList patterns = [] {
+        QStringList list;
+        for (const QMimeType& type : QMimeDatabase().allMimeTypes()) {
+            for (const QString& suffix : type.suffixes()) {
+                // A suffix that another type claims first is left out, as
+                // the drop leaves it out.
+                if (hasMediaExtension(QStringLiteral("x.") + suffix)) {
+                    list << QStringLiteral("*.") + suffix;
+                }
+            }
+        }
+        list.sort();
+        list.removeDuplicates();
+        return list;
+    }();
+    return patterns;
 }
 
 bool JobQueue::isAcceptable(const QUrl& file) {
@@ -146,12 +163,56 @@ bool JobQueue::isAcceptable(const QUrl& file) {
         return false;
     }
     const QFileInfo info(file.toLocalFile());
-    if (info.isDir()) {
-        return false;
+    return !info.isDir() && hasMediaExtension(info.fileName());
+}
+
+std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
+    namespace fs = std::filesystem;
+    std::vector<fs::path> files;
+    std::error_code error;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                        error);
+    if (error) {
+        throw OstrandError::unreadable(folder.string() + ": " + error.message());
     }
-    const QMimeType type =
-        QMimeDatabase().mimeTypeForFile(info.fileName(), QMimeDatabase::MatchExtension);
-    return type.isValid() && !type.isDefault() && isAudioVisual(type);
+    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (error) {
+            break;
+        }
+        const std::string name = it->path().filename().string();
+        if (!name.empty() && name.front() == '.') {
+            if (it->is_directory(error)) {
+                it.disable_recursion_pending();
+            }
+            continue;
+        }
+        if (it->is_regular_file(error) &&
+            hasMediaExtension(QFile::decodeName(QByteArray::fromStdString(name)))) {
+            files.push_back(it->path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+QList<QUrl> JobQueue::withFolderContents(const QList<QUrl>& items) {
+    QList<QUrl> files;
+    for (const QUrl& item : items) {
+        if (!item.isLocalFile() || !QFileInfo(item.toLocalFile()).isDir()) {
+            files << item;
+            continue;
+        }
+        try {
+            for (const std::filesystem::path& file : mediaFilesIn(FilePaths::toPath(item))) {
+                // Most likely an earlier run's output, as on the command line.
+                if (!OutputNaming::isLeveledName(file)) {
+                    files << FilePaths::toUrl(file);
+                }
+            }
+        } catch (const OstrandError&) {
+        }
+    }
+    return files;
 }
 
 void JobQueue::add(const QList<QUrl>& files) {
@@ -173,6 +234,16 @@ void JobQueue::add(const QList<QUrl>& files) {
         updateHasFinished();
     }
     processNext();
+}
+
+void JobQueue::retry(LevelingJob* job) {
+    if (!job || !m_jobs.contains(job) || job->state().isActive() ||
+        job->state().kind == JobState::Kind::finished) {
+        return;
+    }
+    const QUrl source = job->sourceURL();
+    remove(job);
+    add({source});
 }
 
 void JobQueue::takeAt(int row) {

@@ -14,8 +14,10 @@
 #include <QUrl>
 #include <QUuid>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace ostrand {
 
@@ -64,11 +66,20 @@ public:
     // QCoreApplication. Its engine is asked to stop when the application quits.
     static JobQueue& shared();
 
-    // MIME types for the open panels, in the order they are offered.
-    static const QStringList& acceptedTypes();
+    // The file name patterns ("*.mkv") of every extension `add` takes, for
+    // the open panel's filter.
+    static const QStringList& acceptedPatterns();
     // Whether `add` takes the file: a local file (not a folder) whose
     // extension maps to an audio or video type.
     static bool isAcceptable(const QUrl& file);
+    // The media files under a folder and its subfolders, in name order;
+    // hidden files and folders (a file manager's or another program's own)
+    // are left out. Throws OstrandError when the folder cannot be read.
+    static std::vector<std::filesystem::path> mediaFilesIn(const std::filesystem::path& folder);
+    // What a drop brings: each item as given, and for a folder the media
+    // files in it and its subfolders, without the leveled files earlier runs
+    // left there. An unreadable folder brings nothing.
+    static QList<QUrl> withFolderContents(const QList<QUrl>& items);
 
     const QList<LevelingJob*>& jobs() const { return m_jobs; }
     bool isProcessing() const { return m_isProcessing; }
@@ -88,6 +99,9 @@ public:
     void remove(LevelingJob* job);
     // Removes finished, failed and cancelled jobs.
     void clearFinished();
+    // Queues a failed or cancelled job's file again, at the end, in place of
+    // the job. Other jobs are left alone.
+    void retry(LevelingJob* job);
     // Starts the first waiting job unless a run is in flight.
     void processNext();
 

@@ -217,6 +217,14 @@ void OstrandSettings::write(const char* key, const QVariant& value) {
     m_store->sync();
 }
 
+QByteArray OstrandSettings::mainWindowGeometry() const {
+    return m_store->value(Keys::mainWindowGeometry).toByteArray();
+}
+
+void OstrandSettings::setMainWindowGeometry(const QByteArray& geometry) {
+    write(Keys::mainWindowGeometry, geometry);
+}
+
 template <typename T>
 void OstrandSettings::assign(const char* key, const QVariant& stored, T& field, const T& value,
                              void (OstrandSettings::*changed)()) {

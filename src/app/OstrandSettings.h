@@ -104,6 +104,7 @@ public:
         static constexpr auto noiseAwarePauses = "noiseAwarePauses";
         static constexpr auto fixedFolderBookmark = "fixedFolderBookmark";
         static constexpr auto folderGrants = "folderAccessBookmarks";
+        static constexpr auto mainWindowGeometry = "mainWindowGeometry";
     };
 
     // Loads every setting from `store` at once. `folderAccess` (kept, not
@@ -159,6 +160,11 @@ public:
     // Remembers a folder the user allowed, under its standardized path;
     // nothing changes when no bookmark can be made.
     void rememberGrant(const QUrl& folder);
+
+    // The main window's place and size as QWidget::saveGeometry gives them;
+    // empty until a window was closed once. Not a choice: nothing signals it.
+    QByteArray mainWindowGeometry() const;
+    void setMainWindowGeometry(const QByteArray& geometry);
 
     FolderAccess& folderAccess() const { return *m_folderAccess; }
     QSettings& store() const { return *m_store; }

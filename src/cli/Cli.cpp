@@ -162,39 +162,6 @@ std::vector<fs::path> readList(std::istream& in, bool nulSeparated) {
     return paths;
 }
 
-bool isMediaFile(const fs::path& path) {
-    return JobQueue::isAcceptable(QUrl::fromLocalFile(decoded(path)));
-}
-
-// The media files under a folder, in name order; hidden files and folders
-// (a file manager's or another program's own) are left out.
-std::vector<fs::path> mediaFilesIn(const fs::path& folder) {
-    std::vector<fs::path> files;
-    std::error_code error;
-    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
-                                        error);
-    if (error) {
-        throw OstrandError::unreadable(folder.string() + ": " + error.message());
-    }
-    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (error) {
-            break;
-        }
-        const std::string name = it->path().filename().string();
-        if (!name.empty() && name.front() == '.') {
-            if (it->is_directory(error)) {
-                it.disable_recursion_pending();
-            }
-            continue;
-        }
-        if (it->is_regular_file(error) && isMediaFile(it->path())) {
-            files.push_back(it->path());
-        }
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 struct Inputs {
     std::vector<fs::path> files;
     std::string notes; // lines for standard error
@@ -271,7 +238,7 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
                 throw UsageError{path.string() + " is a folder; add -r to take the media files " +
                                  "in it"};
             }
-            for (const fs::path& file : mediaFilesIn(path)) {
+            for (const fs::path& file : JobQueue::mediaFilesIn(path)) {
                 take(file, false);
             }
         } else {

@@ -21,6 +21,16 @@ void answerOnce(QFileDialog* dialog, DestinationPanels::Answer answer) {
 
 } // namespace
 
+void whenChosen(QFileDialog* dialog, const QObject* context,
+                std::function<void(const QList<QUrl>&)> chosen) {
+    QObject::connect(dialog, &QDialog::accepted, context, [dialog, chosen = std::move(chosen)] {
+        const QList<QUrl> urls = dialog->selectedUrls();
+        if (!urls.isEmpty()) {
+            chosen(urls);
+        }
+    });
+}
+
 void FileDialogPanels::askForFile(const SavePanelRequest& request, Answer answer) {
     auto* dialog = new QFileDialog(m_parent, request.title);
     dialog->setObjectName(QStringLiteral("savePanel"));

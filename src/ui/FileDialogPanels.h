@@ -2,8 +2,14 @@
 
 #include "app/DestinationPanels.h"
 
+#include <QList>
 #include <QPointer>
+#include <QUrl>
 #include <QWidget>
+
+#include <functional>
+
+class QFileDialog;
 
 namespace ostrand {
 
@@ -21,5 +27,12 @@ public:
 private:
     QPointer<QWidget> m_parent;
 };
+
+// Calls `chosen` (while `context` lives) with what the user confirmed in
+// `dialog`. Qt's own dialog announces files through filesSelected and a
+// platform one (the desktop portal) through urlsSelected; both end in
+// accepted, with the choice in selectedUrls.
+void whenChosen(QFileDialog* dialog, const QObject* context,
+                std::function<void(const QList<QUrl>&)> chosen);
 
 } // namespace ostrand

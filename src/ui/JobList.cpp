@@ -7,6 +7,7 @@
 
 #include <QAction>
 #include <QClipboard>
+#include <QContextMenuEvent>
 #include <QFileInfo>
 #include <QFrame>
 #include <QGuiApplication>
@@ -96,6 +97,13 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
             emit contextMenuRequested(job, m_view->viewport()->mapToGlobal(at));
         }
     });
+    // The menu key opens the current job's menu, wherever the pointer is.
+    m_view->installEventFilter(this);
+    connect(m_view, &QListView::activated, this, [this](const QModelIndex& index) {
+        if (LevelingJob* job = m_model.jobAt(index)) {
+            emit jobActivated(job);
+        }
+    });
     connect(&model, &QAbstractItemModel::rowsInserted, this,
             [this](const QModelIndex&, int first, int last) { addRows(first, last); });
 
@@ -147,9 +155,26 @@ void JobList::addRows(int first, int last) {
                 [delegate, persistent] { delegate->rowChanged(persistent); });
         delegate->rowChanged(index);
     }
+    // What was just added shows, even below a long list.
+    if (first <= last) {
+        m_view->scrollTo(m_model.index(last));
+    }
 }
 
 bool JobList::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == m_view) {
+        if (event->type() == QEvent::ContextMenu &&
+            static_cast<QContextMenuEvent*>(event)->reason() == QContextMenuEvent::Keyboard) {
+            const QModelIndex current = m_view->currentIndex();
+            if (LevelingJob* job = m_model.jobAt(current)) {
+                m_view->scrollTo(current);
+                emit contextMenuRequested(
+                    job, m_view->viewport()->mapToGlobal(m_view->visualRect(current).center()));
+            }
+            return true;
+        }
+        return QWidget::eventFilter(watched, event);
+    }
     if (event->type() == QEvent::MouseButtonDblClick) {
         auto* row = qobject_cast<QWidget*>(watched);
         const QPoint at = m_view->viewport()->mapFromGlobal(row->mapToGlobal(QPoint(0, 0)));

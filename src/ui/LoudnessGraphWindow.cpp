@@ -1,6 +1,8 @@
 #include "LoudnessGraphWindow.h"
 
+#include "FileDialogPanels.h"
 #include "Look.h"
+#include "WindowKeys.h"
 
 #include <QDir>
 #include <QEvent>
@@ -130,12 +132,13 @@ LoudnessGraphWindow::LoudnessGraphWindow(std::shared_ptr<const LevelingSeries> s
     : QWidget(parent, Qt::Window)
     , m_view(new LoudnessPlotView(std::move(series), this))
     , m_readout(new QLabel(this))
-    , m_export(new QPushButton(QStringLiteral("Export\u2026"), this))
+    , m_export(new QPushButton(QStringLiteral("&Export\u2026"), this))
     , m_outputName(std::move(outputName))
     , m_outputFolder(std::move(outputFolder)) {
     setObjectName(QStringLiteral("loudnessGraph"));
     setAttribute(Qt::WA_DeleteOnClose);
     setWindowTitle(QStringLiteral("Loudness \u2014 ") + m_outputName);
+    closeWithKeys(this);
 
     const QString hint = QStringLiteral("Point at the graph to read its values");
     m_readout->setObjectName(QStringLiteral("readout"));
@@ -177,7 +180,8 @@ void LoudnessGraphWindow::chooseExportFile() {
         dialog->setDirectory(m_outputFolder);
     }
     dialog->selectFile(QFileInfo(m_outputName).completeBaseName() + QStringLiteral(".png"));
-    connect(dialog, &QFileDialog::fileSelected, this, &LoudnessGraphWindow::exportTo);
+    whenChosen(dialog, this,
+               [this](const QList<QUrl>& files) { exportTo(files.first().toLocalFile()); });
     dialog->open();
 }
 

@@ -2,6 +2,7 @@
 
 #include "AppUpdater.h"
 #include "DropHighlight.h"
+#include "FileDialogPanels.h"
 #include "JobList.h"
 #include "Look.h"
 #include "LoudnessGraphWindow.h"
@@ -50,9 +51,9 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
     , m_jobList(new JobList(queue, *m_model, revealer, m_stack))
     , m_highlight(nullptr)
     , m_openAction(
-          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("Open\u2026"), this))
+          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("&Open\u2026"), this))
     , m_clearAction(new QAction(Look::icon(QStringLiteral("edit-clear")),
-                                QStringLiteral("Clear Finished"), this)) {
+                                QStringLiteral("C&lear Finished"), this)) {
     setObjectName(QStringLiteral("main"));
     setWindowTitle(QStringLiteral("Ostrand"));
     setMinimumSize(460, 360);
@@ -104,21 +105,23 @@ MainWindow::~MainWindow() = default;
 void MainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
     file->addAction(m_openAction);
-    QAction* settings = file->addAction(QStringLiteral("Settings\u2026"));
+    file->addAction(m_clearAction);
+    QAction* settings = file->addAction(QStringLiteral("&Settings\u2026"));
     settings->setObjectName(QStringLiteral("settingsAction"));
     settings->setShortcut(QKeySequence(QStringLiteral("Ctrl+,")));
     settings->setMenuRole(QAction::PreferencesRole);
     connect(settings, &QAction::triggered, this, &MainWindow::settingsRequested);
     file->addSeparator();
-    QAction* quit = file->addAction(QStringLiteral("Quit"));
+    QAction* quit = file->addAction(QStringLiteral("&Quit"));
+    quit->setObjectName(QStringLiteral("quitAction"));
     quit->setShortcut(QKeySequence::Quit);
     quit->setMenuRole(QAction::QuitRole);
     connect(quit, &QAction::triggered, this, &MainWindow::quitRequested);
 
     QMenu* help = menuBar()->addMenu(QStringLiteral("&Help"));
-    QAction* about = help->addAction(QStringLiteral("About Ostrand"));
+    QAction* about = help->addAction(QStringLiteral("&About Ostrand"));
     connect(about, &QAction::triggered, this, &MainWindow::aboutRequested);
-    m_checkAction = help->addAction(QStringLiteral("Check for Updates\u2026"));
+    m_checkAction = help->addAction(QStringLiteral("Check for &Updates\u2026"));
     m_checkAction->setEnabled(m_updater.canCheckForUpdates());
     connect(&m_updater, &AppUpdater::canCheckForUpdatesChanged, m_checkAction,
             [this] { m_checkAction->setEnabled(m_updater.canCheckForUpdates()); });
@@ -143,8 +146,9 @@ void MainWindow::showContent() {
 }
 
 bool MainWindow::addDroppedFiles(const QList<QUrl>& files) {
+    const QList<QUrl> brought = JobQueue::withFolderContents(files);
     QList<QUrl> kept;
-    std::copy_if(files.begin(), files.end(), std::back_inserter(kept), &JobQueue::isAcceptable);
+    std::copy_if(brought.begin(), brought.end(), std::back_inserter(kept), &JobQueue::isAcceptable);
     m_queue.add(kept);
     return !kept.isEmpty();
 }
@@ -155,20 +159,10 @@ void MainWindow::openFiles() {
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::ExistingFiles);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
-    QStringList filters = JobQueue::acceptedTypes();
-    dialog->setMimeTypeFilters(filters);
-    // Offer every accepted type at once first.
-    QStringList nameFilters = dialog->nameFilters();
-    QStringList patterns;
-    for (const QString& filter : std::as_const(nameFilters)) {
-        const qsizetype open = filter.lastIndexOf(u'(');
-        patterns << filter.mid(open + 1).chopped(1).split(u' ', Qt::SkipEmptyParts);
-    }
-    patterns.removeDuplicates();
-    nameFilters.prepend(QStringLiteral("Video and audio files (") + patterns.join(u' ') + u')');
-    dialog->setNameFilters(nameFilters);
-    connect(dialog, &QFileDialog::urlsSelected, this,
-            [this](const QList<QUrl>& urls) { m_queue.add(urls); });
+    dialog->setNameFilters(
+        {QStringLiteral("Video and audio files (") + JobQueue::acceptedPatterns().join(u' ') + u')',
+         QStringLiteral("All files (*)")});
+    whenChosen(dialog, this, [this](const QList<QUrl>& files) { m_queue.add(files); });
     dialog->open();
 }
 
@@ -181,14 +175,14 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         if (report->audioSidecarURL) {
             outputs << FilePaths::toUrl(*report->audioSidecarURL);
         }
-        connect(menu->addAction(QStringLiteral("Show in File Manager")), &QAction::triggered, this,
+        connect(menu->addAction(QStringLiteral("Show in File &Manager")), &QAction::triggered, this,
                 [this, outputs] { reveal(outputs); });
         const QUrl output = outputs.first();
-        connect(menu->addAction(QStringLiteral("Open")), &QAction::triggered, this,
+        connect(menu->addAction(QStringLiteral("&Open")), &QAction::triggered, this,
                 [output] { QDesktopServices::openUrl(output); });
         if (report->series) {
             QPointer<LevelingJob> shown(&job);
-            connect(menu->addAction(QStringLiteral("Show Loudness Graph")), &QAction::triggered,
+            connect(menu->addAction(QStringLiteral("Show Loudness &Graph")), &QAction::triggered,
                     this, [this, shown] {
                         if (shown) {
                             showLoudnessGraph(*shown);
@@ -197,10 +191,15 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         }
         menu->addSeparator();
     }
-    const QString title =
-        job.state().isActive() ? QStringLiteral("Cancel") : QStringLiteral("Remove");
-    QAction* remove = menu->addAction(title);
     QPointer<LevelingJob> target(&job);
+    const JobState::Kind kind = job.state().kind;
+    if (kind == JobState::Kind::failed || kind == JobState::Kind::cancelled) {
+        connect(menu->addAction(QStringLiteral("&Retry")), &QAction::triggered, this,
+                [this, target] { m_queue.retry(target); });
+    }
+    const QString title =
+        job.state().isActive() ? QStringLiteral("&Cancel") : QStringLiteral("Re&move");
+    QAction* remove = menu->addAction(title);
     connect(remove, &QAction::triggered, this, [this, target] {
         if (target) {
             m_queue.remove(target);

@@ -33,8 +33,9 @@ public:
                QWidget* parent = nullptr);
     ~MainWindow() override;
 
-    // Queues the audio and video files among `files`, in order. True when at
-    // least one was kept (the drop is accepted), false when none was.
+    // Queues the audio and video files among `files` and in the folders
+    // among them, in order. True when at least one was kept (the drop is
+    // accepted), false when none was.
     bool addDroppedFiles(const QList<QUrl>& files);
     // The non-blocking file chooser for several files of the accepted types.
     void openFiles();

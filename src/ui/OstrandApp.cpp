@@ -1,7 +1,6 @@
 #include "OstrandApp.h"
 
 #include "AppInfo.h"
-#include "DesktopNotifier.h"
 #include "MainWindow.h"
 #include "SettingsWindow.h"
 #include "SingleInstance.h"
@@ -15,6 +14,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <QPushButton>
 
 #include <algorithm>
 #include <filesystem>
@@ -72,23 +72,19 @@ OstrandApp::OstrandApp(JobQueue& queue, OstrandSettings& settings, QObject* pare
     if (auto* revealer = dynamic_cast<DBusFileRevealer*>(queue.revealer())) {
         revealer->setFallback([](const QUrl& folder) { QDesktopServices::openUrl(folder); });
     }
+    m_mainWindow->restoreGeometry(settings.mainWindowGeometry());
     m_mainWindow->installEventFilter(this);
     connect(m_mainWindow.get(), &MainWindow::settingsRequested, this, &OstrandApp::showSettings);
     connect(m_mainWindow.get(), &MainWindow::aboutRequested, this, &OstrandApp::showAbout);
-    connect(m_mainWindow.get(), &MainWindow::quitRequested, this, &OstrandApp::quitRequested);
+    connect(m_mainWindow.get(), &MainWindow::quitRequested, this, &OstrandApp::quit);
 
     // Work arriving brings the main window back.
-    connect(&queue, &JobQueue::jobsAdded, this, [this](int first, int last) {
-        for (int row = first; row <= last; ++row) {
-            connect(m_queue.jobs().at(row), &LevelingJob::stateChanged, this,
-                    &OstrandApp::queueProgressed);
-        }
-        showMainWindow();
-    });
-    connect(&queue, &JobQueue::jobRemoved, this, &OstrandApp::queueProgressed);
+    connect(&queue, &JobQueue::jobsAdded, this, &OstrandApp::showMainWindow);
 }
 
 OstrandApp::~OstrandApp() {
+    // Quitting leaves the window open: its last place is taken here.
+    m_settings.setMainWindowGeometry(m_mainWindow->saveGeometry());
     m_queue.setPanels(nullptr);
     delete m_settingsWindow;
 }
@@ -106,7 +102,6 @@ void OstrandApp::openFiles(const QStringList& arguments) {
 }
 
 void OstrandApp::showMainWindow() {
-    m_quitWhenIdle = false;
     m_mainWindow->show();
     m_mainWindow->raise();
     m_mainWindow->activateWindow();
@@ -118,23 +113,74 @@ void OstrandApp::showSettings() {
         m_settingsWindow->setAttribute(Qt::WA_DeleteOnClose);
         m_settingsWindow->installEventFilter(this);
     }
-    m_quitWhenIdle = false;
     m_settingsWindow->show();
     m_settingsWindow->raise();
     m_settingsWindow->activateWindow();
 }
 
-bool OstrandApp::shouldQuitAfterLastWindowClosed() const {
+qsizetype OstrandApp::unfinishedJobs() const {
     const QList<LevelingJob*>& jobs = m_queue.jobs();
-    return std::none_of(jobs.begin(), jobs.end(),
-                        [](const LevelingJob* job) { return job->state().isActive(); });
+    return std::count_if(jobs.begin(), jobs.end(),
+                         [](const LevelingJob* job) { return job->state().isActive(); });
+}
+
+void OstrandApp::quit() {
+    if (unfinishedJobs() == 0) {
+        emit quitRequested();
+    } else {
+        askToQuit();
+    }
+}
+
+void OstrandApp::askToQuit() {
+    showMainWindow();
+    if (m_quitQuestion) {
+        return;
+    }
+    const qsizetype count = unfinishedJobs();
+    const QString jobs =
+        count == 1 ? QStringLiteral("1 Job") : QStringLiteral("%1 Jobs").arg(count);
+    auto* box = new QMessageBox(QMessageBox::Question, QStringLiteral("Quit Ostrand"),
+                                count == 1 ? QStringLiteral("A file is still being leveled.")
+                                           : QStringLiteral("%1 files are still waiting or "
+                                                            "being leveled.")
+                                                 .arg(count),
+                                QMessageBox::NoButton, m_mainWindow.get());
+    box->setObjectName(QStringLiteral("quitQuestion"));
+    box->setInformativeText(QStringLiteral("Quitting cancels them: the file in progress is not "
+                                           "saved and waiting files are not leveled."));
+    QPushButton* quit =
+        box->addButton(QStringLiteral("&Quit and Cancel ") + jobs, QMessageBox::DestructiveRole);
+    QPushButton* keep = box->addButton(QStringLiteral("&Keep Working"), QMessageBox::RejectRole);
+    box->setDefaultButton(keep);
+    box->setEscapeButton(keep);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    connect(box, &QMessageBox::buttonClicked, this, [this, quit](QAbstractButton* clicked) {
+        if (clicked == quit) {
+            m_quitting = true;
+            emit quitRequested();
+        }
+    });
+    m_quitQuestion = box;
+    box->open();
 }
 
 bool OstrandApp::eventFilter(QObject* watched, QEvent* event) {
-    if (event->type() == QEvent::Close && event->isAccepted()) {
-        // Decided once the window is gone, so that it no longer counts.
-        QMetaObject::invokeMethod(this, &OstrandApp::windowClosed, Qt::QueuedConnection);
+    if (event->type() != QEvent::Close) {
+        return QObject::eventFilter(watched, event);
     }
+    // The main window holds the jobs: closing it with work left is quitting.
+    // Qt's own quit closes every window too, after the user agreed.
+    if (watched == m_mainWindow.get() && !m_quitting && unfinishedJobs() > 0) {
+        event->ignore();
+        askToQuit();
+        return true;
+    }
+    if (watched == m_mainWindow.get()) {
+        m_settings.setMainWindowGeometry(m_mainWindow->saveGeometry());
+    }
+    // Decided once the window is gone, so that it no longer counts.
+    QMetaObject::invokeMethod(this, &OstrandApp::windowClosed, Qt::QueuedConnection);
     return QObject::eventFilter(watched, event);
 }
 
@@ -143,48 +189,12 @@ void OstrandApp::windowClosed() {
     if (m_mainWindow->isVisible() || settingsOpen) {
         return;
     }
-    if (shouldQuitAfterLastWindowClosed()) {
-        emit quitRequested();
+    if (unfinishedJobs() > 0) {
+        // Never a program without a window while work remains.
+        showMainWindow();
         return;
     }
-    m_quitWhenIdle = true;
-    m_workAtClose.clear();
-    for (LevelingJob* job : m_queue.jobs()) {
-        if (job->state().isActive()) {
-            m_workAtClose << job;
-        }
-    }
-}
-
-void OstrandApp::queueProgressed() {
-    if (!m_quitWhenIdle || !shouldQuitAfterLastWindowClosed()) {
-        return;
-    }
-    DesktopNotifier::notify(QStringLiteral("Ostrand finished"), departureSummary());
     emit quitRequested();
-}
-
-QString OstrandApp::departureSummary() const {
-    QStringList leveled;
-    int failed = 0;
-    for (const QPointer<LevelingJob>& job : m_workAtClose) {
-        if (!job) {
-            continue;
-        }
-        if (job->state().kind == JobState::Kind::finished && job->report()) {
-            leveled << QFile::decodeName(
-                QByteArray::fromStdString(job->report()->outputURL.filename().string()));
-        } else if (job->state().kind == JobState::Kind::failed) {
-            ++failed;
-        }
-    }
-    QString summary = leveled.isEmpty() ? QStringLiteral("No file was leveled.")
-                                        : QStringLiteral("Leveled: ") + leveled.join(u", ") + u'.';
-    if (failed > 0) {
-        summary += failed == 1 ? QStringLiteral(" 1 file failed.")
-                               : QStringLiteral(" %1 files failed.").arg(failed);
-    }
-    return summary;
 }
 
 void OstrandApp::showAbout() {

@@ -3,6 +3,7 @@
 #include "AppUpdater.h"
 #include "FileDialogPanels.h"
 
+#include <QMessageBox>
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
@@ -13,17 +14,16 @@
 namespace ostrand {
 
 class JobQueue;
-class LevelingJob;
 class MainWindow;
 class OstrandSettings;
 class SettingsWindow;
 
 // The application shell: the one queue, settings and updater, the main and
 // settings windows, files handed to the application, and the quit rule.
-// Closing the last window quits at once unless a job is waiting or running;
-// then the queue finishes its work, a desktop notification says what was
-// leveled, and the application quits. Files that arrive meanwhile bring the
-// main window back and call the quit off. Main thread only.
+// Closing the last window quits. Quitting, or closing the main window, while
+// a job is waiting or running asks first: quit and cancel the jobs, or keep
+// working with the window open. Never is the program left running without a
+// window. The main window's place and size outlive the run. Main thread only.
 class OstrandApp : public QObject {
     Q_OBJECT
 
@@ -37,12 +37,11 @@ public:
     void showMainWindow();
     void showSettings();
 
-    // The quit rule: true when no job is waiting or running.
-    bool shouldQuitAfterLastWindowClosed() const;
-    bool isQuitPending() const { return m_quitWhenIdle; }
-    // The notification's text once the work left at closing is done: the
-    // files leveled since then, and how many failed.
-    QString departureSummary() const;
+    // Quits at once when no job is waiting or running; otherwise asks
+    // without blocking, and quits when the user agrees.
+    void quit();
+    // The question quit() or closing the main window asked, while it is open.
+    QMessageBox* quitQuestion() const { return m_quitQuestion; }
 
     MainWindow& mainWindow() const { return *m_mainWindow; }
     SettingsWindow* settingsWindow() const;
@@ -56,8 +55,9 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
+    qsizetype unfinishedJobs() const;
+    void askToQuit();
     void windowClosed();
-    void queueProgressed();
     void showAbout();
 
     JobQueue& m_queue;
@@ -66,8 +66,8 @@ private:
     FileDialogPanels m_panels;
     std::unique_ptr<MainWindow> m_mainWindow;
     QPointer<SettingsWindow> m_settingsWindow;
-    bool m_quitWhenIdle = false;
-    QList<QPointer<LevelingJob>> m_workAtClose;
+    QPointer<QMessageBox> m_quitQuestion;
+    bool m_quitting = false;
 };
 
 // Runs the desktop application in `app`: one instance per user, the files on

@@ -3,9 +3,13 @@
 #include "AppInfo.h"
 #include "AppUpdater.h"
 #include "ElidedLabel.h"
+#include "FileDialogPanels.h"
 #include "Look.h"
+#include "WindowKeys.h"
 #include "app/OstrandSettings.h"
 
+#include <QAccessibleValueInterface>
+#include <QAccessibleWidget>
 #include <QApplication>
 #include <QButtonGroup>
 #include <QCheckBox>
@@ -48,10 +52,57 @@ QLabel* caption(const QString& text, QWidget* parent) {
     return label;
 }
 
-QSlider* slider(double minimum, double maximum, const QString& name, QWidget* parent) {
-    auto* control = new QSlider(Qt::Horizontal, parent);
+// A slider that tells assistive technology its value in its unit
+// ("-16.0 LUFS"), not its position in half steps.
+class UnitSlider : public QSlider {
+public:
+    UnitSlider(QString unit, QWidget* parent)
+        : QSlider(Qt::Horizontal, parent)
+        , m_unit(std::move(unit)) {}
+
+    QString valueText() const { return QString::asprintf("%.1f ", sliderValue(value())) + m_unit; }
+
+private:
+    QString m_unit;
+};
+
+class AccessibleUnitSlider : public QAccessibleWidget, public QAccessibleValueInterface {
+public:
+    explicit AccessibleUnitSlider(UnitSlider* slider)
+        : QAccessibleWidget(slider, QAccessible::Slider) {}
+
+    void* interface_cast(QAccessible::InterfaceType type) override {
+        if (type == QAccessible::ValueInterface) {
+            return static_cast<QAccessibleValueInterface*>(this);
+        }
+        return QAccessibleWidget::interface_cast(type);
+    }
+    QString text(QAccessible::Text kind) const override {
+        return kind == QAccessible::Value ? slider()->valueText() : QAccessibleWidget::text(kind);
+    }
+    QVariant currentValue() const override { return sliderValue(slider()->value()); }
+    void setCurrentValue(const QVariant& value) override {
+        slider()->setValue(sliderPosition(value.toDouble()));
+    }
+    QVariant maximumValue() const override { return sliderValue(slider()->maximum()); }
+    QVariant minimumValue() const override { return sliderValue(slider()->minimum()); }
+    QVariant minimumStepSize() const override { return sliderValue(slider()->singleStep()); }
+
+private:
+    UnitSlider* slider() const { return static_cast<UnitSlider*>(widget()); }
+};
+
+QAccessibleInterface* unitSliderAccessible(const QString&, QObject* object) {
+    auto* slider = dynamic_cast<UnitSlider*>(object);
+    return slider ? new AccessibleUnitSlider(slider) : nullptr;
+}
+
+UnitSlider* slider(double minimum, double maximum, const QString& name, const QString& unit,
+                   QWidget* parent) {
+    static const bool installed = (QAccessible::installFactory(unitSliderAccessible), true);
+    Q_UNUSED(installed);
+    auto* control = new UnitSlider(unit, parent);
     control->setObjectName(name);
-    control->setAccessibleName(name);
     control->setRange(sliderPosition(minimum), sliderPosition(maximum));
     control->setSingleStep(1);
     control->setPageStep(2);
@@ -72,6 +123,7 @@ QLabel* valueBox(QWidget* parent) {
 
 QWidget* beside(QWidget* parent, QWidget* left, QWidget* right) {
     auto* row = new QWidget(parent);
+    row->setFocusProxy(left); // a label's mnemonic lands on the control
     auto* layout = new QHBoxLayout(row);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(left, 1);
@@ -93,6 +145,7 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
     , m_updater(updater) {
     setObjectName(QStringLiteral("settings"));
     setWindowTitle(QStringLiteral("Ostrand Settings"));
+    closeWithKeys(this);
     // The form scrolls when the screen is too small for it (a high scale
     // factor on a small screen).
     m_content = new QWidget;
@@ -134,19 +187,22 @@ QWidget* SettingsWindow::loudnessSection() {
     QGroupBox* box = section(QStringLiteral("Loudness"), this);
     auto* form = new QFormLayout(box);
 
-    m_target = slider(minTarget, maxTarget, QStringLiteral("Target"), box);
+    m_target = slider(minTarget, maxTarget, QStringLiteral("Target"), QStringLiteral("LUFS"), box);
+    m_target->setAccessibleName(QStringLiteral("Target loudness"));
     m_targetValue = valueBox(box);
     m_targetValue->setObjectName(QStringLiteral("targetValue"));
     connect(m_target, &QSlider::valueChanged, this,
             [this](int position) { m_settings.setTargetLoudness(sliderValue(position)); });
-    form->addRow(QStringLiteral("Target"), beside(box, m_target, m_targetValue));
+    form->addRow(QStringLiteral("&Target"), beside(box, m_target, m_targetValue));
 
-    m_ceiling = slider(minCeiling, maxCeiling, QStringLiteral("True-peak ceiling"), box);
+    m_ceiling = slider(minCeiling, maxCeiling, QStringLiteral("True-peak ceiling"),
+                       QStringLiteral("dBTP"), box);
+    m_ceiling->setAccessibleName(QStringLiteral("True-peak ceiling"));
     m_ceilingValue = valueBox(box);
     m_ceilingValue->setObjectName(QStringLiteral("ceilingValue"));
     connect(m_ceiling, &QSlider::valueChanged, this,
             [this](int position) { m_settings.setTruePeakCeiling(sliderValue(position)); });
-    form->addRow(QStringLiteral("True-peak ceiling"), beside(box, m_ceiling, m_ceilingValue));
+    form->addRow(QStringLiteral("True-peak &ceiling"), beside(box, m_ceiling, m_ceilingValue));
 
     auto* presets = new QWidget(box);
     auto* presetRow = new QHBoxLayout(presets);
@@ -166,7 +222,7 @@ QWidget* SettingsWindow::loudnessSection() {
     presetRow->insertSpacing(1, 8);
     form->addRow(presets);
 
-    m_noiseAware = new QCheckBox(QStringLiteral("Keep room noise down in pauses"), box);
+    m_noiseAware = new QCheckBox(QStringLiteral("Keep room &noise down in pauses"), box);
     m_noiseAware->setObjectName(QStringLiteral("noiseAwarePauses"));
     m_noiseAware->setToolTip(QStringLiteral("On by default: room noise, hum or a music bed between "
                                             "phrases is not lifted like speech. Off runs the "
@@ -192,8 +248,8 @@ QWidget* SettingsWindow::audioSection() {
     segmentRow->setSpacing(0);
     m_channels = new QButtonGroup(box);
     for (OutputChannels channels : allOutputChannels) {
-        const QString title = channels == OutputChannels::mono ? QStringLiteral("Mono")
-                                                               : QStringLiteral("Keep as is");
+        const QString title = channels == OutputChannels::mono ? QStringLiteral("&Mono")
+                                                               : QStringLiteral("Keep as &is");
         auto* segment = new QPushButton(title, segments);
         segment->setObjectName(rawValue(channels));
         segment->setCheckable(true);
@@ -209,7 +265,7 @@ QWidget* SettingsWindow::audioSection() {
     form->addRow(m_channelsCaption);
 
     m_wav =
-        new QCheckBox(QStringLiteral("Also save a WAV of the leveled audio for video files"), box);
+        new QCheckBox(QStringLiteral("Also save a &WAV of the leveled audio for video files"), box);
     m_wav->setObjectName(QStringLiteral("exportWAVWithVideo"));
     connect(m_wav, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setExportWAVWithVideo(on); });
@@ -232,9 +288,9 @@ QWidget* SettingsWindow::saveLocationSection() {
     m_saveMode = new QButtonGroup(box);
     for (SaveMode mode : allSaveModes) {
         const QString title =
-            mode == SaveMode::nextToOriginal ? QStringLiteral("Next to the original")
-            : mode == SaveMode::askEveryTime ? QStringLiteral("Ask every time")
-                                             : QStringLiteral("Always use a folder");
+            mode == SaveMode::nextToOriginal ? QStringLiteral("Ne&xt to the original")
+            : mode == SaveMode::askEveryTime ? QStringLiteral("&Ask every time")
+                                             : QStringLiteral("Always use a &folder");
         auto* radio = new QRadioButton(title, radios);
         radio->setObjectName(rawValue(mode));
         m_saveMode->addButton(radio, static_cast<int>(mode));
@@ -246,13 +302,13 @@ QWidget* SettingsWindow::saveLocationSection() {
 
     m_folderPath = new ElidedLabel(box);
     m_folderPath->setObjectName(QStringLiteral("folderPath"));
-    auto* choose = new QPushButton(QStringLiteral("Choose\u2026"), box);
+    auto* choose = new QPushButton(QStringLiteral("C&hoose\u2026"), box);
     choose->setObjectName(QStringLiteral("chooseFolder"));
     connect(choose, &QPushButton::clicked, this, &SettingsWindow::chooseFolder);
     m_folderRow = beside(box, m_folderPath, choose);
     m_saveForm->addRow(QStringLiteral("Folder"), m_folderRow);
 
-    m_reveal = new QCheckBox(QStringLiteral("Show in File Manager when finished"), box);
+    m_reveal = new QCheckBox(QStringLiteral("&Show in File Manager when finished"), box);
     m_reveal->setObjectName(QStringLiteral("revealWhenDone"));
     connect(m_reveal, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setRevealWhenDone(on); });
@@ -263,7 +319,7 @@ QWidget* SettingsWindow::saveLocationSection() {
 QWidget* SettingsWindow::updatesSection() {
     QGroupBox* box = section(QStringLiteral("Updates"), this);
     auto* form = new QFormLayout(box);
-    m_autoCheck = new QCheckBox(QStringLiteral("Automatically check for updates"), box);
+    m_autoCheck = new QCheckBox(QStringLiteral("A&utomatically check for updates"), box);
     m_autoCheck->setObjectName(QStringLiteral("automaticallyChecksForUpdates"));
     connect(m_autoCheck, &QCheckBox::toggled, this,
             [this](bool on) { m_updater.setAutomaticallyChecksForUpdates(on); });
@@ -277,7 +333,7 @@ QWidget* SettingsWindow::updatesSection() {
                                    QStringLiteral(" (") + AppInfo::buildNumber() + u')',
                                box);
     version->setObjectName(QStringLiteral("version"));
-    m_checkNow = new QPushButton(QStringLiteral("Check for Updates\u2026"), box);
+    m_checkNow = new QPushButton(QStringLiteral("Check for U&pdates\u2026"), box);
     m_checkNow->setObjectName(QStringLiteral("checkForUpdates"));
     connect(m_checkNow, &QPushButton::clicked, this, [this] {
         QApplication::setActiveWindow(window());
@@ -316,8 +372,8 @@ void SettingsWindow::chooseFolder() {
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
-    connect(dialog, &QFileDialog::urlSelected, this,
-            [this](const QUrl& folder) { m_settings.setFixedFolder(folder); });
+    whenChosen(dialog, this,
+               [this](const QList<QUrl>& folders) { m_settings.setFixedFolder(folders.first()); });
     dialog->open();
 }
 
@@ -331,9 +387,9 @@ void SettingsWindow::refresh() {
     }
 
     m_target->setValue(sliderPosition(m_settings.targetLoudness()));
-    m_targetValue->setText(QString::asprintf("%.1f LUFS", m_settings.targetLoudness()));
+    m_targetValue->setText(static_cast<UnitSlider*>(m_target)->valueText());
     m_ceiling->setValue(sliderPosition(m_settings.truePeakCeiling()));
-    m_ceilingValue->setText(QString::asprintf("%.1f dBTP", m_settings.truePeakCeiling()));
+    m_ceilingValue->setText(static_cast<UnitSlider*>(m_ceiling)->valueText());
     m_noiseAware->setChecked(m_settings.noiseAwarePauses());
 
     const OutputChannels channels = m_settings.outputChannels();

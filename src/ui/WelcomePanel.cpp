@@ -36,7 +36,7 @@ WelcomePanel::WelcomePanel(QWidget* parent)
     text->setWordWrap(true);
     Look::style(text, Look::Text::body, Look::Tone::secondary);
 
-    auto* choose = new QPushButton(QStringLiteral("Choose Files\u2026"), this);
+    auto* choose = new QPushButton(QStringLiteral("&Choose Files\u2026"), this);
     choose->setObjectName(QStringLiteral("chooseFiles"));
     choose->setFont(Look::font(Look::Text::title3));
     choose->setMinimumHeight(choose->sizeHint().height() + 6);

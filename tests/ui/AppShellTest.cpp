@@ -4,7 +4,10 @@
 #include "ui/SettingsWindow.h"
 #include "ui/SingleInstance.h"
 
+#include <QAction>
+#include <QMessageBox>
 #include <QProcess>
+#include <QPushButton>
 #include <QScopeGuard>
 #include <QtTest>
 
@@ -33,39 +36,61 @@ private slots:
         m_fixture.reset();
     }
 
-    void closingTheLastWindow_data() {
+    // Closing the main window or File > Quit; with work left, the answer given.
+    void closingOrQuitting_data() {
         QTest::addColumn<QList<JobState>>("states");
-        QTest::addColumn<bool>("quitsAtOnce");
-        QTest::newRow("empty queue") << QList<JobState>{} << true;
-        QTest::newRow("only ended jobs")
+        QTest::addColumn<bool>("byMenu");
+        QTest::addColumn<QString>("answer"); // empty: nothing is asked
+        QTest::addColumn<bool>("quits");
+        QTest::newRow("empty queue, closed") << QList<JobState>{} << false << QString() << true;
+        QTest::newRow("only ended jobs, Quit")
             << QList<JobState>{JobState::finished(), JobState::failed(QStringLiteral("x")),
                                JobState::cancelled()}
-            << true;
-        QTest::newRow("one waiting job")
-            << QList<JobState>{JobState::finished(), JobState::waiting()} << false;
-        QTest::newRow("one running job") << QList<JobState>{JobState::running()} << false;
+            << true << QString() << true;
+        QTest::newRow("one waiting job, closed, kept")
+            << QList<JobState>{JobState::finished(), JobState::waiting()} << false
+            << "&Keep Working" << false;
+        QTest::newRow("one running job, Quit, kept")
+            << QList<JobState>{JobState::running()} << true << "&Keep Working" << false;
+        QTest::newRow("one running job, Quit, quit")
+            << QList<JobState>{JobState::running()} << true << "&Quit and Cancel 1 Job" << true;
+        QTest::newRow("two jobs, closed, quit")
+            << QList<JobState>{JobState::running(), JobState::waiting()} << false
+            << "&Quit and Cancel 2 Jobs" << true;
     }
-    void closingTheLastWindow() {
+    void closingOrQuitting() {
         QFETCH(QList<JobState>, states);
-        QFETCH(bool, quitsAtOnce);
+        QFETCH(bool, byMenu);
+        QFETCH(QString, answer);
+        QFETCH(bool, quits);
         addJobs(states);
+        MainWindow& window = m_app->mainWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&window));
         QSignalSpy quit(m_app.get(), &OstrandApp::quitRequested);
-        m_app->mainWindow().close();
-        QTRY_COMPARE(quit.count() + (m_app->isQuitPending() ? 1 : 0), 1);
-        QCOMPARE(quit.count(), quitsAtOnce ? 1 : 0);
-        if (quitsAtOnce) {
-            return;
+        if (byMenu) {
+            window.findChild<QAction*>(QStringLiteral("quitAction"))->trigger();
+        } else {
+            window.close();
         }
-        // The queue finishes its work without a window, then the program ends
-        // and says what it did meanwhile.
-        for (LevelingJob* job : m_fixture->queue.jobs()) {
-            if (job->state().isActive()) {
-                job->setReport(sampleReport(QStringLiteral("x leveled.wav")));
-                job->setState(JobState::finished());
-            }
+        QMessageBox* question = m_app->quitQuestion();
+        QCOMPARE(question != nullptr, !answer.isEmpty());
+        if (question) {
+            QVERIFY(window.isVisible());
+            const auto buttons = question->buttons();
+            const auto chosen = std::find_if(buttons.begin(), buttons.end(), [&](auto* button) {
+                return button->text() == answer;
+            });
+            QVERIFY(chosen != buttons.end());
+            QCOMPARE(buttons.size(), 2);
+            (*chosen)->click();
         }
-        QCOMPARE(quit.count(), 1);
-        QCOMPARE(m_app->departureSummary(), QStringLiteral("Leveled: x leveled.wav."));
+        QTRY_COMPARE(quit.count(), quits ? 1 : 0);
+        QTest::qWait(20);
+        QCOMPARE(quit.count(), quits ? 1 : 0);
+        QCOMPARE(m_fixture->queue.jobs().size(), states.size());
+        if (!quits) {
+            QVERIFY(window.isVisible());
+        }
     }
 
     void anOpenSettingsWindowKeepsTheProgram() {
@@ -79,24 +104,21 @@ private slots:
     }
 
     void workArrivingBringsTheWindowBack() {
-        addJobs({JobState::waiting()});
         QSignalSpy quit(m_app.get(), &OstrandApp::quitRequested);
+        m_app->showSettings();
         m_app->mainWindow().close();
-        QTRY_VERIFY(m_app->isQuitPending());
+        QVERIFY(!m_app->mainWindow().isVisible());
 
         m_app->openFiles({QStringLiteral("notes.txt")});
         QVERIFY(!m_app->mainWindow().isVisible());
 
         m_app->openFiles({QStringLiteral("a.wav"), QueueFixture::file("b.mp4").toString()});
         QVERIFY(m_app->mainWindow().isVisible());
-        QVERIFY(!m_app->isQuitPending());
         const auto& jobs = m_fixture->queue.jobs();
-        QCOMPARE(jobs.size(), 3);
-        QCOMPARE(jobs.at(1)->sourceURL(), QUrl::fromLocalFile(QDir::current().filePath("a.wav")));
-        QCOMPARE(jobs.at(2)->sourceURL(), QueueFixture::file("b.mp4"));
-        for (LevelingJob* job : jobs) {
-            job->setState(JobState::finished());
-        }
+        QCOMPARE(jobs.size(), 2);
+        QCOMPARE(jobs.at(0)->sourceURL(), QUrl::fromLocalFile(QDir::current().filePath("a.wav")));
+        QCOMPARE(jobs.at(1)->sourceURL(), QueueFixture::file("b.mp4"));
+        QTest::qWait(20);
         QCOMPARE(quit.count(), 0);
     }
 

@@ -11,10 +11,12 @@
 
 #include <QAction>
 #include <QClipboard>
+#include <QDialogButtonBox>
 #include <QDragEnterEvent>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QLabel>
+#include <QLineEdit>
 #include <QListView>
 #include <QMenu>
 #include <QMessageBox>
@@ -36,7 +38,7 @@ namespace {
 QStringList menuTitles(QMenu& menu) {
     QStringList titles;
     for (QAction* action : menu.actions()) {
-        titles << (action->isSeparator() ? QStringLiteral("--") : action->text());
+        titles << (action->isSeparator() ? QStringLiteral("--") : action->text().remove(u'&'));
     }
     return titles;
 }
@@ -102,6 +104,10 @@ class MainWindowTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void initTestCase() {
+        // Qt's own dialog, as desktops without a portal show it.
+        QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+    }
     void init() {
         m_fixture = std::make_unique<QueueFixture>();
         m_window = std::make_unique<MainWindow>(m_fixture->queue, m_updater, &m_fixture->revealer);
@@ -114,20 +120,34 @@ private slots:
 
     void dropQueuesOnlyAudioAndVideo_data() {
         QTest::addColumn<QStringList>("dropped");
+        QTest::addColumn<QStringList>("inside"); // files in the dropped folders
         QTest::addColumn<bool>("accepted");
         QTest::addColumn<QStringList>("queued");
         QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
-                                              << true << QStringList{"talk.wav"};
+                                              << QStringList{} << true << QStringList{"talk.wav"};
         QTest::newRow("only unsupported")
-            << QStringList{"folder.wav", "notes.txt"} << false << QStringList{};
-        QTest::newRow("no extension") << QStringList{"recording"} << false << QStringList{};
-        QTest::newRow("video and audio in order")
-            << QStringList{"b.mov", "a.mp3"} << true << QStringList{"b.mov", "a.mp3"};
+            << QStringList{"folder.wav", "notes.txt"} << QStringList{} << false << QStringList{};
+        QTest::newRow("no extension")
+            << QStringList{"recording"} << QStringList{} << false << QStringList{};
+        QTest::newRow("video and audio in order") << QStringList{"b.mov", "a.mp3"} << QStringList{}
+                                                  << true << QStringList{"b.mov", "a.mp3"};
+        QTest::newRow("folder and its subfolders, not hidden or leveled")
+            << QStringList{"folder show", "c.wav"}
+            << QStringList{"folder show/sub/a.mkv", "folder show/b.flac",
+                           "folder show/.cache/x.wav", "folder show/notes.txt",
+                           "folder show/b leveled.flac"}
+            << true << QStringList{"b.flac", "a.mkv", "c.wav"};
     }
     void dropQueuesOnlyAudioAndVideo() {
         QFETCH(QStringList, dropped);
+        QFETCH(QStringList, inside);
         QFETCH(bool, accepted);
         QFETCH(QStringList, queued);
+        for (const QString& name : inside) {
+            const auto path = m_dir / name.toStdString();
+            std::filesystem::create_directories(path.parent_path());
+            std::ofstream(path) << "x";
+        }
         QList<QUrl> urls;
         for (const QString& name : dropped) {
             const auto path = m_dir / name.toStdString();
@@ -158,6 +178,64 @@ private slots:
         }
         QCOMPARE(names, queued);
         QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+    }
+
+    void openPanelQueuesWhatItConfirms_data() {
+        QTest::addColumn<bool>("fromWelcome"); // else Ctrl+O
+        QTest::addColumn<bool>("allFiles");
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("queued");
+        QTest::newRow("two files, Ctrl+O")
+            << false << false << R"("b.mkv" "a.flac")" << QStringList{"b.mkv", "a.flac"};
+        QTest::newRow("one file, Choose Files")
+            << true << false << "c.webm" << QStringList{"c.webm"};
+        QTest::newRow("all files, text left out")
+            << false << true << R"("notes.txt" "d.ogg")" << QStringList{"d.ogg"};
+        QTest::newRow("dismissed") << true << false << QString() << QStringList{};
+    }
+    void openPanelQueuesWhatItConfirms() {
+        QFETCH(bool, fromWelcome);
+        QFETCH(bool, allFiles);
+        QFETCH(QString, typed);
+        QFETCH(QStringList, queued);
+        for (const char* name : {"a.flac", "b.mkv", "c.webm", "d.ogg", "notes.txt"}) {
+            std::ofstream(m_dir / name) << "x";
+        }
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        if (fromWelcome) {
+            m_window->welcomePanel()
+                ->findChild<QPushButton*>(QStringLiteral("chooseFiles"))
+                ->click();
+        } else {
+            QTest::keySequence(m_window.get(), QKeySequence::Open);
+        }
+        auto* panel = m_window->findChild<QFileDialog*>(QStringLiteral("openPanel"));
+        QVERIFY(panel);
+        QVERIFY(QTest::qWaitForWindowExposed(panel));
+        const QStringList filters = panel->nameFilters();
+        QCOMPARE(filters.size(), 2);
+        for (const char* pattern : {"*.mkv", "*.webm", "*.flac", "*.ogg", "*.mp3", "*.mov"}) {
+            QVERIFY2(filters.first().contains(QLatin1String(pattern)), pattern);
+        }
+        QCOMPARE(filters.last(), QStringLiteral("All files (*)"));
+        if (allFiles) {
+            panel->selectNameFilter(filters.last());
+        }
+        panel->setDirectory(QString::fromStdString(m_dir.path()));
+        if (typed.isEmpty()) {
+            QTest::keyClick(panel, Qt::Key_Escape);
+        } else {
+            auto* name = panel->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+            name->setText(typed);
+            auto* buttons = panel->findChild<QDialogButtonBox*>(QStringLiteral("buttonBox"));
+            QTest::mouseClick(buttons->button(QDialogButtonBox::Open), Qt::LeftButton);
+        }
+        QTRY_VERIFY(!panel->isVisible());
+        QStringList names;
+        for (const LevelingJob* job : m_fixture->queue.jobs()) {
+            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
+        }
+        QCOMPARE(names, queued);
     }
 
     void dragLeavingRemovesTheHighlight() {
@@ -278,6 +356,15 @@ private slots:
                  QStringLiteral("Warning"));
         QCOMPARE(jobRow->accessibleDescription().contains(QStringLiteral("Warning: ")),
                  !warning.isEmpty());
+        // The list's accessible item carries what the row's widgets show.
+        const QString description = m_window->jobList()
+                                        ->view()
+                                        ->model()
+                                        ->index(row, 0)
+                                        .data(Qt::AccessibleDescriptionRole)
+                                        .toString();
+        QVERIFY(description.startsWith(job.statusText()));
+        QCOMPARE(description.contains(QStringLiteral("gain -3.2 to +6.5 dB")), !detail.isEmpty());
 
         const JobState::Kind kind = job.state().kind;
         const QUrl source = job.sourceURL();
@@ -346,15 +433,15 @@ private slots:
         QTest::addColumn<int>("row");
         QTest::addColumn<QStringList>("items");
         const QStringList cancel{"Cancel"};
-        const QStringList remove{"Remove"};
         const QStringList finished{"Show in File Manager", "Open", "Show Loudness Graph", "--",
                                    "Remove"};
+        const QStringList retry{"Retry", "Remove"};
         QTest::newRow("running") << 0 << cancel;
         QTest::newRow("waiting") << 1 << cancel;
         QTest::newRow("finished") << 2 << finished;
         QTest::newRow("finished with sidecar") << 3 << finished;
-        QTest::newRow("failed") << 4 << remove;
-        QTest::newRow("cancelled") << 5 << remove;
+        QTest::newRow("failed") << 4 << retry;
+        QTest::newRow("cancelled") << 5 << retry;
     }
     void contextMenuByState() {
         QFETCH(int, row);
@@ -364,8 +451,18 @@ private slots:
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
         QCOMPARE(menuTitles(*menu), items);
 
-        menu->actions().constLast()->trigger();
-        QVERIFY(!m_fixture->queue.jobs().contains(job));
+        // Retry queues the same file again, at the end; the others take the job out.
+        const bool retry = items.first() == QStringLiteral("Retry");
+        const QUrl source = job->sourceURL();
+        const auto count = m_fixture->queue.jobs().size();
+        (retry ? menu->actions().constFirst() : menu->actions().constLast())->trigger();
+        const auto& jobs = m_fixture->queue.jobs();
+        QVERIFY(!jobs.contains(job));
+        QCOMPARE(jobs.size(), retry ? count : count - 1);
+        if (retry) {
+            QCOMPARE(jobs.constLast()->sourceURL(), source);
+            QVERIFY(jobs.constLast()->state().isActive());
+        }
     }
 
     void showInFileManagerSelectsOutputAndSidecar() {

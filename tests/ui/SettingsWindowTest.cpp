@@ -4,8 +4,12 @@
 #include "ui/ElidedLabel.h"
 
 #include <QAbstractButton>
+#include <QAccessible>
 #include <QCheckBox>
+#include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSlider>
@@ -70,6 +74,10 @@ private slots:
         auto* value = m_window->findChild<QLabel*>(isTarget ? QStringLiteral("targetValue")
                                                             : QStringLiteral("ceilingValue"));
         QCOMPARE(value->text(), shown);
+        // A screen reader hears the value, not the slider's half-step position.
+        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(control);
+        QCOMPARE(accessible->text(QAccessible::Value), shown);
+        QCOMPARE(accessible->valueInterface()->currentValue().toDouble(), stored);
     }
 
     void controlsFollowChangesMadeElsewhere() {
@@ -153,7 +161,20 @@ private slots:
         QCOMPARE(path->fullText(), QStringLiteral("Not chosen"));
         const QColor notChosen = path->palette().color(QPalette::WindowText);
 
-        m_settings->settings.setFixedFolder(FilePaths::toUrl(m_dir.path()));
+        // Qt's own chooser, as desktops without a portal show it.
+        QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+        std::filesystem::create_directory(m_dir / "out");
+        choose->click();
+        auto* panel = m_window->findChild<QFileDialog*>(QStringLiteral("folderPanel"));
+        QVERIFY(QTest::qWaitForWindowExposed(panel));
+        panel->setDirectory(QString::fromStdString(m_dir.path()));
+        panel->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"))
+            ->setText(QStringLiteral("out"));
+        QTest::mouseClick(panel->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open),
+                          Qt::LeftButton);
+        const auto bookmark = m_settings->settings.fixedFolderBookmark();
+        QVERIFY(bookmark);
+        QCOMPARE(m_settings->settings.resolve(*bookmark, false), FilePaths::toUrl(m_dir / "out"));
         QCOMPARE(path->fullText(), *m_settings->settings.fixedFolderDisplayPath());
         QVERIFY(path->palette().color(QPalette::WindowText) != notChosen);
 
