@@ -4,6 +4,7 @@
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/Loudness.h"
 #include "dsp/TruePeakLimiter.h"
+#include "support/NamedCases.h"
 #include "support/Signals.h"
 
 #include <gtest/gtest.h>
@@ -12,47 +13,43 @@
 #include <cmath>
 #include <cstdint>
 #include <numbers>
-#include <ostream>
 #include <random>
-#include <string>
 #include <vector>
 
-namespace ostrand {
+namespace ostrand::test {
 namespace {
 
-constexpr double rate = 16000.0;      // the planner only sees frames; keep the signals cheap
-constexpr double speechGainDb = 10.0; // the louder speaker near -20 LUFS
+constexpr double rate = 16000.0; // the planner only sees frames; keep the signals cheap
 
 struct Span {
     std::size_t begin = 0; // frames
     std::size_t end = 0;
 };
 
-// Phrases of speech with long pauses between them, over a bed.
-struct Programme {
-    test::PlanarAudio audio;
-    std::vector<Span> phrases;
-    std::vector<Span> pauses;
-    std::vector<int> speakerOfPhrase;
-};
-
 enum class Bed { pinkRoom, whiteRoom, music };
 
-struct Case {
+// Eight phrases of speech near -20 LUFS with long pauses between them, over
+// a bed.
+struct Room {
     const char* name;
     Bed bed;
     double bedDbfs;
-    bool peakySecond = false; // the quieter speaker's waveform is spikier
-    double maxGapLu = 1.5;
+    std::uint32_t seed;
+    double speakerGapDb = 0.0; // every second phrase this much quieter
+    double fadeDb = 0.0;       // the speech fades this much, linearly in dB, over the programme
+    bool peakySecond = false;  // the quieter speaker's waveform is spikier
+    double maxGapLu = 1.0;     // between the speakers
 };
 
-std::ostream& operator<<(std::ostream& os, const Case& c) {
-    return os << c.name;
-}
+struct Programme {
+    PlanarAudio audio;
+    std::vector<Span> phrases;
+    std::vector<Span> pauses;
+};
 
 // Chords that change every two seconds, each note swelling on its own.
-test::PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
-    test::PlanarAudio bed = test::silence(rate, 1, seconds);
+PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
+    PlanarAudio bed = silence(rate, 1, seconds);
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     std::vector<float>& x = bed.channels[0];
@@ -81,58 +78,52 @@ test::PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
     return bed;
 }
 
-// `speakerGapDb` lowers every second phrase; `fadeDb` fades the speech
-// linearly in dB over the whole programme.
-Programme programme(Bed bed, double bedDbfs, double speakerGapDb, double fadeDb, std::uint32_t seed,
-                    bool peakySecond = false) {
+Programme programme(const Room& room) {
+    const std::uint32_t seed = room.seed;
     Programme p;
-    p.audio = test::silence(rate, 1, 0.0);
+    p.audio = silence(rate, 1, 0.0);
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const auto frameOf = [](const test::PlanarAudio& a) {
+    const auto frameOf = [](const PlanarAudio& a) {
         return static_cast<std::size_t>(a.frames() / static_cast<std::int64_t>(rate / 100.0));
     };
     for (int k = 0; k < 8; ++k) {
-        test::PlanarAudio phrase = test::speechLike(rate, 1, 6.0 + 4.0 * unit(rng), seed + 10 * k);
-        if (peakySecond && k % 2 == 1) {
+        PlanarAudio phrase = speechLike(rate, 1, 6.0 + 4.0 * unit(rng), seed + 10 * k);
+        if (room.peakySecond && k % 2 == 1) {
             // x·sqrt(|x|) keeps the sign and the words but sharpens the peaks.
-            std::vector<float>& y = phrase.channels[0];
             double before = 0.0;
             double after = 0.0;
-            for (float& v : y) {
+            for (float& v : phrase.channels[0]) {
                 before += static_cast<double>(v) * v;
                 v *= std::sqrt(std::fabs(v));
                 after += static_cast<double>(v) * v;
             }
             phrase.applyGainDb(10.0 * std::log10(before / after));
         }
-        phrase.applyGainDb(k % 2 == 1 ? speechGainDb - speakerGapDb : speechGainDb);
+        phrase.applyGainDb(k % 2 == 1 ? 10.0 - room.speakerGapDb : 10.0);
         p.phrases.push_back({frameOf(p.audio), frameOf(p.audio) + frameOf(phrase)});
-        p.speakerOfPhrase.push_back(k % 2);
         p.audio.append(phrase);
         if (k < 7) {
-            const test::PlanarAudio pause = test::silence(rate, 1, 2.5 + 3.0 * unit(rng));
+            const PlanarAudio pause = silence(rate, 1, 2.5 + 3.0 * unit(rng));
             p.pauses.push_back({frameOf(p.audio), frameOf(p.audio) + frameOf(pause)});
             p.audio.append(pause);
         }
     }
     std::vector<float>& x = p.audio.channels[0];
     const double seconds = static_cast<double>(x.size()) / rate;
+    const PlanarAudio noise = room.bed == Bed::music ? musicBed(seconds, room.bedDbfs, seed)
+                              : room.bed == Bed::pinkRoom
+                                  ? pinkNoise(rate, 1, seconds, room.bedDbfs, seed)
+                                  : whiteNoise(rate, 1, seconds, room.bedDbfs, seed);
     for (std::size_t i = 0; i < x.size(); ++i) {
-        x[i] *= static_cast<float>(std::pow(10.0, -fadeDb * static_cast<double>(i) /
-                                                      static_cast<double>(x.size()) / 20.0));
-    }
-    const test::PlanarAudio noise = bed == Bed::music ? musicBed(seconds, bedDbfs, seed)
-                                    : bed == Bed::pinkRoom
-                                        ? test::pinkNoise(rate, 1, seconds, bedDbfs, seed)
-                                        : test::whiteNoise(rate, 1, seconds, bedDbfs, seed);
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        x[i] += noise.channels[0][i];
+        const double along = static_cast<double>(i) / static_cast<double>(x.size());
+        x[i] = x[i] * static_cast<float>(std::pow(10.0, -room.fadeDb * along / 20.0)) +
+               noise.channels[0][i];
     }
     return p;
 }
 
-FrameAnalysis analyse(const test::PlanarAudio& audio) {
+FrameAnalysis analyse(const PlanarAudio& audio) {
     FrameAnalyzer analyzer(audio.sampleRate, 1);
     analyzer.append(audio.constPointers(), audio.frames());
     return std::move(analyzer).analysis();
@@ -144,8 +135,8 @@ GainCurve plan(const FrameAnalysis& a, bool noiseAware) {
 
 // The engine's leveling pass: the per-sample gain ramp, then the limiter
 // (-1 dBTP, 5 ms ahead, 200 ms release) with its delay taken out; measured.
-FrameAnalysis render(const test::PlanarAudio& audio, const GainCurve& curve) {
-    test::PlanarAudio out = audio;
+FrameAnalysis render(const PlanarAudio& audio, const GainCurve& curve) {
+    PlanarAudio out = audio;
     std::vector<float>& x = out.channels[0];
     std::vector<float> gain(x.size());
     fillGainRamp(curve.gainDB, curve.frameLength, 0, gain);
@@ -155,23 +146,9 @@ FrameAnalysis render(const test::PlanarAudio& audio, const GainCurve& curve) {
     TruePeakLimiter limiter(1, rate, -1.0, 5.0, 200.0);
     const auto latency = static_cast<std::size_t>(limiter.latency());
     x.resize(x.size() + latency, 0.0f);
-    std::vector<float*> pointers = out.pointers();
-    limiter.process(pointers, out.frames());
+    limiter.process(out.pointers(), out.frames());
     x.erase(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(latency));
     return analyse(out);
-}
-
-struct Leveled {
-    FrameAnalysis before;
-    GainCurve curve;
-    FrameAnalysis after;
-};
-
-Leveled level(const Programme& p, bool noiseAware = true) {
-    Leveled l{analyse(p.audio), {}, {}};
-    l.curve = plan(l.before, noiseAware);
-    l.after = render(p.audio, l.curve);
-    return l;
 }
 
 double levelDb(const FrameAnalysis& a, std::size_t begin, std::size_t end) {
@@ -185,7 +162,8 @@ double levelDb(const FrameAnalysis& a, std::size_t begin, std::size_t end) {
 // Level of the inner pause (half a second off each end) against the level of
 // the two seconds of programme on either side, after minus before; the
 // median over the pauses.
-double medianPauseRiseDb(const Programme& p, const Leveled& l) {
+double medianPauseRiseDb(const Programme& p, const FrameAnalysis& before,
+                         const FrameAnalysis& after) {
     const auto relativeDb = [&](const FrameAnalysis& a, const Span& pause) {
         const double around =
             10.0 *
@@ -195,83 +173,69 @@ double medianPauseRiseDb(const Programme& p, const Leveled& l) {
     };
     std::vector<double> rises;
     for (const Span& pause : p.pauses) {
-        rises.push_back(relativeDb(l.after, pause) - relativeDb(l.before, pause));
+        rises.push_back(relativeDb(after, pause) - relativeDb(before, pause));
     }
     std::sort(rises.begin(), rises.end());
     return rises[rises.size() / 2];
 }
 
-// Loudness after leveling of the phrases for which `take` holds.
-template <typename Take>
-double loudnessAfter(const Programme& p, const Leveled& l, Take take) {
-    std::vector<double> power;
-    for (std::size_t k = 0; k < p.phrases.size(); ++k) {
-        if (take(k)) {
-            power.insert(power.end(),
-                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].begin),
-                         l.after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].end));
+class NoisyRoom : public testing::TestWithParam<Room> {};
+
+// The speakers and the ends of a fade come out level, the pauses stay at the
+// level of the speech around them.
+TEST_P(NoisyRoom, SpeechIsLeveledAndPausesAreNot) {
+    const Room& room = GetParam();
+    const Programme p = programme(room);
+    const FrameAnalysis before = analyse(p.audio);
+    const FrameAnalysis after = render(p.audio, plan(before, true));
+    // Loudness after leveling of the phrases for which `take` holds.
+    const auto loudness = [&](auto take) {
+        std::vector<double> power;
+        for (std::size_t k = 0; k < p.phrases.size(); ++k) {
+            if (take(k)) {
+                power.insert(power.end(),
+                             after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].begin),
+                             after.kPower.begin() + static_cast<std::ptrdiff_t>(p.phrases[k].end));
+            }
         }
+        return Loudness::integrated(power);
+    };
+    EXPECT_LE(std::fabs(loudness([](auto k) { return k % 2 == 0; }) -
+                        loudness([](auto k) { return k % 2 == 1; })),
+              room.maxGapLu);
+    if (room.fadeDb > 0.0) {
+        EXPECT_LE(std::fabs(loudness([](auto k) { return k == 0; }) -
+                            loudness([&](auto k) { return k + 1 == p.phrases.size(); })),
+                  1.0);
     }
-    return Loudness::integrated(power);
-}
-
-class NoisyRoom : public testing::TestWithParam<Case> {};
-class TwoSpeakers : public testing::TestWithParam<Case> {};
-
-TEST_P(NoisyRoom, PausesStayAtTheLevelOfTheSpeechAround) {
-    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 0.0, 7);
-    const Leveled l = level(p);
-    EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
-    EXPECT_NEAR(Loudness::integrated(l.after.kPower), -16.0, 0.5);
-}
-
-TEST_P(TwoSpeakers, TwelveDecibelsApartEndClose) {
-    const Programme p =
-        programme(GetParam().bed, GetParam().bedDbfs, 12.0, 0.0, 11, GetParam().peakySecond);
-    const Leveled l = level(p);
-    const double first = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 0; });
-    const double second = loudnessAfter(p, l, [](std::size_t k) { return k % 2 == 1; });
-    EXPECT_LE(std::fabs(first - second), GetParam().maxGapLu);
-    if (GetParam().bedDbfs > -70.0) { // a clean room keeps the exact plan
-        EXPECT_LE(medianPauseRiseDb(p, l), 1.0);
+    if (room.bedDbfs > -70.0) { // a clean room keeps the exact plan
+        EXPECT_LE(medianPauseRiseDb(p, before, after), 1.0);
     }
+    EXPECT_NEAR(Loudness::integrated(after.kPower), -16.0, 0.5);
 }
-
-TEST_P(NoisyRoom, TenDecibelFadeIsEvenedOut) {
-    const Programme p = programme(GetParam().bed, GetParam().bedDbfs, 0.0, 10.0, 13);
-    const Leveled l = level(p);
-    const double first = loudnessAfter(p, l, [](std::size_t k) { return k == 0; });
-    const double last =
-        loudnessAfter(p, l, [&](std::size_t k) { return k + 1 == p.phrases.size(); });
-    EXPECT_LE(std::fabs(first - last), 1.0);
-}
-
-const auto caseName = [](const testing::TestParamInfo<Case>& param) {
-    return std::string(param.param.name);
-};
 
 INSTANTIATE_TEST_SUITE_P(
     Beds, NoisyRoom,
-    testing::Values(Case{"pink_60", Bed::pinkRoom, -60.0}, Case{"pink_50", Bed::pinkRoom, -50.0},
-                    Case{"pink_45", Bed::pinkRoom, -45.0}, Case{"pink_40", Bed::pinkRoom, -40.0},
-                    Case{"white_45", Bed::whiteRoom, -45.0}, Case{"music_38", Bed::music, -38.0}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(Rooms, TwoSpeakers,
-                         testing::Values(Case{"pink_70", Bed::pinkRoom, -70.0},
-                                         Case{"pink_55", Bed::pinkRoom, -55.0},
-                                         Case{"pink_45", Bed::pinkRoom, -45.0},
-                                         Case{"pink_40", Bed::pinkRoom, -40.0},
-                                         Case{"white_45", Bed::whiteRoom, -45.0},
-                                         Case{"pink_50_peaky", Bed::pinkRoom, -50.0, true, 1.0}),
-                         caseName);
+    testing::Values(Room{"pink_60_fading", Bed::pinkRoom, -60.0, 13, 0.0, 10.0},
+                    Room{"pink_50_fading", Bed::pinkRoom, -50.0, 13, 0.0, 10.0},
+                    Room{"pink_45_fading", Bed::pinkRoom, -45.0, 13, 0.0, 10.0},
+                    Room{"pink_40_fading", Bed::pinkRoom, -40.0, 13, 0.0, 10.0},
+                    Room{"white_45_fading", Bed::whiteRoom, -45.0, 13, 0.0, 10.0},
+                    Room{"music_38_fading", Bed::music, -38.0, 13, 0.0, 10.0},
+                    Room{"pink_70_speakers", Bed::pinkRoom, -70.0, 11, 12.0, 0.0, false, 1.5},
+                    Room{"pink_55_speakers", Bed::pinkRoom, -55.0, 11, 12.0, 0.0, false, 1.5},
+                    Room{"pink_45_speakers", Bed::pinkRoom, -45.0, 11, 12.0, 0.0, false, 1.5},
+                    Room{"pink_40_speakers", Bed::pinkRoom, -40.0, 11, 12.0, 0.0, false, 1.5},
+                    Room{"white_45_speakers", Bed::whiteRoom, -45.0, 11, 12.0, 0.0, false, 1.5},
+                    Room{"pink_50_peakySpeakers", Bed::pinkRoom, -50.0, 11, 12.0, 0.0, true}),
+    byName);
 
 class CleanSpeech : public testing::TestWithParam<double> {};
 
 TEST_P(CleanSpeech, GainFollowsTheExactPlan) {
     for (const double gap : {0.0, 12.0}) {
-        const Programme p = programme(Bed::pinkRoom, GetParam(), gap, 0.0, 17);
-        const FrameAnalysis a = analyse(p.audio);
+        const FrameAnalysis a =
+            analyse(programme(Room{"", Bed::pinkRoom, GetParam(), 17, gap}).audio);
         const GainCurve exact = plan(a, false);
         const GainCurve aware = plan(a, true);
         double worst = 0.0;
@@ -386,10 +350,6 @@ struct StretchCase {
     std::vector<Stretch> stretches;
 };
 
-void PrintTo(const StretchCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
 class QuietStretches : public testing::TestWithParam<StretchCase> {};
 
 // Pauses are marked whole; speech keeps all but the gaps between its words.
@@ -439,7 +399,7 @@ INSTANTIATE_TEST_SUITE_P(
                      {0.3, -38, false, true},
                      {30, -50, false, true},
                      {5, -22, true, false}}}),
-    [](const testing::TestParamInfo<StretchCase>& param) { return std::string(param.param.name); });
+    byName);
 
 TEST(PauseDetector, PausesHoldTheLouderNeighbourUntilTheLead) {
     using V = std::vector<double>;
@@ -471,4 +431,4 @@ TEST(PauseDetector, PausesHoldTheLouderNeighbourUntilTheLead) {
 }
 
 } // namespace
-} // namespace ostrand
+} // namespace ostrand::test
