@@ -54,7 +54,6 @@ TEST(TruePeakLimiter, QuietSignalComesOutDelayedAndBitExact) {
     const test::PlanarAudio input = test::whiteNoise(48000.0, 2, 0.5, -30.0, 1);
     TruePeakLimiter limiter = makeLimiter(2);
     EXPECT_EQ(limitWithTail(limiter, input).channels, input.channels);
-    EXPECT_EQ(limiter.attBufferSum(), 240.0);
     EXPECT_EQ(limiter.maxGainReduction(), 0.0);
 }
 
