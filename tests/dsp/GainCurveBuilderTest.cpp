@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <limits>
 #include <numbers>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -198,31 +199,25 @@ struct Programme {
 // Chords that change every two seconds, each note swelling on its own.
 PlanarAudio musicBed(double seconds, double rmsDbfs, std::uint32_t seed) {
     PlanarAudio bed = silence(rate, 1, seconds);
+    std::vector<float>& x = bed.channels[0];
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> unit(0.0, 1.0);
-    std::vector<float>& x = bed.channels[0];
     const auto chord = static_cast<std::size_t>(2.0 * rate);
-    double sumSquares = 0.0;
-    std::vector<double> raw(x.size());
     for (std::size_t start = 0; start < x.size(); start += chord) {
         const double root = 110.0 * std::pow(2.0, std::floor(unit(rng) * 12.0) / 12.0);
         for (const double ratio : {1.0, 1.26, 1.5, 2.0}) {
             const double swell = 0.5 + unit(rng);
             for (std::size_t i = start; i < std::min(x.size(), start + chord); ++i) {
                 const double t = static_cast<double>(i - start) / rate;
-                raw[i] += std::sin(2.0 * std::numbers::pi * root * ratio * t) *
-                          (0.6 + 0.4 * std::sin(2.0 * std::numbers::pi * swell * t)) / ratio;
+                x[i] += static_cast<float>(
+                    std::sin(2.0 * std::numbers::pi * root * ratio * t) *
+                    (0.6 + 0.4 * std::sin(2.0 * std::numbers::pi * swell * t)) / ratio);
             }
         }
     }
-    for (const double v : raw) {
-        sumSquares += v * v;
-    }
-    const double scale =
-        std::pow(10.0, rmsDbfs / 20.0) / std::sqrt(sumSquares / static_cast<double>(raw.size()));
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        x[i] = static_cast<float>(raw[i] * scale);
-    }
+    const double meanSquare =
+        std::inner_product(x.begin(), x.end(), x.begin(), 0.0) / static_cast<double>(x.size());
+    bed.applyGainDb(rmsDbfs - 10.0 * std::log10(meanSquare));
     return bed;
 }
 
@@ -289,25 +284,20 @@ FrameAnalysis render(const PlanarAudio& audio, const GainCurve& curve) {
     return analyse(out);
 }
 
-double levelDb(const FrameAnalysis& a, std::size_t begin, std::size_t end) {
-    double sum = 0.0;
-    for (std::size_t i = begin; i < end; ++i) {
-        sum += a.kPower[i];
-    }
-    return 10.0 * std::log10(sum / static_cast<double>(end - begin));
-}
-
 // Level of the inner pause (half a second off each end) against the level of
 // the two seconds of programme on either side, after minus before; the
 // median over the pauses.
 double medianPauseRiseDb(const Programme& p, const FrameAnalysis& before,
                          const FrameAnalysis& after) {
-    const auto relativeDb = [&](const FrameAnalysis& a, const Span& pause) {
-        const double around =
-            10.0 *
-            std::log10(0.5 * (std::pow(10.0, levelDb(a, pause.begin - 200, pause.begin) / 10.0) +
-                              std::pow(10.0, levelDb(a, pause.end, pause.end + 200) / 10.0)));
-        return levelDb(a, pause.begin + 50, pause.end - 50) - around;
+    const auto relativeDb = [](const FrameAnalysis& a, const Span& pause) {
+        const auto power = [&](std::size_t begin, std::size_t end) {
+            return std::accumulate(a.kPower.begin() + static_cast<std::ptrdiff_t>(begin),
+                                   a.kPower.begin() + static_cast<std::ptrdiff_t>(end), 0.0) /
+                   static_cast<double>(end - begin);
+        };
+        return 10.0 * std::log10(power(pause.begin + 50, pause.end - 50) /
+                                 (power(pause.begin - 200, pause.begin) / 2.0 +
+                                  power(pause.end, pause.end + 200) / 2.0));
     };
     std::vector<double> rises;
     for (const Span& pause : p.pauses) {
