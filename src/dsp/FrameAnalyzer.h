@@ -33,7 +33,6 @@ public:
     std::int64_t channels() const noexcept { return m_channels; }
     std::int64_t frameLength() const noexcept { return m_frameLength; }
     std::int64_t totalSamples() const noexcept { return m_totalSamples; }
-    std::int64_t pendingSamples() const noexcept { return m_pendingCount; }
     const std::vector<double>& meanSquare() const noexcept { return m_meanSquare; }
     const std::vector<double>& kPower() const noexcept { return m_kPower; }
     const std::vector<double>& peak() const noexcept { return m_peak; }

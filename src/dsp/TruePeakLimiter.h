@@ -39,12 +39,6 @@ public:
     std::int64_t lookahead() const noexcept { return m_lookahead; }
     std::int64_t latency() const noexcept { return m_lookahead + firDelay; }
     double releaseCoeff() const noexcept { return m_releaseCoeff; }
-    const TruePeakMeter::PhaseSet& reversedPhases() const noexcept {
-        return TruePeakMeter::reversedPhases();
-    }
-    std::int64_t sampleIndex() const noexcept { return m_sampleIndex; }
-    double release() const noexcept { return m_release; }
-    double attBufferSum() const noexcept { return m_attBufferSum; }
 
     // Deepest reduction applied so far, dB (0 or more).
     double maxGainReduction() const noexcept;

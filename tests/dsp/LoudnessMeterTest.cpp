@@ -5,6 +5,7 @@
 // recordings distributed by the EBU. Every reading is printed for the record.
 
 #include "dsp/LoudnessMeter.h"
+#include "dsp/Loudness.h"
 
 #include "support/NamedCases.h"
 #include "support/Signals.h"
@@ -18,7 +19,9 @@
 #include <limits>
 #include <numbers>
 #include <ostream>
+#include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -126,32 +129,48 @@ Expect truePeakOf(double dbtp) {
     return {truePeak, dbtp, 0.4, 0.2};
 }
 
+// Tones in stereo, each case read once at its end.
+struct ToneCase {
+    const char* name;
+    std::vector<std::pair<double, double>> segments;
+    std::vector<Expect> expects;
+};
+
+std::vector<MeterCase> toneCases(const std::vector<ToneCase>& table) {
+    std::vector<MeterCase> cases;
+    for (const ToneCase& t : table) {
+        cases.push_back({t.name, [t] { return once(tones(t.segments), t.expects); }});
+    }
+    return cases;
+}
+
+// `count` times the pair of segments `a`, `b`.
+std::vector<std::pair<double, double>> alternating(int count, std::pair<double, double> a,
+                                                   std::pair<double, double> b) {
+    std::vector<std::pair<double, double>> segments;
+    for (int i = 0; i < count; ++i) {
+        segments.insert(segments.end(), {a, b});
+    }
+    return segments;
+}
+
 std::vector<MeterCase> tech3341() {
-    std::vector<MeterCase> cases = {
-        {"case01",
-         [] {
-             return once(tones({{20.0, -23.0}}), msi(-23.0));
-         }},
-        {"case02",
-         [] {
-             return once(tones({{20.0, -33.0}}), msi(-33.0));
-         }},
-        {"case03",
-         [] {
-             return once(tones({{10.0, -36.0}, {60.0, -23.0}, {10.0, -36.0}}),
-                         {{integrated, -23.0}});
-         }},
+    std::vector<MeterCase> cases = toneCases({
+        {"case01", {{20.0, -23.0}}, msi(-23.0)},
+        {"case02", {{20.0, -33.0}}, msi(-33.0)},
+        {"case03", {{10.0, -36.0}, {60.0, -23.0}, {10.0, -36.0}}, {{integrated, -23.0}}},
         {"case04",
-         [] {
-             return once(
-                 tones({{10.0, -72.0}, {10.0, -36.0}, {60.0, -23.0}, {10.0, -36.0}, {10.0, -72.0}}),
-                 {{integrated, -23.0}});
-         }},
-        {"case05",
-         [] {
-             return once(tones({{20.0, -26.0}, {20.1, -20.0}, {20.0, -26.0}}),
-                         {{integrated, -23.0}});
-         }},
+         {{10.0, -72.0}, {10.0, -36.0}, {60.0, -23.0}, {10.0, -36.0}, {10.0, -72.0}},
+         {{integrated, -23.0}}},
+        {"case05", {{20.0, -26.0}, {20.1, -20.0}, {20.0, -26.0}}, {{integrated, -23.0}}},
+        // Constant within +-0.1 after 3 s: every short-term value counts
+        // towards the range, so it spans at most 0.2 LU.
+        {"case09",
+         alternating(5, {1.34, -20.0}, {1.66, -30.0}),
+         {{maxShortTerm, -23.0}, {range, 0.0, 0.0, 0.2}}},
+        {"case12", alternating(25, {0.18, -20.0}, {0.22, -30.0}), {{maxMomentary, -23.0}}},
+    });
+    cases.push_back(
         {"case06",
          [] {
              // L, R, C, Ls, Rs
@@ -162,47 +181,34 @@ std::vector<MeterCase> tech3341() {
              return once(std::move(audio), {{integrated, -23.0}});
          },
          {ChannelWeight::front, ChannelWeight::front, ChannelWeight::front, ChannelWeight::surround,
-          ChannelWeight::surround}},
-        {"case09",
-         [] {
-             std::vector<std::pair<double, double>> segments;
-             for (int i = 0; i < 5; ++i) {
-                 segments.insert(segments.end(), {{1.34, -20.0}, {1.66, -30.0}});
-             }
-             // Constant within +-0.1 after 3 s: every short-term value counts
-             // towards the range, so it spans at most 0.2 LU.
-             return once(tones(segments), {{maxShortTerm, -23.0}, {range, 0.0, 0.0, 0.2}});
-         }},
-        {"case11",
-         [] {
-             // The live variant: the maximum so far after each tone.
-             std::vector<Part> parts;
-             for (int i = 0; i < 20; ++i) {
-                 parts.push_back(
-                     {tones({{i * 0.15, silent}, {3.0, -38.0 + i}, {3.0 - i * 0.15, silent}}),
-                      {{maxShortTerm, -38.0 + i}}});
-             }
-             return parts;
-         }},
-        {"case12",
-         [] {
-             std::vector<std::pair<double, double>> segments;
-             for (int i = 0; i < 25; ++i) {
-                 segments.insert(segments.end(), {{0.18, -20.0}, {0.22, -30.0}});
-             }
-             return once(tones(segments), {{maxMomentary, -23.0}});
-         }},
-        {"case14",
-         [] {
-             std::vector<Part> parts;
-             for (int i = 0; i < 20; ++i) {
-                 parts.push_back(
-                     {tones({{i * 0.02, silent}, {0.4, -38.0 + i}, {0.4 - i * 0.02, silent}}),
-                      {{maxMomentary, -38.0 + i}}});
-             }
-             return parts;
-         }},
-    };
+          ChannelWeight::surround}});
+    // The window tests: a tone starting at 20 offsets from the meter's grid,
+    // each offset a file of its own (#10, #13), and the live variant (#11,
+    // #14): all in one stream, louder each time, the maximum so far read
+    // after each.
+    for (const auto& [file, live, seconds, step, figure] :
+         {std::tuple{10, 11, 3.0, 0.15, maxShortTerm},
+          std::tuple{13, 14, 0.4, 0.02, maxMomentary}}) {
+        cases.push_back({"case" + std::to_string(live), [=] {
+                             std::vector<Part> parts;
+                             for (int i = 0; i < 20; ++i) {
+                                 parts.push_back({tones({{i * step, silent},
+                                                         {seconds, -38.0 + i},
+                                                         {seconds - i * step, silent}}),
+                                                  {{figure, -38.0 + i}}});
+                             }
+                             return parts;
+                         }});
+        for (int i = 0; i < 20; ++i) {
+            char name[32];
+            std::snprintf(name, sizeof name, "case%d_segment%02d", file, i + 1);
+            cases.push_back({name, [=] {
+                                 return once(
+                                     tones({{i * step, silent}, {seconds, -23.0}, {1.0, silent}}),
+                                     {{figure, -23.0}});
+                             }});
+        }
+    }
     // The true-peak tones, at 48 kHz as published and at the other common
     // rates, where the interpolator's factor and length differ.
     struct Tone {
@@ -222,20 +228,6 @@ std::vector<MeterCase> tech3341() {
                              }});
         }
     }
-    // The file variants of the window tests: each offset is a file of its own.
-    for (int i = 0; i < 20; ++i) {
-        char name[32];
-        std::snprintf(name, sizeof name, "case10_segment%02d", i + 1);
-        cases.push_back({name, [i] {
-                             return once(tones({{i * 0.15, silent}, {3.0, -23.0}, {1.0, silent}}),
-                                         {{maxShortTerm, -23.0}});
-                         }});
-        std::snprintf(name, sizeof name, "case13_segment%02d", i + 1);
-        cases.push_back({name, [i] {
-                             return once(tones({{i * 0.02, silent}, {0.4, -23.0}, {1.0, silent}}),
-                                         {{maxMomentary, -23.0}});
-                         }});
-    }
     for (int offset = 0; offset < 4; ++offset) {
         cases.push_back({"case" + std::to_string(20 + offset),
                          [offset] { return once(burst(offset), {truePeakOf(0.0)}); }});
@@ -244,19 +236,12 @@ std::vector<MeterCase> tech3341() {
 }
 
 std::vector<MeterCase> tech3342() {
-    const auto steps = [](std::vector<double> levels, double lu) {
-        return [levels, lu] {
-            std::vector<std::pair<double, double>> segments;
-            for (const double dbfs : levels) {
-                segments.emplace_back(20.0, dbfs);
-            }
-            return once(tones(segments), {{range, lu, 1.0, 1.0}});
-        };
-    };
-    return {{"case1", steps({-20.0, -30.0}, 10.0)},
-            {"case2", steps({-20.0, -15.0}, 5.0)},
-            {"case3", steps({-40.0, -20.0}, 20.0)},
-            {"case4", steps({-50.0, -35.0, -20.0, -35.0, -50.0}, 15.0)}};
+    return toneCases({{"case1", {{20.0, -20.0}, {20.0, -30.0}}, {{range, 10.0, 1.0, 1.0}}},
+                      {"case2", {{20.0, -20.0}, {20.0, -15.0}}, {{range, 5.0, 1.0, 1.0}}},
+                      {"case3", {{20.0, -40.0}, {20.0, -20.0}}, {{range, 20.0, 1.0, 1.0}}},
+                      {"case4",
+                       {{20.0, -50.0}, {20.0, -35.0}, {20.0, -20.0}, {20.0, -35.0}, {20.0, -50.0}},
+                       {{range, 15.0, 1.0, 1.0}}}});
 }
 
 // 44.1 kHz content near 20 kHz, where a short interpolator droops.
@@ -383,6 +368,85 @@ INSTANTIATE_TEST_SUITE_P(Rates, KWeightingAcrossRates,
                                     "Hz_at" +
                                     std::to_string(static_cast<int>(std::get<1>(p.param))) + "Hz";
                          });
+
+// The gating and short-term loudness of the leveler's own measurement.
+
+double powerOf(double lufs) {
+    return std::pow(10.0, (lufs + 0.691) / 10.0);
+}
+
+// Every block summed afresh, both gates applied as written.
+double naiveIntegrated(const std::vector<double>& frames) {
+    std::vector<double> blocks;
+    for (std::size_t start = 0; start + 40 <= frames.size(); start += 10) {
+        double sum = 0.0;
+        for (std::size_t f = start; f < start + 40; ++f) {
+            sum += frames[f];
+        }
+        blocks.push_back(sum / 40.0);
+    }
+    const auto gatedMean = [&](double gate) {
+        double sum = 0.0;
+        int count = 0;
+        for (const double b : blocks) {
+            if (Loudness::loudnessOf(b) > -70.0 && Loudness::loudnessOf(b) > gate) {
+                sum += b;
+                ++count;
+            }
+        }
+        return sum / count;
+    };
+    return Loudness::loudnessOf(gatedMean(Loudness::loudnessOf(gatedMean(-70.0)) - 10.0));
+}
+
+TEST(Loudness, ShortSeriesAreUngatedLongSilenceIsTheGate) {
+    EXPECT_DOUBLE_EQ(Loudness::integrated({}), -200.691);
+    EXPECT_DOUBLE_EQ(Loudness::integrated(std::vector<double>(39, 0.0)), -200.691);
+    EXPECT_NEAR(Loudness::integrated(std::vector<double>{powerOf(-90.0), 0.0}), -93.0103, 1e-3);
+    EXPECT_EQ(Loudness::integrated(std::vector<double>(40, 0.0)), -70.0);
+    EXPECT_DOUBLE_EQ(Loudness::integrated(std::vector<double>(40, 1.0)), -0.691);
+}
+
+TEST(Loudness, ShortTermIsTheMeanOfTheLastThreeSeconds) {
+    std::vector<double> frames(150, powerOf(-20.0)); // 1.5 s, shorter than the window
+    frames.resize(450, powerOf(-30.0));
+    frames.resize(1200, 0.0);
+    const std::vector<float> st = Loudness::shortTerm(frames);
+    ASSERT_EQ(st.size(), frames.size());
+    EXPECT_NEAR(st[0], -20.0, 1e-4);
+    EXPECT_NEAR(st[149], -20.0, 1e-4);
+    EXPECT_NEAR(st[299], Loudness::loudnessOf((powerOf(-20.0) + powerOf(-30.0)) / 2.0), 1e-4);
+    EXPECT_NEAR(st[449], -30.0, 1e-4);
+    // Silence after sound reads as silence, not as a rounding residue.
+    EXPECT_NEAR(st[1199], -200.691, 1e-3);
+}
+
+TEST(Loudness, BlockExactlyAtTheAbsoluteGateFails) {
+    double p = powerOf(-70.0);
+    while (Loudness::loudnessOf(p) > -70.0) {
+        p = std::nextafter(p, 0.0);
+    }
+    while (Loudness::loudnessOf(p) < -70.0) {
+        p = std::nextafter(p, 1.0);
+    }
+    ASSERT_EQ(Loudness::loudnessOf(p), -70.0);
+    EXPECT_EQ(Loudness::integrated(std::vector<double>(40, p)), -70.0);
+}
+
+// An hour with quiet passages under the relative gate and silences under the
+// absolute one, ending in a partial block and without.
+TEST(Loudness, RunningSumAgreesWithFreshSumsOverAnHour) {
+    std::mt19937 rng(7);
+    std::lognormal_distribution<double> level(-6.0, 2.0);
+    std::vector<double> frames(360007);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        const std::size_t phase = i % 20000;
+        frames[i] = phase < 1000 ? 0.0 : phase < 3000 ? 1e-3 * level(rng) : level(rng);
+    }
+    EXPECT_NEAR(Loudness::integrated(frames), naiveIntegrated(frames), 1e-9);
+    frames.resize(360000); // the last block ends with the series
+    EXPECT_NEAR(Loudness::integrated(frames), naiveIntegrated(frames), 1e-9);
+}
 
 } // namespace
 } // namespace ostrand::test

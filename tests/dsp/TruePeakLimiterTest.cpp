@@ -35,7 +35,7 @@ test::PlanarAudio limitWithTail(TruePeakLimiter& limiter, test::PlanarAudio audi
     return audio;
 }
 
-TEST(TruePeakLimiter, LookaheadAndInterpolator) {
+TEST(TruePeakLimiter, LookaheadInterpolatorAndTruePeak) {
     EXPECT_EQ(makeLimiter(2).latency(), 246);
     EXPECT_EQ(makeLimiter(2, 44100.0).lookahead(), 220);
     EXPECT_EQ(makeLimiter(1, 1000.0).lookahead(), 8);
@@ -48,13 +48,24 @@ TEST(TruePeakLimiter, LookaheadAndInterpolator) {
         EXPECT_EQ(phases[2][k], phases[1][11 - k]);       // mirror images
     }
     EXPECT_NEAR(phases[0][5], 0.97267f, 6e-6f);
+
+    // A quarter-rate sine at 45 degrees, faded in: a tone switched on at full
+    // level rings above its peak.
+    test::PlanarAudio input = test::sine(48000.0, 2, 0.5, 12000.0, 0.0, std::numbers::pi / 4.0);
+    for (auto& channel : input.channels) {
+        for (std::size_t i = 0; i < 4800; ++i) {
+            channel[i] *= static_cast<float>(0.5 - 0.5 * std::cos(std::numbers::pi * i / 4800.0));
+        }
+    }
+    TruePeakLimiter limiter = makeLimiter(2, 48000.0, 0.0);
+    limiter.process(input.pointers(), input.frames());
+    EXPECT_NEAR(limiter.inputTruePeak(), 0.980f, 0.002f);
 }
 
 TEST(TruePeakLimiter, QuietSignalComesOutDelayedAndBitExact) {
     const test::PlanarAudio input = test::whiteNoise(48000.0, 2, 0.5, -30.0, 1);
     TruePeakLimiter limiter = makeLimiter(2);
     EXPECT_EQ(limitWithTail(limiter, input).channels, input.channels);
-    EXPECT_EQ(limiter.attBufferSum(), 240.0);
     EXPECT_EQ(limiter.maxGainReduction(), 0.0);
 }
 
@@ -135,19 +146,6 @@ TEST_P(TruePeakLimiterBlocks, AnyBlockSizeGivesIdenticalOutput) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, TruePeakLimiterBlocks, testing::Values(1, 7, 246, 4096));
-
-TEST(TruePeakLimiter, QuarterRateSineAt45DegreesReadsItsTruePeak) {
-    test::PlanarAudio input = test::sine(48000.0, 2, 0.5, 12000.0, 0.0, std::numbers::pi / 4.0);
-    // Faded in: a tone switched on at full level rings above its peak.
-    for (auto& channel : input.channels) {
-        for (std::size_t i = 0; i < 4800; ++i) {
-            channel[i] *= static_cast<float>(0.5 - 0.5 * std::cos(std::numbers::pi * i / 4800.0));
-        }
-    }
-    TruePeakLimiter limiter = makeLimiter(2, 48000.0, 0.0);
-    limiter.process(input.pointers(), input.frames());
-    EXPECT_NEAR(limiter.inputTruePeak(), 0.980f, 0.002f);
-}
 
 class TruePeakLimiterCeiling : public testing::TestWithParam<int> {};
 
