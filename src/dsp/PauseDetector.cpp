@@ -152,12 +152,17 @@ void markQuietStretches(std::span<const double> power, std::span<unsigned char> 
             top = std::max(top, level[i]);
             ++i;
         }
-        // Grow through what stays at the stretch's own level.
         std::size_t end = i;
-        while (end < n && level[end] <= top + growAboveDb) {
+        // Grow through what stays at the stretch's own level; what is far
+        // quieter is a pause of its own, and what lies beyond it is not
+        // this stretch's to take.
+        const auto own = [&](std::size_t k) {
+            return level[k] <= top + growAboveDb && level[k] >= top - contrastDb;
+        };
+        while (end < n && own(end)) {
             ++end;
         }
-        while (begin > grownTo && level[begin - 1] <= top + growAboveDb) {
+        while (begin > grownTo && own(begin - 1)) {
             --begin;
         }
         std::fill(mark.begin() + static_cast<std::ptrdiff_t>(begin),

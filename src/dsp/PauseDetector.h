@@ -55,7 +55,8 @@ inline constexpr double quietFloorBelowGateDb = 18.0;
 // stretch that far under one side only is a pause when it is also steady
 // (within `steadyWithinDb` over a second), as a room or a bed is and words
 // are not. Each stretch then grows while the level stays within
-// `growAboveDb` of its own loudest, which carries a pause of any length, and
+// `growAboveDb` over and `contrastDb` under its own loudest, which carries a
+// pause of any length but not a quieter speaker's turn after it, and
 // a breath or click between two pauses of 1.6 s or more joins them when the
 // gap it leaves is under 0.8 s (half a second, and the smoothing's spread).
 inline constexpr std::int64_t contrastSmoothingFrames = 30;

@@ -331,6 +331,11 @@ TEST_P(NoisyRoom, SpeechIsLeveledAndPausesAreNot) {
     EXPECT_LE(std::fabs(loudness([](auto k) { return k % 2 == 0; }) -
                         loudness([](auto k) { return k % 2 == 1; })),
               room.maxGapLu);
+    // No phrase is left behind, the last one included: a quiet speaker's
+    // turn at the end of the file is not an outro.
+    for (std::size_t phrase = 0; phrase < p.phrases.size(); ++phrase) {
+        EXPECT_NEAR(loudness([&](auto k) { return k == phrase; }), -16.0, 4.0) << phrase;
+    }
     if (room.fadeDb > 0.0) {
         EXPECT_LE(std::fabs(loudness([](auto k) { return k == 0; }) -
                             loudness([&](auto k) { return k + 1 == p.phrases.size(); })),
