@@ -1,6 +1,5 @@
 #include "app/JobListModel.h"
 #include "AppTestSupport.h"
-#include "app/ReportText.h"
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
@@ -99,18 +98,6 @@ private slots:
         for (const QList<QVariant>& change : std::as_const(changed)) {
             QCOMPARE(change.at(0).value<QModelIndex>().row(), 1);
         }
-    }
-
-    // A gain that rounds to zero keeps its plus; the main window's row tests
-    // pin the rest of the line.
-    void detailReadsAGainJustBelowZeroAsPlusZero() {
-        LevelingReport report;
-        report.outputURL = "/x/a leveled.m4a";
-        report.minGain = -0.04;
-        report.maxGain = 6.5;
-        report.limiterGainReduction = 1.4;
-        QCOMPARE(ReportText::detail(report),
-                 QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a"));
     }
 
 private:
