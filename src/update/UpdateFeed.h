@@ -57,7 +57,6 @@ public:
     // under a new name ("NAME (2).deb") when the name is taken.
     void download(const AppcastItem& item);
     void cancelDownload();
-    bool isBusy() const { return m_feedReply || m_downloadReply; }
 
 signals:
     void fetched(const QList<AppcastItem>& items);

@@ -1,6 +1,5 @@
 #include "app/JobListModel.h"
 #include "AppTestSupport.h"
-#include "app/ReportText.h"
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
@@ -19,105 +18,84 @@ QList<QUrl> files(std::initializer_list<const char*> names) {
     return urls;
 }
 
+// A queue and its model under Qt's model tester.
+struct Setup {
+    QueueFixture fixture;
+    JobQueue& queue = fixture.queue;
+    JobListModel model{queue};
+    QAbstractItemModelTester tester{&model, QAbstractItemModelTester::FailureReportingMode::QtTest};
+};
+
 } // namespace
 
 class JobListModelTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void init() {
-        m_fixture = std::make_unique<QueueFixture>();
-        m_queue = &m_fixture->queue;
-        m_model = std::make_unique<JobListModel>(*m_queue);
-        m_tester = std::make_unique<QAbstractItemModelTester>(
-            m_model.get(), QAbstractItemModelTester::FailureReportingMode::QtTest);
-    }
-    void cleanup() {
-        m_tester.reset();
-        m_model.reset();
-        m_fixture.reset();
-    }
+    void init() { m = std::make_unique<Setup>(); }
+    void cleanup() { m.reset(); }
 
+    // Rows come and go without a reset; a persistent index (what a selection
+    // holds) follows its job, and clearing takes only the terminal rows.
     void addsAndRemovesRowsWithoutReset() {
-        QSignalSpy inserted(m_model.get(), &QAbstractItemModel::rowsInserted);
-        QSignalSpy removed(m_model.get(), &QAbstractItemModel::rowsRemoved);
-        QSignalSpy reset(m_model.get(), &QAbstractItemModel::modelReset);
+        QSignalSpy inserted(&m->model, &QAbstractItemModel::rowsInserted);
+        QSignalSpy removed(&m->model, &QAbstractItemModel::rowsRemoved);
+        QSignalSpy reset(&m->model, &QAbstractItemModel::modelReset);
 
-        m_queue->add(files({"a.wav", "notes.txt", "b.mp4", "c.m4a"}));
-        QCOMPARE(m_model->rowCount(), 3);
+        m->queue.add(files({"a.wav", "notes.txt", "b.mp4", "c.m4a"}));
+        QCOMPARE(m->model.rowCount(), 3);
         QCOMPARE(inserted.count(), 1);
         QCOMPARE(inserted.at(0).at(1).toInt(), 0);
         QCOMPARE(inserted.at(0).at(2).toInt(), 2);
-        QCOMPARE(m_model->index(1).data().toString(), QStringLiteral("b.mp4"));
+        QCOMPARE(m->model.index(1).data().toString(), QStringLiteral("b.mp4"));
 
-        // A persistent index (what a selection holds) follows its job.
-        const QPersistentModelIndex last = m_model->index(2);
-        m_queue->remove(m_model->jobAt(m_model->index(1)));
+        const QPersistentModelIndex last = m->model.index(2);
+        m->queue.remove(m->model.jobAt(m->model.index(1)));
         QCOMPARE(removed.count(), 1);
         QCOMPARE(last.row(), 1);
         QCOMPARE(last.data().toString(), QStringLiteral("c.m4a"));
 
-        m_queue->add(files({"d.wav"}));
+        m->queue.add(files({"d.wav", "e.wav", "f.wav"})); // a runs, the rest wait
         QCOMPARE(inserted.count(), 2);
         QCOMPARE(inserted.at(1).at(1).toInt(), 2);
-        QCOMPARE(reset.count(), 0);
-    }
-
-    void clearFinishedRemovesOnlyTerminalRows() {
-        m_queue->add(files({"a.wav", "b.wav", "c.wav", "d.wav", "e.wav"}));
-        const auto jobs = m_queue->jobs();
+        QCOMPARE(inserted.at(1).at(2).toInt(), 4);
+        const auto jobs = m->queue.jobs();
         jobs[1]->setState(JobState::failed(QStringLiteral("broken")));
         jobs[2]->cancel();
         jobs[4]->setState(JobState::finished());
-        const QPersistentModelIndex waiting = m_model->index(3);
-
-        QSignalSpy removed(m_model.get(), &QAbstractItemModel::rowsRemoved);
-        m_queue->clearFinished();
-        QCOMPARE(removed.count(), 3);
-        QCOMPARE(m_model->rowCount(), 2);
-        QCOMPARE(m_model->jobAt(m_model->index(0)), jobs[0]);
+        const QPersistentModelIndex waiting = m->model.index(3);
+        m->queue.clearFinished();
+        QCOMPARE(removed.count(), 1 + 3);
+        QCOMPARE(m->model.rowCount(), 2);
+        QCOMPARE(m->model.jobAt(m->model.index(0)), jobs[0]);
         QCOMPARE(waiting.row(), 1);
+        QCOMPARE(reset.count(), 0);
     }
 
     void jobChangesReachTheirRow() {
-        m_queue->add(files({"a.wav", "b.wav", "c.wav"}));
-        QSignalSpy changed(m_model.get(), &QAbstractItemModel::dataChanged);
-        m_queue->jobs().at(0)->setProgress(0.4);
+        m->queue.add(files({"a.wav", "b.wav", "c.wav"}));
+        QSignalSpy changed(&m->model, &QAbstractItemModel::dataChanged);
+        m->queue.jobs().at(0)->setProgress(0.4);
         QVERIFY(!changed.isEmpty());
         QCOMPARE(changed.last().at(0).value<QModelIndex>().row(), 0);
-        QCOMPARE(m_model->index(0).data(JobListModel::StatusTextRole).toString(),
+        QCOMPARE(m->model.index(0).data(JobListModel::StatusTextRole).toString(),
                  QStringLiteral("Analyzing\u2026 40%"));
 
         // Once out of the list, a job that still runs reports into no row.
-        LevelingJob* running = m_queue->jobs().at(0);
-        m_queue->remove(running);
+        LevelingJob* running = m->queue.jobs().at(0);
+        m->queue.remove(running);
         changed.clear();
         running->setProgress(0.5);
         QVERIFY(changed.isEmpty());
-        m_queue->jobs().at(1)->cancel();
+        m->queue.jobs().at(1)->cancel();
         QVERIFY(!changed.isEmpty());
         for (const QList<QVariant>& change : std::as_const(changed)) {
             QCOMPARE(change.at(0).value<QModelIndex>().row(), 1);
         }
     }
 
-    // A gain that rounds to zero keeps its plus; the main window's row tests
-    // pin the rest of the line.
-    void detailReadsAGainJustBelowZeroAsPlusZero() {
-        LevelingReport report;
-        report.outputURL = "/x/a leveled.m4a";
-        report.minGain = -0.04;
-        report.maxGain = 6.5;
-        report.limiterGainReduction = 1.4;
-        QCOMPARE(ReportText::detail(report),
-                 QStringLiteral("gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a"));
-    }
-
 private:
-    std::unique_ptr<QueueFixture> m_fixture;
-    JobQueue* m_queue = nullptr;
-    std::unique_ptr<JobListModel> m_model;
-    std::unique_ptr<QAbstractItemModelTester> m_tester;
+    std::unique_ptr<Setup> m;
 };
 
 QTEST_GUILESS_MAIN(JobListModelTest)

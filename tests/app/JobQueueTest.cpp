@@ -31,22 +31,23 @@ public:
 };
 
 // The real engine, pausing after each progress report (about 20 per second of
-// audio) so that a run lasts long enough for a test to act on it.
-const JobQueue::Engine slowedEngine =
-    [](const std::filesystem::path& source, const auto& destination, auto existing,
-       const auto& parameters, double ceiling, bool mono, const auto& sidecar, const auto& progress,
-       const auto& isCancelled) {
-        const auto pausing = [&progress](const LevelingProgress& value) {
-            progress(value);
-            std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        };
-        return LevelingEngine::process(source, destination, existing, parameters, ceiling, mono,
-                                       sidecar, pausing, isCancelled);
-    };
-
+// audio) so that a run lasts long enough for a test to act on it, and noting
+// the settings it was given.
 struct World {
-    explicit World(const JobQueue::Engine& engine = slowedEngine)
-        : queue(t.settings, {engine, &inhibitor, nullptr, &panels}) {}
+    World()
+        : queue(t.settings,
+                {[this](const std::filesystem::path& source, const auto& destination, auto existing,
+                        const auto& parameters, double ceiling, bool mono, const auto& sidecar,
+                        const auto& progress, const auto& isCancelled) {
+                     seen = {parameters, ceiling};
+                     const auto pausing = [&progress](const LevelingProgress& value) {
+                         progress(value);
+                         std::this_thread::sleep_for(std::chrono::milliseconds(3));
+                     };
+                     return LevelingEngine::process(source, destination, existing, parameters,
+                                                    ceiling, mono, sidecar, pausing, isCancelled);
+                 },
+                 &inhibitor, nullptr, &panels}) {}
     LevelingJob* job(int index) const { return queue.jobs().at(index); }
     auto files() const {
         const std::filesystem::directory_iterator all(media.path());
@@ -57,6 +58,7 @@ struct World {
     TestSettings t;
     LoggingInhibitor inhibitor;
     TestPanels panels;
+    std::pair<LevelingParameters, double> seen; // of the last run
     JobQueue queue;
 };
 
@@ -69,6 +71,9 @@ private slots:
     void runsTheListInOrderOneAtATimeOffTheMainThread() {
         World w;
         w.t.settings.setExportWAVWithVideo(true);
+        w.t.settings.setTargetLoudness(-19.0);
+        w.t.settings.setTruePeakCeiling(-2.0);
+        w.t.settings.setNoiseAwarePauses(false);
         const auto a = sineFile(w.media / "a.wav", 48000, "stereo", 4.0);
         const auto b = sineFile(w.media / "b.mp3", 44100, "mono", 4.0);
         const auto talk = videoFile(w.media / "talk.MOV");
@@ -95,6 +100,7 @@ private slots:
                                        "a leveled 2.wav"}));
         QVERIFY(std::filesystem::exists(w.media / "talk leveled 2.wav")); // the video's sidecar
         QCOMPARE(w.files(), 4 + 5); // the files above and the outputs, one of them a sidecar
+        QVERIFY(w.seen == std::pair(LevelingParameters::forTarget(-19.0, false), -2.0));
 
         // Clearing keeps the running and the waiting job, in their order.
         const auto speech = floatWav(w.media / "speech.wav", speechLike(48000.0, 1, 20.0, 7));
@@ -107,42 +113,6 @@ private slots:
         QCOMPARE(w.job(1)->state(), JobState::waiting());
         QVERIFY(!w.queue.hasFinished());
         QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
-    }
-
-    // A job runs with the settings of the moment it starts; pauses are
-    // noise-aware unless the user chose otherwise.
-    void runsWithTheLoudnessSettings_data() {
-        QTest::addColumn<QVariant>("chosen");
-        QTest::addColumn<bool>("noiseAware");
-        QTest::newRow("pauses never chosen") << QVariant() << true;
-        QTest::newRow("exact pauses") << QVariant(false) << false;
-        QTest::newRow("noise-aware pauses") << QVariant(true) << true;
-    }
-
-    void runsWithTheLoudnessSettings() {
-        QFETCH(QVariant, chosen);
-        QFETCH(bool, noiseAware);
-        LevelingParameters seen;
-        double seenCeiling = 0.0;
-        const JobQueue::Engine recording = [&](const auto& source, const auto& destination,
-                                               auto existing, const auto& parameters,
-                                               double ceiling, bool mono, const auto& sidecar,
-                                               const auto& progress, const auto& isCancelled) {
-            seen = parameters;
-            seenCeiling = ceiling;
-            return LevelingEngine::process(source, destination, existing, parameters, ceiling, mono,
-                                           sidecar, progress, isCancelled);
-        };
-        World w(recording);
-        w.t.settings.setTargetLoudness(-19.0);
-        w.t.settings.setTruePeakCeiling(-2.0);
-        if (chosen.isValid()) {
-            w.t.settings.setNoiseAwarePauses(chosen.toBool());
-        }
-        w.queue.add({urlOf(sineFile(w.media / "a.wav", 48000, "mono", 0.5))});
-        QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
-        QVERIFY(seen == LevelingParameters::forTarget(-19.0, noiseAware));
-        QCOMPARE(seenCeiling, -2.0);
     }
 
     // Whatever the outcome, a run shows it, leaves a file only on success, and
@@ -189,6 +159,9 @@ private slots:
         QTRY_VERIFY(first.isNull() == (how == "remove")); // released once its run ended
         const QString text = first ? first->statusText() : status;
         QVERIFY2(text.contains(status), qPrintable(text));
+        if (!ask) { // the next job ran, with the settings never chosen
+            QVERIFY(w.seen == std::pair(LevelingParameters::forTarget(-16.0, true), -1.0));
+        }
         // The two sources, an output on success and the next job's beside its source.
         QCOMPARE(w.files(), (text.contains(" LUFS") ? 3 : 2) + (ask ? 0 : 1));
         QCOMPARE(w.inhibitor.log, "+1-1+2-2");

@@ -1,4 +1,5 @@
 #include "app/LevelingJob.h"
+#include "app/ReportText.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -31,7 +32,8 @@ class LevelingJobTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void statusText_data() {
+    // A job's status, a duration and a report's detail as shown.
+    void texts_data() {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("expected");
         const auto row = [](const char* name, const QString& text, const char* expected) {
@@ -45,29 +47,23 @@ private slots:
             "-23.4 \u2192 -16.0 LUFS \u00b7 3:25 leveled in 42s");
         row("failed", statusOf(JobState::failed("No audio."), 0.4), "No audio.");
         row("cancelled", statusOf(JobState::cancelled(), 0.4), "Cancelled");
+        row("just below a minute", LevelingJob::format(59.49), "59s");
+        row("half rounds up to a minute", LevelingJob::format(59.5), "1:00");
+        row("half rounds up to an hour", LevelingJob::format(3599.5), "1:00:00");
+        row("negative half away from zero", LevelingJob::format(-0.5), "-1s");
+        row("not a number", LevelingJob::format(std::numeric_limits<double>::quiet_NaN()), "--");
+        row("beyond 64 bits", LevelingJob::format(1e19), "--");
+        // A gain that rounds to zero keeps its plus; the main window's row
+        // tests pin the rest of the line.
+        LevelingReport report{"/x/a leveled.m4a", {}, 0.0, 0.0, 0.0, 1.4, -0.04, 6.5};
+        row("gain just below zero", ReportText::detail(report),
+            "gain +0.0 to +6.5 dB \u00b7 limiter 1.4 dB \u00b7 a leveled.m4a");
     }
 
-    void statusText() {
+    void texts() {
         QFETCH(QString, text);
         QFETCH(QString, expected);
         QCOMPARE(text, expected);
-    }
-
-    void format_data() {
-        QTest::addColumn<double>("seconds");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("just below a minute") << 59.49 << "59s";
-        QTest::newRow("half rounds up to a minute") << 59.5 << "1:00";
-        QTest::newRow("half rounds up to an hour") << 3599.5 << "1:00:00";
-        QTest::newRow("negative half away from zero") << -0.5 << "-1s";
-        QTest::newRow("not a number") << std::numeric_limits<double>::quiet_NaN() << "--";
-        QTest::newRow("beyond 64 bits") << 1e19 << "--";
-    }
-
-    void format() {
-        QFETCH(double, seconds);
-        QFETCH(QString, expected);
-        QCOMPARE(LevelingJob::format(seconds), expected);
     }
 
     // Each change is made twice to a job showing "Analyzing… 57%".

@@ -18,6 +18,7 @@
 #include <csignal>
 #include <iterator>
 #include <map>
+#include <regex>
 #include <thread>
 
 #include <sstream>
@@ -58,21 +59,15 @@ std::vector<QJsonObject> jsonLines(const std::string& text) {
     return objects;
 }
 
-TEST(CliTest, LevelsBesideTheSourceWithoutOverwriting) {
-    const TempDir dir;
-    const fs::path source = noiseFile(dir / "talk.wav", 48000, "stereo", 2.0, -30.0);
-    const std::string before = fileBytes(source);
-    for (const char* expected : {"talk leveled.wav", "talk leveled 2.wav", "talk leveled 3.wav"}) {
-        const CliRun r = run({"level", source.string()});
-        ASSERT_EQ(r.status, exitSuccess) << r.err;
-        EXPECT_TRUE(fs::exists(dir / expected)) << expected;
-        EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
-        EXPECT_NE(r.out.find(" LUFS \u00b7 2s leveled in "), std::string::npos) << r.out;
-        EXPECT_NE(r.out.find("gain +"), std::string::npos) << r.out;
-        EXPECT_NE(r.out.find("\n  output -"), std::string::npos) << r.out;
-        EXPECT_NE(r.out.find(" LUFS \u00b7 true peak -"), std::string::npos) << r.out;
+// "a|b|c" as {"a", "b", "c"}, bytes as they are; nothing of an empty text.
+std::vector<std::string> split(std::string_view text, char separator = '|') {
+    std::vector<std::string> parts;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find(separator, at), text.size());
+        parts.emplace_back(text.substr(at, end - at));
+        at = end + 1;
     }
-    EXPECT_EQ(fileBytes(source), before);
+    return parts;
 }
 
 TEST(CliTest, JsonCarriesEveryReportField) {
@@ -82,9 +77,7 @@ TEST(CliTest, JsonCarriesEveryReportField) {
     const CliRun ok = run({"level", "--json", "--wav-sidecar", "--preset", "broadcast",
                            "--output-dir", (dir / "out/new").string(), video.string()});
     ASSERT_EQ(ok.status, exitSuccess) << ok.err;
-    const std::vector<QJsonObject> lines = jsonLines(ok.out);
-    ASSERT_EQ(lines.size(), 1u);
-    const QJsonObject& o = lines[0];
+    const QJsonObject o = jsonLines(ok.out).at(0);
     for (const char* key :
          {"source", "outputURL", "audioSidecarURL", "duration", "inputLoudness", "outputLoudness",
           "limiterGainReduction", "minGain", "maxGain", "activeFraction", "outputTruePeak",
@@ -93,7 +86,6 @@ TEST(CliTest, JsonCarriesEveryReportField) {
     }
     EXPECT_LE(o["outputTruePeak"].toDouble(), -1.0);
     EXPECT_NEAR(o["outputIntegratedLoudness"].toDouble(), -23.0, 0.5);
-    EXPECT_TRUE(o["warnings"].isArray());
     EXPECT_EQ(o["outputURL"].toString().toStdString(),
               (dir / "out/new" / "clip leveled.mov").string());
     EXPECT_EQ(o["audioSidecarURL"].toString().toStdString(),
@@ -154,48 +146,13 @@ TEST(CliTest, OneFailureDoesNotStopTheOthers) {
     }
 }
 
-TEST(CliTest, OutputGoesExactlyWhereAskedButNeverOverTheSource) {
-    const TempDir dir;
-    const fs::path source = noiseFile(dir / "talk.wav");
-    const std::string before = fileBytes(source);
-    EXPECT_EQ(run({"level", "--output", (dir / "final.wav").string(), source.string()}).status,
-              exitSuccess);
-    EXPECT_TRUE(fs::exists(dir / "final.wav"));
-
-    const CliRun same = run({"level", "--output", source.string(), source.string()});
-    EXPECT_EQ(same.status, exitFailure);
-    EXPECT_NE(same.err.find("source"), std::string::npos) << same.err;
-    EXPECT_EQ(fileBytes(source), before);
-}
-
-TEST(CliTest, MeasureReportsTheMixedStream) {
-    const TempDir dir;
-    const fs::path source = sineFile(dir / "tone.wav", 44100, "mono", 3.0, 997.0, -20.0);
-    const CliRun r = run({"measure", "--json", source.string()});
-    ASSERT_EQ(r.status, exitSuccess) << r.err;
-    const QJsonObject o = jsonLines(r.out).at(0);
-    EXPECT_NEAR(o["samplePeak"].toDouble(), -20.0, 0.05);
-    EXPECT_NEAR(o["truePeak"].toDouble(), -20.0, 0.1);
-    // Mean square -23.01 dB; the K-weighting and the offset cancel near 1 kHz.
-    EXPECT_NEAR(o["integratedLoudness"].toDouble(), -23.0, 0.05);
-    EXPECT_NEAR(o["maxShortTerm"].toDouble(), -23.0, 0.05);
-    EXPECT_NEAR(o["loudnessRange"].toDouble(), 0.0, 0.05);
-    EXPECT_EQ(o["sampleRate"].toInt(), 44100);
-    EXPECT_EQ(o["channels"].toInt(), 1);
-    EXPECT_EQ(o["layout"].toString(), "mono");
-    EXPECT_NEAR(o["duration"].toDouble(), 3.0, 0.01);
-
-    const CliRun text = run({"measure", source.string()});
-    EXPECT_NE(text.out.find(" LUFS \u00b7 true peak "), std::string::npos) << text.out;
-    EXPECT_NE(text.out.find("range 0.0 LU \u00b7 max momentary -23.0 LUFS"), std::string::npos)
-        << text.out;
-}
-
 // The same tone on every channel: the meter sums the channels of the file's
-// own layout, surrounds weighing 1.41, the LFE left out.
+// own layout, surrounds weighing 1.41, the LFE left out; the text says what
+// the JSON does, to a tenth.
 struct LayoutCase {
     const char* name;
     const char* layout;
+    int channels;
     double gainOverMono; // dB
 };
 
@@ -203,21 +160,40 @@ class MeasureLayout : public ::testing::TestWithParam<LayoutCase> {};
 
 TEST_P(MeasureLayout, WeighsEachChannel) {
     const TempDir dir;
-    const fs::path source = sineFile(dir / "tone.wav", 48000, GetParam().layout, 3.0, 997.0, -30.0);
+    const LayoutCase& c = GetParam();
+    const fs::path source = sineFile(dir / "tone.wav", 44100, c.layout, 3.0, 997.0, -20.0);
     const CliRun r = run({"measure", "--json", source.string()});
     ASSERT_EQ(r.status, exitSuccess) << r.err;
     const QJsonObject o = jsonLines(r.out).at(0);
-    EXPECT_NEAR(o["integratedLoudness"].toDouble(), -33.0 + GetParam().gainOverMono, 0.05);
-    EXPECT_EQ(o["layout"].toString(), GetParam().layout);
+    // Mean square -23.01 dB a channel; the K-weighting and the offset cancel near 1 kHz.
+    for (const char* key : {"integratedLoudness", "maxMomentary", "maxShortTerm"}) {
+        EXPECT_NEAR(o[key].toDouble(), -23.0 + c.gainOverMono, 0.05) << key;
+    }
+    EXPECT_NEAR(o["loudnessRange"].toDouble(), 0.0, 0.05);
+    EXPECT_NEAR(o["samplePeak"].toDouble(), -20.0, 0.05);
+    EXPECT_NEAR(o["truePeak"].toDouble(), -20.0, 0.1);
+    EXPECT_NEAR(o["duration"].toDouble(), 3.0, 0.01);
+    EXPECT_EQ(o["sampleRate"].toInt(), 44100);
+    EXPECT_EQ(o["channels"].toInt(), c.channels);
+    EXPECT_EQ(o["layout"].toString(), c.layout);
+    const auto tenth = [&o](const char* key) {
+        return QString::number(o[key].toDouble(), 'f', 1).toStdString();
+    };
+    EXPECT_EQ(run({"measure", source.string()}).out,
+              source.string() + ": " + tenth("integratedLoudness") + " LUFS \u00b7 true peak " +
+                  tenth("truePeak") + " dBTP \u00b7 sample peak " + tenth("samplePeak") +
+                  " dBFS \u00b7 3s \u00b7 44100 Hz " + c.layout + "\n  range " +
+                  tenth("loudnessRange") + " LU \u00b7 max momentary " + tenth("maxMomentary") +
+                  " LUFS \u00b7 max short-term " + tenth("maxShortTerm") + " LUFS\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Layouts, MeasureLayout,
-    ::testing::Values(LayoutCase{"Stereo", "stereo", 3.010},
-                      LayoutCase{"FivePointOneBack", "5.1", 7.649},       // 3 + 2 x 1.41
-                      LayoutCase{"FivePointOneSide", "5.1(side)", 7.649}, // the same
-                      LayoutCase{"SevenPointOne", "7.1", 9.365},          // 3 + 4 x 1.41
-                      LayoutCase{"Quad", "quad", 6.830}),                 // 2 + 2 x 1.41
+    ::testing::Values(LayoutCase{"Mono", "mono", 1, 0.0}, LayoutCase{"Stereo", "stereo", 2, 3.010},
+                      LayoutCase{"FivePointOneBack", "5.1", 6, 7.649},       // 3 + 2 x 1.41
+                      LayoutCase{"FivePointOneSide", "5.1(side)", 6, 7.649}, // the same
+                      LayoutCase{"SevenPointOne", "7.1", 8, 9.365},          // 3 + 4 x 1.41
+                      LayoutCase{"Quad", "quad", 4, 6.830}),                 // 2 + 2 x 1.41
     byName);
 
 TEST(CliTest, MeasureReportsEachTrackAndTheirMix) {
@@ -264,13 +240,7 @@ TEST(CliTest, DrawsAPictureBesideEachFile) {
     }
     // Nothing but the tones' warnings and the summary: the drawing's
     // platform keeps quiet.
-    std::istringstream lines(level.err);
-    std::string others;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(": warning: ") == std::string::npos) {
-            others += line + '\n';
-        }
-    }
+    const std::string others = std::regex_replace(level.err, std::regex(".*: warning: .*\n"), "");
     EXPECT_EQ(others.rfind("ostrand-cli: 2 leveled", 0), 0u) << level.err;
 
     const CliRun measure = run({"measure", "--plot", (dir / "talk.svg").string(), a.string()});
@@ -303,49 +273,46 @@ TEST(CliTest, InterruptStopsAndLeavesNothing) {
 
 struct Usage {
     const char* name;
-    std::vector<std::string> args;
+    const char* args; // split at spaces
     const char* message;
 };
 
 class CliUsage : public testing::TestWithParam<Usage> {};
 
 TEST_P(CliUsage, IsRefusedWithStatus2) {
-    const CliRun r = run(GetParam().args);
+    const CliRun r = run(split(GetParam().args, ' '));
     EXPECT_EQ(r.status, exitUsage);
     EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
     EXPECT_TRUE(r.out.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Mistakes, CliUsage,
-    testing::Values(
-        Usage{"nothing", {}, "no command given"}, Usage{"noFiles", {"level"}, "no files given"},
-        Usage{"unknownCommand", {"squash", "a.wav"}, "unknown command"},
-        Usage{"unknownOption", {"level", "--loud", "a.wav"}, "unknown option --loud"},
-        Usage{"badNumber", {"level", "--target", "loud", "a.wav"}, "needs a number"},
-        Usage{"outOfRange", {"level", "--ceiling", "3", "a.wav"}, "must lie between"},
-        Usage{"missingValue", {"level", "a.wav", "--target"}, "needs a value"},
-        Usage{"unknownPreset", {"level", "--preset", "radio", "a.wav"}, "unknown preset"},
-        Usage{"outputTwice", {"level", "--output", "x.wav", "a.wav", "b.wav"}, "exactly one input"},
-        Usage{"wrongOutputExtension", {"level", "--output", "x.mp4", "a.wav"}, "must end in .wav"},
-        Usage{"measureOptions", {"measure", "--mono", "a.wav"}, "measure takes no --mono"},
-        Usage{"measureNoiseAware", {"measure", "--noise-aware", "a.wav"}, "no --noise-aware"},
-        Usage{"measureExact", {"measure", "--exact", "a.wav"}, "measure takes no --exact"},
-        Usage{"exactAndNoiseAware",
-              {"level", "--exact", "--noise-aware", "a.wav"},
-              "--exact and --noise-aware exclude each other"},
-        Usage{"plotTwice", {"level", "--plot", "x.png", "a.wav", "b.wav"}, "exactly one input"},
-        Usage{"plotNotAPicture", {"measure", "--plot", "x.jpg", "a.wav"}, "end in .png or .svg"},
-        Usage{"plotAndPlotDir",
-              {"level", "--plot", "x.svg", "--plot-dir", "p", "a.wav"},
-              "exclude each other"},
-        Usage{"ambiguousAbbreviation", {"level", "--out", "x.wav", "a.wav"}, "--out is ambiguous"},
-        Usage{"valueForAFlag", {"level", "--mono=yes", "a.wav"}, "--mono takes no value"},
-        Usage{"noJobs", {"level", "-j", "0", "a.wav"}, "--jobs must lie between"},
-        Usage{"fractionOfAJob", {"level", "-j", "1.5", "a.wav"}, "whole number"},
-        Usage{"quietAndVerbose", {"level", "-q", "-v", "a.wav"}, "exclude each other"},
-        Usage{"helpOnNothing", {"help", "squash"}, "no help for"}),
-    byName);
+const Usage usages[] = {
+    {"nothing", "", "no command given"},
+    {"noFiles", "level", "no files given"},
+    {"unknownCommand", "squash a.wav", "unknown command"},
+    {"unknownOption", "level --loud a.wav", "unknown option --loud"},
+    {"badNumber", "level --target loud a.wav", "needs a number"},
+    {"outOfRange", "level --ceiling 3 a.wav", "must lie between"},
+    {"missingValue", "level a.wav --target", "needs a value"},
+    {"unknownPreset", "level --preset radio a.wav", "unknown preset"},
+    {"outputTwice", "level --output x.wav a.wav b.wav", "exactly one input"},
+    {"wrongOutputExtension", "level --output x.mp4 a.wav", "must end in .wav"},
+    {"measureOptions", "measure --mono a.wav", "measure takes no --mono"},
+    {"measureNoiseAware", "measure --noise-aware a.wav", "no --noise-aware"},
+    {"measureExact", "measure --exact a.wav", "measure takes no --exact"},
+    {"exactAndNoiseAware", "level --exact --noise-aware a.wav",
+     "--exact and --noise-aware exclude each other"},
+    {"plotTwice", "level --plot x.png a.wav b.wav", "exactly one input"},
+    {"plotNotAPicture", "measure --plot x.jpg a.wav", "end in .png or .svg"},
+    {"plotAndPlotDir", "level --plot x.svg --plot-dir p a.wav", "exclude each other"},
+    {"ambiguousAbbreviation", "level --out x.wav a.wav", "--out is ambiguous"},
+    {"valueForAFlag", "level --mono=yes a.wav", "--mono takes no value"},
+    {"noJobs", "level -j 0 a.wav", "--jobs must lie between"},
+    {"fractionOfAJob", "level -j 1.5 a.wav", "whole number"},
+    {"quietAndVerbose", "level -q -v a.wav", "exclude each other"},
+    {"helpOnNothing", "help squash", "no help for"}};
+
+INSTANTIATE_TEST_SUITE_P(Mistakes, CliUsage, testing::ValuesIn(usages), byName);
 
 struct SignalCase {
     const char* name;
@@ -425,41 +392,44 @@ INSTANTIATE_TEST_SUITE_P(Signals, CliProcessTest,
 
 // A season's folder: episodes in folders, a text file, a hidden file, and
 // the outputs of an earlier run.
-struct Season {
-    Season() {
-        fs::create_directories(dir / "season/ep2");
-        fs::create_directories(dir / "season/.cache");
-        noiseFile(dir / "season/ep1.wav", 48000, "mono", 1.0);
-        noiseFile(dir / "season/ep2/ep2.mp3", 48000, "mono", 1.0);
-        noiseFile(dir / "season/.cache/hidden.wav", 48000, "mono", 1.0);
-        noiseFile(dir / "season/ep0 leveled 2.wav", 48000, "mono", 1.0);
-        textFile(dir / "season/notes.txt");
-        // Sorts before its target: -r must still level ep1.wav, once.
-        fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
-        // Names from an old Latin-1 disk: bytes that are not UTF-8.
-        fs::create_directories(dir / "\xe9t\xe9");
-        noiseFile(dir / "\xe9t\xe9/caf\xe9.wav", 48000, "mono", 1.0);
+void makeSeason(const fs::path& dir) {
+    fs::create_directories(dir / "season/ep2");
+    fs::create_directories(dir / "season/.cache");
+    for (const char* episode :
+         {"ep1.wav", "ep2/ep2.mp3", ".cache/hidden.wav", "ep0 leveled 2.wav"}) {
+        noiseFile(dir / "season" / episode, 48000, "mono", 1.0);
     }
-    std::string at(const char* path) const { return (dir / path).string(); }
-    // The files an output folder holds, by name.
-    std::vector<std::string> outputs() const {
-        std::vector<std::string> names;
-        std::error_code none; // no folder, no outputs
-        for (const auto& entry : fs::directory_iterator(dir / "out", none)) {
-            names.push_back(entry.path().filename().string());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
+    textFile(dir / "season/notes.txt");
+    // Sorts before its target: -r must still level ep1.wav, once.
+    fs::create_symlink("ep1.wav", dir / "season/a-link.wav");
+    // Names from an old Latin-1 disk: bytes that are not UTF-8.
+    fs::create_directories(dir / "\xe9t\xe9");
+    noiseFile(dir / "\xe9t\xe9/caf\xe9.wav", 48000, "mono", 1.0);
+}
+
+// The names in `folder` (none if it is missing), sorted, joined by '|'; a
+// file holding "earlier" is marked so.
+std::string listing(const fs::path& folder) {
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(folder, none)) {
+        const bool earlier = fileBytes(entry.path()) == "earlier";
+        names.push_back(entry.path().filename().string() + (earlier ? " (earlier)" : ""));
     }
-    TempDir dir;
-};
+    std::sort(names.begin(), names.end());
+    std::string joined;
+    for (const std::string& name : names) {
+        joined += (joined.empty() ? "" : "|") + name;
+    }
+    return joined;
+}
 
 struct InputCase {
     const char* name;
-    std::vector<std::string> args; // "@x" stands for the season's path x
-    std::string standardInput;     // "@x" likewise, one a line
+    const char* args;          // '|'-separated; "@x" stands for the season's path x
+    const char* standardInput; // "@x" likewise, one a line
     int status;
-    std::vector<std::string> outputs;
+    const char* outputs;      // as `listing` gives them
     const char* message = ""; // on standard output or error
     const char* command = "level";
 };
@@ -469,30 +439,31 @@ class CliInputs : public testing::TestWithParam<InputCase> {};
 // Folders, lists and standard input all feed the same batch; leveled files
 // are skipped unless asked for, and only media files are taken from folders.
 TEST_P(CliInputs, TakeTheFilesTheyName) {
-    const Season season;
+    const TempDir dir;
+    makeSeason(dir.path());
     const InputCase& c = GetParam();
     const auto expand = [&](std::string text) {
         for (std::size_t at; (at = text.find('@')) != std::string::npos;) {
             const auto end = text.find_first_of("\n", at);
-            const std::string path = text.substr(at + 1, end - at - 1);
-            text.replace(at, end - at, season.at(path.c_str()));
+            text.replace(at, end - at, (dir / text.substr(at + 1, end - at - 1)).string());
         }
         return text;
     };
-    const fs::path latin1 = season.dir / "\xe9t\xe9/caf\xe9.wav";
+    const fs::path latin1 = dir / "\xe9t\xe9/caf\xe9.wav";
     const std::string latin1Bytes = fileBytes(latin1);
+    const std::vector<std::string> given = split(c.args);
     std::vector<std::string> args{c.command, "-j", "2"};
     if (args.front() == "level") {
-        args.insert(args.end(), {"--output-dir", season.at("out")});
+        args.insert(args.end(), {"--output-dir", (dir / "out").string()});
     }
-    for (const std::string& arg : c.args) {
+    for (const std::string& arg : given) {
         args.push_back(expand(arg));
     }
-    if (std::find(c.args.begin(), c.args.end(), "--input-list") != c.args.end()) {
-        textFile(season.dir / "list.txt", expand("@season/ep1.wav\n@season/ep2/ep2.mp3\n"));
+    if (std::find(given.begin(), given.end(), "--input-list") != given.end()) {
+        textFile(dir / "list.txt", expand("@season/ep1.wav\n@season/ep2/ep2.mp3\n"));
     }
     std::string standardInput = expand(c.standardInput);
-    if (std::find(c.args.begin(), c.args.end(), "-0") != c.args.end()) {
+    if (std::find(given.begin(), given.end(), "-0") != given.end()) {
         std::replace(standardInput.begin(), standardInput.end(), '\n', '\0');
     }
     std::istringstream in(standardInput);
@@ -500,116 +471,67 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
     environment.input = &in;
     const CliRun r = run(args, {}, environment);
     EXPECT_EQ(r.status, c.status) << r.err;
-    if (c.status != exitUsage) {
-        EXPECT_EQ(season.outputs(), c.outputs);
-    }
+    EXPECT_EQ(listing(dir / "out"), c.outputs);
     EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
     EXPECT_EQ(fileBytes(latin1), latin1Bytes);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Batch, CliInputs,
-    testing::Values(InputCase{"FolderNeedsRecursive", {"@season"}, "", exitUsage, {}, "add -r"},
-                    InputCase{"Recursive",
-                              {"-r", "@season"},
-                              "",
-                              exitSuccess,
-                              {"ep1 leveled.wav", "ep2 leveled.m4a"},
-                              "ep0 leveled 2.wav: skipped, a leveled file"},
-                    InputCase{"IncludeLeveled",
-                              {"-r", "--include-leveled", "@season"},
-                              "",
-                              exitSuccess,
-                              {"ep0 leveled 2 leveled.wav", "ep1 leveled.wav", "ep2 leveled.m4a"},
-                              "3 leveled, 0 skipped, 0 failed"},
-                    InputCase{"InputList",
-                              {"--input-list", "@list.txt"},
-                              "",
-                              exitSuccess,
-                              {"ep1 leveled.wav", "ep2 leveled.m4a"}},
-                    InputCase{"LeveledFileNamedByTheUser",
-                              {"@season/ep0 leveled 2.wav"},
-                              "",
-                              exitSuccess,
-                              {"ep0 leveled 2 leveled.wav"}},
-                    InputCase{"InputListFromStandardInput",
-                              {"--input-list", "-"},
-                              "@season/ep1.wav\n@season/ep0 leveled 2.wav\n",
-                              exitSuccess,
-                              {"ep1 leveled.wav"},
-                              "ep0 leveled 2.wav: skipped, a leveled file"},
-                    InputCase{"StandardInput",
-                              {"-"},
-                              "@season/ep1.wav\n@season/notes.txt\n",
-                              exitFailure,
-                              {"ep1 leveled.wav"},
-                              "1 leveled, 0 skipped, 1 failed"},
-                    InputCase{"NulSeparated",
-                              {"-0", "-"},
-                              "@season/ep1.wav\n@season/ep2/ep2.mp3\n",
-                              exitSuccess,
-                              {"ep1 leveled.wav", "ep2 leveled.m4a"}},
-                    InputCase{"LinkAndItsTarget",
-                              {"-r", "@season/a-link.wav", "@season"},
-                              "",
-                              exitSuccess,
-                              {"ep1 leveled.wav", "ep2 leveled.m4a"},
-                              "2 leveled, 1 skipped"},
-                    InputCase{"ControlCharactersInNamesAreEscaped",
-                              {"-"},
-                              "@season/ep1.wav\n@season/\x1b]0;x\a\x1b[2J\xc2\x9b.wav\n",
-                              exitFailure,
-                              {"ep1 leveled.wav"},
-                              "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
-                    InputCase{"NameNotUtf8",
-                              {"@\xe9t\xe9/caf\xe9.wav"},
-                              "",
-                              exitSuccess,
-                              {"caf\xe9 leveled.wav"},
-                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
-                    InputCase{"NameNotUtf8InAFolder",
-                              {"-r", "@\xe9t\xe9"},
-                              "",
-                              exitSuccess,
-                              {"caf\xe9 leveled.wav"},
-                              "dB \u00b7 caf\\xe9 leveled.wav\n"},
-                    InputCase{"NameNotUtf8Measured",
-                              {"--plot-dir", "@\xe9t\xe9", "@\xe9t\xe9/caf\xe9.wav"},
-                              "",
-                              exitSuccess,
-                              {},
-                              "\\xe9t\\xe9/caf\\xe9.wav: -",
-                              "measure"},
-                    InputCase{"SameFileTwice",
-                              {"@season/ep1.wav", "@season/../season/ep1.wav"},
-                              "",
-                              exitSuccess,
-                              {"ep1 leveled.wav"}}),
-    byName);
+const InputCase inputs[] = {
+    {"FolderNeedsRecursive", "@season", "", exitUsage, "", "add -r"},
+    {"Recursive", "-r|@season", "", exitSuccess, "ep1 leveled.wav|ep2 leveled.m4a",
+     "ep0 leveled 2.wav: skipped, a leveled file"},
+    {"IncludeLeveled", "-r|--include-leveled|@season", "", exitSuccess,
+     "ep0 leveled 2 leveled.wav|ep1 leveled.wav|ep2 leveled.m4a", "3 leveled, 0 skipped, 0 failed"},
+    {"InputList", "--input-list|@list.txt", "", exitSuccess, "ep1 leveled.wav|ep2 leveled.m4a"},
+    {"LeveledFileNamedByTheUser", "@season/ep0 leveled 2.wav", "", exitSuccess,
+     "ep0 leveled 2 leveled.wav"},
+    {"InputListFromStandardInput", "--input-list|-", "@season/ep1.wav\n@season/ep0 leveled 2.wav\n",
+     exitSuccess, "ep1 leveled.wav", "ep0 leveled 2.wav: skipped, a leveled file"},
+    {"StandardInput", "-", "@season/ep1.wav\n@season/notes.txt\n", exitFailure, "ep1 leveled.wav",
+     "1 leveled, 0 skipped, 1 failed"},
+    {"NulSeparated", "-0|-", "@season/ep1.wav\n@season/ep2/ep2.mp3\n", exitSuccess,
+     "ep1 leveled.wav|ep2 leveled.m4a"},
+    {"LinkAndItsTarget", "-r|@season/a-link.wav|@season", "", exitSuccess,
+     "ep1 leveled.wav|ep2 leveled.m4a", "2 leveled, 1 skipped"},
+    {"ControlCharactersInNamesAreEscaped", "-",
+     "@season/ep1.wav\n@season/\x1b]0;x\a\x1b[2J\xc2\x9b.wav\n", exitFailure, "ep1 leveled.wav",
+     "season/\\x1b]0;x\\x07\\x1b[2J\\xc2\\x9b.wav: "},
+    {"NameNotUtf8", "@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "caf\xe9 leveled.wav",
+     "dB \u00b7 caf\\xe9 leveled.wav\n"},
+    {"NameNotUtf8InAFolder", "-r|@\xe9t\xe9", "", exitSuccess, "caf\xe9 leveled.wav",
+     "dB \u00b7 caf\\xe9 leveled.wav\n"},
+    {"NameNotUtf8Measured", "--plot-dir|@\xe9t\xe9|@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "",
+     "\\xe9t\\xe9/caf\\xe9.wav: -", "measure"},
+    {"SameFileTwice", "@season/ep1.wav|@season/../season/ep1.wav", "", exitSuccess,
+     "ep1 leveled.wav"}};
+
+INSTANTIATE_TEST_SUITE_P(Batch, CliInputs, testing::ValuesIn(inputs), byName);
 
 struct PolicyCase {
     const char* name;
-    std::vector<std::string> args; // "@out" stands for the output folder
+    const char* args; // '|'-separated; "@out" stands for the folder of the source
     int status;
-    std::vector<std::string> outputs;
-    const char* said = "";         // on standard output or error
-    const char* appears = nullptr; // made in the output folder while the file is leveled
+    const char* outputs;           // the folder afterwards, as `listing` gives it
+    const char* said = "";         // '|'-separated, each on standard output or error
+    const char* appears = nullptr; // made in the folder while the file is leveled
     bool onFat = false;            // no unnamed files, no hard links, no rename that keeps a file
 };
 
 class CliOutputPolicy : public testing::TestWithParam<PolicyCase> {};
 
-// An existing file is replaced only when asked; a dry run writes nothing.
+// An existing file is replaced only when asked, the source never; a dry run
+// writes nothing.
 TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     const TempDir dir;
     const PolicyCase& c = GetParam();
-    const fs::path source = noiseFile(dir / "talk.wav", 48000, "mono", 1.0);
-    fs::permissions(source, fs::perms::owner_read | fs::perms::owner_write);
     fs::create_directory(dir / "out");
+    const fs::path source = noiseFile(dir / "out/talk.wav", 48000, "mono", 1.0);
+    const std::string sourceBytes = fileBytes(source);
+    fs::permissions(source, fs::perms::owner_read | fs::perms::owner_write);
     textFile(dir / "out/talk leveled.wav", "earlier");
     textFile(dir / "out/take.wav", "earlier");
     std::vector<std::string> args{"level"};
-    for (const std::string& arg : c.args) {
+    for (const std::string& arg : split(c.args)) {
         args.push_back(arg.starts_with("@out") ? (dir / "out").string() + arg.substr(4) : arg);
     }
     args.push_back(source.string());
@@ -625,94 +547,65 @@ TEST_P(CliOutputPolicy, KeepsEarlierFilesUnlessForced) {
     });
     AtomicFile::actAsFat(false);
     EXPECT_EQ(r.status, c.status) << r.err;
-    std::vector<std::string> names;
+    EXPECT_EQ(listing(dir / "out"), c.outputs);
+    EXPECT_EQ(fileBytes(source), sourceBytes);
+    // What is made of a private source, picture included, stays private.
     for (const auto& entry : fs::directory_iterator(dir / "out")) {
-        const bool earlier = fileBytes(entry.path()) == "earlier";
-        names.push_back(entry.path().filename().string() + (earlier ? " (earlier)" : ""));
-        // What is made of a private source, picture included, stays private.
-        EXPECT_TRUE(earlier ||
+        EXPECT_TRUE(fileBytes(entry.path()) == "earlier" ||
                     (entry.status().permissions() & fs::perms::others_read) == fs::perms::none)
             << entry.path();
     }
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, c.outputs);
-    EXPECT_NE((r.out + r.err).find(c.said), std::string::npos) << r.out << r.err;
+    for (const std::string& said : split(c.said)) { // ">": on standard output
+        const std::string& where = said.starts_with('>') ? r.out : r.out + r.err;
+        EXPECT_NE(where.find(said.substr(said.starts_with('>'))), std::string::npos)
+            << said << '\n'
+            << r.out << r.err;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Batch, CliOutputPolicy,
-    testing::Values(
-        PolicyCase{"NumbersByDefault",
-                   {"--output-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled 2.wav", "talk leveled.wav (earlier)"},
-                   ""},
-        PolicyCase{"ForceReplaces",
-                   {"-f", "--output-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled.wav"},
-                   ""},
-        PolicyCase{"SkipExisting",
-                   {"--skip-existing", "--output-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "skipped, talk leveled.wav exists"},
-        PolicyCase{"OutputRefusesAnExistingFile",
-                   {"--output", "@out/take.wav"},
-                   exitFailure,
-                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "take.wav exists; add --force"},
-        PolicyCase{"OutputRefusesAFileThatAppears",
-                   {"--output", "@out/late.wav"},
-                   exitFailure,
-                   {"late.wav (earlier)", "take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "late.wav exists; add --force",
-                   "late.wav"},
-        PolicyCase{"PlotRefusesAPictureThatAppears",
-                   {"--output-dir", "@out", "--plot", "@out/talk.png"},
-                   exitFailure,
-                   {"take.wav (earlier)", "talk leveled 2.wav", "talk leveled.wav (earlier)",
-                    "talk.png (earlier)"},
-                   "talk.png exists; add --force",
-                   "talk.png"},
-        PolicyCase{"PlotDirNumbersPastAPicture",
-                   {"--output-dir", "@out", "--plot-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled 2.png (earlier)", "talk leveled 2.wav",
-                    "talk leveled 3.png", "talk leveled.wav (earlier)"},
-                   "talk leveled 3.png",
-                   "talk leveled 2.png"},
-        PolicyCase{"PlotDirNumbersPastAPictureOnFat",
-                   {"--output-dir", "@out", "--plot-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled 2.png (earlier)", "talk leveled 2.wav",
-                    "talk leveled 3.png", "talk leveled.wav (earlier)"},
-                   "talk leveled 3.png",
-                   "talk leveled 2.png",
-                   true},
-        PolicyCase{"OutputRefusesAFileThatAppearsOnFat",
-                   {"--output", "@out/late.wav"},
-                   exitFailure,
-                   {"late.wav (earlier)", "take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "late.wav exists; add --force",
-                   "late.wav",
-                   true},
-        PolicyCase{"NameTooLongFailsFirst",
-                   {"--output", "@out/" + std::string(300, 'a') + ".wav"},
-                   exitFailure,
-                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "aaaa.wav: the name is 304 bytes, more than the 255"},
-        PolicyCase{"OutputForced",
-                   {"--output", "@out/take.wav", "--force"},
-                   exitSuccess,
-                   {"take.wav", "talk leveled.wav (earlier)"},
-                   ""},
-        PolicyCase{"DryRun",
-                   {"-n", "--output-dir", "@out"},
-                   exitSuccess,
-                   {"take.wav (earlier)", "talk leveled.wav (earlier)"},
-                   "talk leveled 2.wav"}),
-    byName);
+const std::string tooLong = "--output|@out/" + std::string(300, 'a') + ".wav";
+
+const PolicyCase policies[] = {
+    {"BesideTheSourceNumbered", "", exitSuccess,
+     "take.wav (earlier)|talk leveled 2.wav|talk leveled.wav (earlier)|talk.wav",
+     ">talk leveled 2.wav|> LUFS \u00b7 1s leveled in |>gain +|>\n  output -|> LUFS \u00b7 true "
+     "peak -"},
+    {"NumbersInTheOutputDir", "--output-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled 2.wav|talk leveled.wav (earlier)|talk.wav"},
+    {"ForceReplaces", "-f|--output-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled.wav|talk.wav"},
+    {"SkipExisting", "--skip-existing|--output-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled.wav (earlier)|talk.wav", "skipped, talk leveled.wav exists"},
+    {"OutputRefusesAnExistingFile", "--output|@out/take.wav", exitFailure,
+     "take.wav (earlier)|talk leveled.wav (earlier)|talk.wav", "take.wav exists; add --force"},
+    {"OutputRefusesTheSource", "--output|@out/talk.wav|--force", exitFailure,
+     "take.wav (earlier)|talk leveled.wav (earlier)|talk.wav", "source"},
+    {"OutputRefusesAFileThatAppears", "--output|@out/late.wav", exitFailure,
+     "late.wav (earlier)|take.wav (earlier)|talk leveled.wav (earlier)|talk.wav",
+     "late.wav exists; add --force", "late.wav"},
+    {"PlotRefusesAPictureThatAppears", "--output-dir|@out|--plot|@out/talk.png", exitFailure,
+     "take.wav (earlier)|talk leveled 2.wav|talk leveled.wav (earlier)|talk.png (earlier)|talk.wav",
+     "talk.png exists; add --force", "talk.png"},
+    {"PlotDirNumbersPastAPicture", "--output-dir|@out|--plot-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled 2.png (earlier)|talk leveled 2.wav|talk leveled 3.png|"
+     "talk leveled.wav (earlier)|talk.wav",
+     "talk leveled 3.png", "talk leveled 2.png"},
+    {"PlotDirNumbersPastAPictureOnFat", "--output-dir|@out|--plot-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled 2.png (earlier)|talk leveled 2.wav|talk leveled 3.png|"
+     "talk leveled.wav (earlier)|talk.wav",
+     "talk leveled 3.png", "talk leveled 2.png", true},
+    {"OutputRefusesAFileThatAppearsOnFat", "--output|@out/late.wav", exitFailure,
+     "late.wav (earlier)|take.wav (earlier)|talk leveled.wav (earlier)|talk.wav",
+     "late.wav exists; add --force", "late.wav", true},
+    {"NameTooLongFailsFirst", tooLong.c_str(), exitFailure,
+     "take.wav (earlier)|talk leveled.wav (earlier)|talk.wav",
+     "aaaa.wav: the name is 304 bytes, more than the 255"},
+    {"OutputForced", "--output|@out/take.wav|--force", exitSuccess,
+     "take.wav|talk leveled.wav (earlier)|talk.wav"},
+    {"DryRun", "-n|--output-dir|@out", exitSuccess,
+     "take.wav (earlier)|talk leveled.wav (earlier)|talk.wav", "talk leveled 2.wav"}};
+
+INSTANTIATE_TEST_SUITE_P(Batch, CliOutputPolicy, testing::ValuesIn(policies), byName);
 
 // Options as a well-kept parser takes them.
 TEST(CliTest, ParsesLikeAWellKeptTool) {
@@ -746,17 +639,13 @@ TEST(CliTest, PausesAreNoiseAwareUnlessExact) {
                    room.channels[0].begin(), std::plus<>());
     const fs::path source = floatWav(dir / "room.wav", room);
     std::map<std::string, double> active;
-    for (const std::string mode : {"", "--noise-aware", "--exact"}) {
-        std::vector<std::string> args{"level", "--json", "-f", source.string()};
-        if (!mode.empty()) {
-            args.insert(args.begin() + 1, mode);
-        }
-        const CliRun r = run(args);
+    for (const std::string mode : {"-f", "--noise-aware", "--exact"}) { // -f twice: neither
+        const CliRun r = run({"level", "--json", "-f", mode, source.string()});
         ASSERT_EQ(r.status, exitSuccess) << r.err;
         active[mode] = jsonLines(r.out).at(0)["activeFraction"].toDouble();
     }
-    EXPECT_EQ(active[""], active["--noise-aware"]);
-    EXPECT_GT(active["--exact"], active[""] + 0.1);
+    EXPECT_EQ(active["-f"], active["--noise-aware"]);
+    EXPECT_GT(active["--exact"], active["-f"] + 0.1);
 }
 
 // The progress line names the batch's place and fits the terminal.

@@ -59,8 +59,9 @@ private:
         m_pending.remove(socket);
         ++m_counts[path];
         const Response response = m_routes.value(path, Response{404, "not here", {}, -1});
-        QByteArray out = "HTTP/1.0 " + QByteArray::number(response.status) + ' ' +
-                         reason(response.status) + "\r\n";
+        // Only a failure's reason phrase is ever shown.
+        QByteArray out = "HTTP/1.0 " + QByteArray::number(response.status) +
+                         (response.status == 404 ? " Not Found\r\n" : " OK\r\n");
         out += "Content-Length: " +
                QByteArray::number(response.declaredLength >= 0 ? response.declaredLength
                                                                : response.body.size()) +
@@ -88,21 +89,6 @@ private:
                     }
                 });
         timer->start(trickle->second);
-    }
-
-    static QByteArray reason(int status) {
-        switch (status) {
-        case 200:
-            return "OK";
-        case 301:
-            return "Moved Permanently";
-        case 302:
-            return "Found";
-        case 404:
-            return "Not Found";
-        default:
-            return "Status";
-        }
     }
 
     QTcpServer m_server;
