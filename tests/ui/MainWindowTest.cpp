@@ -240,12 +240,15 @@ private slots:
 
     void clearFinishedShownWhileAJobHasEnded_data() {
         QTest::addColumn<JobState>("state");
-        QTest::newRow("finished") << JobState::finished();
-        QTest::newRow("failed") << JobState::failed(QStringLiteral("no"));
-        QTest::newRow("cancelled") << JobState::cancelled();
+        QTest::addColumn<QString>("control"); // of the ended row
+        // Finished without a report, the row has nothing to show or reveal.
+        QTest::newRow("finished") << JobState::finished() << QString();
+        QTest::newRow("failed") << JobState::failed(QStringLiteral("no")) << "edit-delete";
+        QTest::newRow("cancelled") << JobState::cancelled() << "edit-delete";
     }
     void clearFinishedShownWhileAJobHasEnded() {
         QFETCH(JobState, state);
+        QFETCH(QString, control);
         QAction* clear = m_window->clearFinishedAction();
         m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
                               QueueFixture::file(QStringLiteral("b.wav"))});
@@ -253,6 +256,11 @@ private slots:
         LevelingJob* second = m_fixture->queue.jobs().at(1);
         second->setState(state);
         QVERIFY(clear->isVisible());
+        JobRow* row = m_window->jobList()->rowAt(1);
+        QCOMPARE(row->controlSymbol(), control);
+        QCOMPARE(row->findChild<QToolButton*>(QStringLiteral("control"))->isVisible(),
+                 !control.isEmpty());
+        QVERIFY(!row->findChild<QLabel*>(QStringLiteral("detail"))->isVisible());
         m_fixture->queue.remove(second);
         QVERIFY(!clear->isVisible());
         m_fixture->queue.jobs().at(0)->setState(state);
@@ -372,16 +380,6 @@ private slots:
         }
     }
 
-    void finishedWithoutReportHasNoControl() {
-        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
-                              QueueFixture::file(QStringLiteral("b.wav"))});
-        m_fixture->queue.jobs().at(1)->setState(JobState::finished());
-        JobRow* row = m_window->jobList()->rowAt(1);
-        QVERIFY(row->controlSymbol().isEmpty());
-        QVERIFY(!row->findChild<QToolButton*>(QStringLiteral("control"))->isVisible());
-        QVERIFY(!row->findChild<QLabel*>(QStringLiteral("detail"))->isVisible());
-    }
-
     void longNamesKeepStartAndExtension() {
         const QString name = QStringLiteral("a very long recording name that goes on and on and "
                                             "on until it cannot fit any row at all.wav");
@@ -444,6 +442,10 @@ private slots:
     void loudnessGraphShowsReadsOutExportsAndGoesWithTheRow() {
         fillWithEveryState(m_fixture->queue);
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        // A double-click shows the graph of a finished row only.
+        JobRow* running = m_window->jobList()->rowAt(0);
+        QTest::mouseDClick(running, Qt::LeftButton, {}, running->rect().center());
+        QVERIFY(!m_window->findChild<LoudnessGraphWindow*>());
         LevelingJob* job = m_fixture->queue.jobs().at(2);
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
         menu->actions().at(2)->trigger();
@@ -451,8 +453,11 @@ private slots:
         QVERIFY(graph);
         QVERIFY(QTest::qWaitForWindowExposed(graph));
         QVERIFY(graph->windowTitle().contains(QStringLiteral("talk leveled.m4a")));
-        // The same window again, not a second one.
+        // The same window again, not a second one; another row's is another.
         QCOMPARE(m_window->showLoudnessGraph(*job), graph);
+        JobRow* finished = m_window->jobList()->rowAt(3);
+        QTest::mouseDClick(finished, Qt::LeftButton, {}, finished->rect().center());
+        QTRY_COMPARE(m_window->findChildren<LoudnessGraphWindow*>().size(), 2);
 
         // Over the second half of the talk, in the pause.
         LoudnessPlotView* view = graph->view();
@@ -485,17 +490,6 @@ private slots:
         m_fixture->queue.remove(job);
         QTRY_VERIFY(!watched);
         QTRY_VERIFY(series.expired());
-    }
-
-    void doubleClickOnAFinishedRowShowsItsGraph() {
-        fillWithEveryState(m_fixture->queue);
-        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        JobRow* running = m_window->jobList()->rowAt(0);
-        QTest::mouseDClick(running, Qt::LeftButton, {}, running->rect().center());
-        QVERIFY(!m_window->findChild<LoudnessGraphWindow*>());
-        JobRow* finished = m_window->jobList()->rowAt(3);
-        QTest::mouseDClick(finished, Qt::LeftButton, {}, finished->rect().center());
-        QTRY_VERIFY(m_window->findChild<LoudnessGraphWindow*>());
     }
 
     void deleteCancelsOrRemovesTheSelectedJob() {
