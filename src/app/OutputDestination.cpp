@@ -32,9 +32,8 @@ OutputDestination::OutputDestination(OstrandSettings& settings, QObject* parent)
     , m_settings(settings) {}
 
 QString OutputDestination::permissionMessage(const QString& sourceFileName) {
-    return tr("Ostrand needs permission to save next to \u201c%1\u201d.\nClick Allow to save "
-              "leveled "
-              "files into this folder.")
+    return tr("Ostrand needs permission to save next to \u201c%1\u201d.\n"
+              "Click Allow to save leveled files into this folder.")
         .arg(sourceFileName);
 }
 
