@@ -87,7 +87,7 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
     } catch (const std::exception& error) {
         outcome.message = QString::fromLocal8Bit(error.what());
     } catch (...) {
-        outcome.message = QStringLiteral("An unexpected error stopped the leveling.");
+        outcome.message = JobQueue::tr("An unexpected error stopped the leveling.");
     }
     return outcome;
 }
@@ -310,7 +310,7 @@ void JobQueue::run(LevelingJob* job) {
     m_run->source = job->sourceURL();
     m_run->cancelToken = job->cancelToken();
     if (m_services.sleepInhibitor) {
-        m_run->activity = m_services.sleepInhibitor->begin(QStringLiteral("Leveling audio"));
+        m_run->activity = m_services.sleepInhibitor->begin(tr("Leveling audio"));
     }
     if (m_folderAccess->startAccessing(m_run->source)) {
         m_run->scopes.append(m_run->source);

@@ -65,7 +65,7 @@ void LevelingJob::cancel() {
 QString LevelingJob::statusText() const {
     switch (m_state.kind) {
     case State::Kind::waiting:
-        return QStringLiteral("Waiting\u2026");
+        return tr("Waiting\u2026");
     case State::Kind::running: {
         double percent = m_progress * 100.0;
         if (!std::isfinite(percent)) {
@@ -73,13 +73,13 @@ QString LevelingJob::statusText() const {
         }
         // Truncation toward zero, as the row shows whole percents only.
         const auto whole = static_cast<std::int64_t>(std::clamp(percent, -1e15, 1e15));
-        const QString word = m_phase == LevelingPhase::leveling ? QStringLiteral("Leveling")
-                                                                : QStringLiteral("Analyzing");
-        return word + QStringLiteral("\u2026 ") + QString::number(whole) + u'%';
+        return (m_phase == LevelingPhase::leveling ? tr("Leveling\u2026 %1%")
+                                                   : tr("Analyzing\u2026 %1%"))
+            .arg(whole);
     }
     case State::Kind::finished: {
         if (!m_report) {
-            return QStringLiteral("Done");
+            return tr("Done");
         }
         std::optional<double> elapsedSeconds;
         if (m_startedAt.isValid() && m_finishedAt.isValid()) {
@@ -90,7 +90,7 @@ QString LevelingJob::statusText() const {
     case State::Kind::failed:
         return m_state.message;
     case State::Kind::cancelled:
-        return QStringLiteral("Cancelled");
+        return tr("Cancelled");
     }
     return {};
 }

@@ -32,16 +32,17 @@ OutputDestination::OutputDestination(OstrandSettings& settings, QObject* parent)
     , m_settings(settings) {}
 
 QString OutputDestination::permissionMessage(const QString& sourceFileName) {
-    return QStringLiteral("Ostrand needs permission to save next to \u201c") + sourceFileName +
-           QStringLiteral("\u201d.\nClick Allow to save leveled files into this folder.");
+    return tr("Ostrand needs permission to save next to \u201c%1\u201d.\n"
+              "Click Allow to save leveled files into this folder.")
+        .arg(sourceFileName);
 }
 
 QString OutputDestination::fixedFolderMessage() {
-    return QStringLiteral("Choose the folder where leveled files should be saved.");
+    return tr("Choose the folder where leveled files should be saved.");
 }
 
 QString OutputDestination::savePanelTitle() {
-    return QStringLiteral("Save Leveled File");
+    return tr("Save Leveled File");
 }
 
 OutputDestination::Answer OutputDestination::guarded(Answer answer) {
@@ -155,7 +156,7 @@ void OutputDestination::askForFolder(const std::optional<QUrl>& startingAt, cons
         answer(std::nullopt);
         return;
     }
-    const FolderPanelRequest request{QStringLiteral("Allow"), message, startingAt};
+    const FolderPanelRequest request{tr("Allow"), message, startingAt};
     m_panels->askForFolder(request, guarded(std::move(answer)));
 }
 

@@ -3,6 +3,7 @@
 #include "LevelingJob.h"
 
 #include <QByteArray>
+#include <QCoreApplication>
 #include <QFile>
 #include <QStringList>
 
@@ -12,11 +13,15 @@
 namespace ostrand::ReportText {
 
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds) {
-    const QString elapsed =
-        elapsedSeconds ? QStringLiteral(" in ") + LevelingJob::format(*elapsedSeconds) : QString();
-    return QString::asprintf("%.1f \u2192 %.1f LUFS \u00b7 ", report.inputLoudness,
-                             report.outputLoudness) +
-           LevelingJob::format(report.duration) + QStringLiteral(" leveled") + elapsed;
+    const QString input = QString::asprintf("%.1f", report.inputLoudness);
+    const QString output = QString::asprintf("%.1f", report.outputLoudness);
+    const QString duration = LevelingJob::format(report.duration);
+    if (!elapsedSeconds) {
+        return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled")
+            .arg(input, output, duration);
+    }
+    return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled in %4")
+        .arg(input, output, duration, LevelingJob::format(*elapsedSeconds));
 }
 
 namespace {
@@ -24,9 +29,11 @@ namespace {
 QString figures(const LevelingReport& report) {
     // A gain that rounds to zero reads "+0.0", never "-0.0".
     const auto signedGain = [](double db) { return std::round(db * 10.0) == 0.0 ? 0.0 : db; };
-    return QString::asprintf("gain %+.1f to %+.1f dB \u00b7 limiter %.1f dB \u00b7 ",
-                             signedGain(report.minGain), signedGain(report.maxGain),
-                             report.limiterGainReduction);
+    return QCoreApplication::translate("ReportText", "gain %1 to %2 dB \u00b7 limiter %3 dB")
+               .arg(QString::asprintf("%+.1f", signedGain(report.minGain)),
+                    QString::asprintf("%+.1f", signedGain(report.maxGain)),
+                    QString::asprintf("%.1f", report.limiterGainReduction)) +
+           QStringLiteral(" \u00b7 ");
 }
 
 } // namespace

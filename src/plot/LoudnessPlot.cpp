@@ -457,21 +457,21 @@ void LoudnessPlot::paintLegend(QPainter& painter) const {
     };
     std::vector<Item> items;
     if (s.isLeveled()) {
-        items.push_back({QStringLiteral("Input"), m_colors.input, Item::line});
-        items.push_back({QStringLiteral("Output"), m_colors.output, Item::line});
+        items.push_back({tr("Input"), m_colors.input, Item::line});
+        items.push_back({tr("Output"), m_colors.output, Item::line});
     } else {
-        items.push_back({QStringLiteral("Short-term loudness"), m_colors.output, Item::line});
+        items.push_back({tr("Short-term loudness"), m_colors.output, Item::line});
     }
     if (s.targetLoudness) {
         items.push_back(
-            {QStringLiteral("Target %1 LUFS")
+            {tr("Target %1 LUFS")
                  .arg(QString::number(*s.targetLoudness, 'f', 1).replace(u'-', u'\u2212')),
              m_colors.target, Item::dashed});
     }
     if (s.isLeveled()) {
-        items.push_back({QStringLiteral("Gain"), m_colors.gain, Item::line});
-        items.push_back({QStringLiteral("Limiter"), m_colors.limiter, Item::area});
-        items.push_back({QStringLiteral("Pause"), withAlpha(m_colors.text, 40), Item::area});
+        items.push_back({tr("Gain"), m_colors.gain, Item::line});
+        items.push_back({tr("Limiter"), m_colors.limiter, Item::area});
+        items.push_back({tr("Pause"), withAlpha(m_colors.text, 40), Item::area});
     }
     const double spacing = 14.0;
     double total = 0.0;
@@ -529,7 +529,7 @@ bool LoudnessPlot::save(const QString& path, std::shared_ptr<const LevelingSerie
     // The picture takes its name only once it is complete.
     QSaveFile file(path);
     if (!isPictureName(path)) {
-        reason = QStringLiteral("a picture's name ends in .png or .svg");
+        reason = tr("a picture's name ends in .png or .svg");
     } else if (!file.open(QIODevice::WriteOnly)) {
         reason = file.errorString();
     } else if (!write(file, QFileInfo(path).suffix().toLower(), std::move(series), size, theme,
@@ -562,11 +562,11 @@ bool LoudnessPlot::write(QIODevice& device, const QString& format,
         svg.setSize(size);
         svg.setViewBox(QRect(QPoint(), size));
         svg.setResolution(96);
-        svg.setTitle(title.isEmpty() ? QStringLiteral("Loudness") : title);
-        svg.setDescription(QStringLiteral("Loudness over time"));
+        svg.setTitle(title.isEmpty() ? tr("Loudness") : title);
+        svg.setDescription(tr("Loudness over time"));
         QPainter painter;
         if (!painter.begin(&svg)) {
-            return fail(QStringLiteral("the drawing could not start"));
+            return fail(tr("the drawing could not start"));
         }
         plot.paint(painter);
         painter.end();
@@ -580,7 +580,7 @@ bool LoudnessPlot::write(QIODevice& device, const QString& format,
             const auto* file = qobject_cast<QFileDevice*>(&device);
             return fail(file != nullptr && file->error() != QFileDevice::NoError
                             ? file->errorString()
-                            : QStringLiteral("PNG encoding failed"));
+                            : tr("PNG encoding failed"));
         }
     }
     return true;

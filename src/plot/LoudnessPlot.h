@@ -3,6 +3,7 @@
 #include "media/LevelingReport.h"
 
 #include <QColor>
+#include <QCoreApplication>
 #include <QFont>
 #include <QIODevice>
 #include <QRectF>
@@ -29,6 +30,8 @@ namespace ostrand {
 // A value type; the series is shared, never copied. Any thread, painting into
 // a QImage or a QSvgGenerator; text needs a QGuiApplication (fonts).
 class LoudnessPlot {
+    Q_DECLARE_TR_FUNCTIONS(LoudnessPlot)
+
 public:
     enum class Theme { light, dark };
 

@@ -56,17 +56,16 @@ AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompt
         const QString folder = QCoreApplication::applicationDirPath();
         m_note = folder.startsWith(QLatin1String("/usr/")) &&
                          !folder.startsWith(QLatin1String("/usr/local/"))
-                     ? QStringLiteral("Updates come from your package manager.")
-                     : QStringLiteral("This build has no update feed, so it cannot check for "
-                                      "updates.");
+                     ? tr("Updates come from your package manager.")
+                     : tr("This build has no update feed, so it cannot check for updates.");
     } else if (!key) {
         m_unavailable = QStringLiteral("the update public key is not 32 bytes of base64");
     } else if (const QString refused = UpdateFeed::refusal(feedUrl); !refused.isEmpty()) {
         m_unavailable = QStringLiteral("the update feed address is refused: ") + refused;
     }
     if (m_note.isEmpty() && !m_unavailable.isEmpty()) {
-        m_note = QStringLiteral("This build cannot check for updates: its update feed is not set "
-                                "up correctly.");
+        m_note = tr("This build cannot check for updates: its update feed is not set up "
+                    "correctly.");
     }
     if (!m_unavailable.isEmpty()) {
         m_config.store.reset();
@@ -204,8 +203,8 @@ void AppUpdater::fetched(const QList<AppcastItem>& items) {
         newestUpdate(items, m_config.currentVersion, m_config.store->value(skippedKey).toString());
     if (!update) {
         if (m_userInitiated) {
-            m_prompter->upToDate(QStringLiteral("Ostrand %1 is the newest version available.")
-                                     .arg(m_config.currentVersion));
+            m_prompter->upToDate(
+                tr("Ostrand %1 is the newest version available.").arg(m_config.currentVersion));
         }
         finish();
         return;

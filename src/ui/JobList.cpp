@@ -63,7 +63,7 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
     , m_revealer(revealer)
     , m_view(new QListView(this)) {
     m_view->setObjectName(QStringLiteral("jobs"));
-    m_view->setAccessibleName(QStringLiteral("Jobs"));
+    m_view->setAccessibleName(tr("Jobs"));
     m_view->setModel(&model);
     m_view->setItemDelegate(new RowDelegate(m_view));
     m_view->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -78,13 +78,13 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
     m_view->viewport()->setAutoFillBackground(false);
     m_view->setStyleSheet(QStringLiteral("QListView { background: transparent; }"));
 
-    auto* remove = new QAction(QStringLiteral("Cancel or Remove"), m_view);
+    auto* remove = new QAction(tr("Cancel or Remove"), m_view);
     remove->setShortcut(QKeySequence::Delete);
     remove->setShortcutContext(Qt::WidgetWithChildrenShortcut);
     connect(remove, &QAction::triggered, this, &JobList::deleteSelected);
     m_view->addAction(remove);
 
-    auto* copy = new QAction(QStringLiteral("Copy"), m_view);
+    auto* copy = new QAction(tr("Copy"), m_view);
     copy->setShortcut(QKeySequence::Copy);
     copy->setShortcutContext(Qt::WidgetWithChildrenShortcut);
     connect(copy, &QAction::triggered, this, &JobList::copySelected);
@@ -113,7 +113,7 @@ JobList::JobList(JobQueue& queue, JobListModel& model, FileRevealer* revealer, Q
     hairline->setForegroundRole(QPalette::Mid);
     hairline->setFixedHeight(1);
 
-    auto* footer = new QLabel(QStringLiteral("Drop more files anywhere in this window"), this);
+    auto* footer = new QLabel(tr("Drop more files anywhere in this window"), this);
     footer->setObjectName(QStringLiteral("footer"));
     footer->setAlignment(Qt::AlignCenter);
     footer->setContentsMargins(0, 8, 0, 8);

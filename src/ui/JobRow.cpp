@@ -58,7 +58,7 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
 
     m_icon->setPixmap(fileIcon(job.sourceURL()).pixmap(iconSize, iconSize));
     m_icon->setFixedSize(iconSize, iconSize);
-    m_icon->setAccessibleName(QStringLiteral("File icon"));
+    m_icon->setAccessibleName(tr("File icon"));
 
     m_name->setObjectName(QStringLiteral("name"));
     m_name->setFullText(fileName);
@@ -69,20 +69,20 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     m_progress->setRange(0, progressSteps);
     m_progress->setTextVisible(false);
     m_progress->setFixedHeight(6);
-    m_progress->setAccessibleName(QStringLiteral("Progress"));
+    m_progress->setAccessibleName(tr("Progress"));
 
     m_status->setObjectName(QStringLiteral("status"));
     m_status->setTextFormat(Qt::PlainText);
-    m_status->setAccessibleName(QStringLiteral("Status"));
+    m_status->setAccessibleName(tr("Status"));
 
     m_detail->setObjectName(QStringLiteral("detail"));
-    m_detail->setAccessibleName(QStringLiteral("Details"));
+    m_detail->setAccessibleName(tr("Details"));
     Look::style(m_detail, Look::Text::caption2, Look::Tone::tertiary);
 
     m_notice->setObjectName(QStringLiteral("notice"));
     auto* mark = new QLabel(m_notice);
     mark->setObjectName(QStringLiteral("warningMark"));
-    mark->setAccessibleName(QStringLiteral("Warning"));
+    mark->setAccessibleName(tr("Warning"));
     const int markSize = QFontMetrics(Look::font(Look::Text::caption)).height();
     mark->setPixmap(Look::icon(QStringLiteral("dialog-warning")).pixmap(markSize, markSize));
     mark->setFixedSize(markSize, markSize);
@@ -161,17 +161,17 @@ void JobRow::refresh() {
     case Kind::waiting:
     case Kind::running:
         m_controlSymbol = QStringLiteral("process-stop");
-        tip = QStringLiteral("Cancel");
+        tip = tr("Cancel");
         break;
     case Kind::finished:
         m_controlSymbol = report ? QStringLiteral("folder-open") : QString();
-        tip = QStringLiteral("Show in File Manager");
+        tip = tr("Show in File Manager");
         size = Look::Text::title2;
         break;
     case Kind::failed:
     case Kind::cancelled:
         m_controlSymbol = QStringLiteral("edit-delete");
-        tip = QStringLiteral("Remove");
+        tip = tr("Remove");
         break;
     }
     m_control->setVisible(!m_controlSymbol.isEmpty());
@@ -184,7 +184,7 @@ void JobRow::refresh() {
     }
     setAccessibleDescription(notice.isEmpty()
                                  ? m_job.statusText()
-                                 : m_job.statusText() + QStringLiteral("\nWarning: ") + notice);
+                                 : m_job.statusText() + u'\n' + tr("Warning: %1").arg(notice));
 
     if (hadDetail != !m_detail->isHidden() || hadProgress != !m_progress->isHidden() ||
         hadNotice != notice || kind == Kind::failed) {

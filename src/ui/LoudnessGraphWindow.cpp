@@ -33,7 +33,7 @@ QString signedNumber(double value) {
 }
 
 QString loudnessText(double lufs) {
-    return lufs < silentBelowLufs ? QStringLiteral("silent")
+    return lufs < silentBelowLufs ? LoudnessPlotView::tr("silent")
                                   : signedNumber(lufs) + QStringLiteral(" LUFS");
 }
 
@@ -45,7 +45,7 @@ LoudnessPlotView::LoudnessPlotView(std::shared_ptr<const LevelingSeries> series,
     setObjectName(QStringLiteral("plot"));
     setMouseTracking(true);
     setAttribute(Qt::WA_OpaquePaintEvent);
-    setAccessibleName(QStringLiteral("Loudness graph"));
+    setAccessibleName(tr("Loudness graph"));
 }
 
 QSize LoudnessPlotView::sizeHint() const {
@@ -73,13 +73,12 @@ QString LoudnessPlotView::readoutText(const LoudnessPlot::Readout& r) {
     if (!r.outputLoudness) {
         return text + separator + loudnessText(r.inputLoudness);
     }
-    text += separator + QStringLiteral("input ") + loudnessText(r.inputLoudness);
-    text += separator + QStringLiteral("output ") + loudnessText(*r.outputLoudness);
-    text += separator + QStringLiteral("gain ") + signedNumber(*r.gain) + QStringLiteral(" dB");
-    text += separator + QStringLiteral("limiter ") + signedNumber(-*r.limiterReduction) +
-            QStringLiteral(" dB");
+    text += separator + tr("input %1").arg(loudnessText(r.inputLoudness));
+    text += separator + tr("output %1").arg(loudnessText(*r.outputLoudness));
+    text += separator + tr("gain %1 dB").arg(signedNumber(*r.gain));
+    text += separator + tr("limiter %1 dB").arg(signedNumber(-*r.limiterReduction));
     if (r.pause) {
-        text += separator + QStringLiteral("pause");
+        text += separator + tr("pause");
     }
     return text;
 }
@@ -132,15 +131,15 @@ LoudnessGraphWindow::LoudnessGraphWindow(std::shared_ptr<const LevelingSeries> s
     : QWidget(parent, Qt::Window)
     , m_view(new LoudnessPlotView(std::move(series), this))
     , m_readout(new QLabel(this))
-    , m_export(new QPushButton(QStringLiteral("&Export\u2026"), this))
+    , m_export(new QPushButton(tr("&Export\u2026"), this))
     , m_outputName(std::move(outputName))
     , m_outputFolder(std::move(outputFolder)) {
     setObjectName(QStringLiteral("loudnessGraph"));
     setAttribute(Qt::WA_DeleteOnClose);
-    setWindowTitle(QStringLiteral("Loudness \u2014 ") + m_outputName);
+    setWindowTitle(tr("Loudness \u2014 %1").arg(m_outputName));
     closeWithKeys(this);
 
-    const QString hint = QStringLiteral("Point at the graph to read its values");
+    const QString hint = tr("Point at the graph to read its values");
     m_readout->setObjectName(QStringLiteral("readout"));
     m_readout->setText(hint);
     m_readout->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -150,7 +149,7 @@ LoudnessGraphWindow::LoudnessGraphWindow(std::shared_ptr<const LevelingSeries> s
     });
 
     m_export->setObjectName(QStringLiteral("export"));
-    m_export->setToolTip(QStringLiteral("Save the graph as a PNG or SVG picture"));
+    m_export->setToolTip(tr("Save the graph as a PNG or SVG picture"));
     connect(m_export, &QPushButton::clicked, this, &LoudnessGraphWindow::chooseExportFile);
 
     auto* bar = new QHBoxLayout;
@@ -165,7 +164,7 @@ LoudnessGraphWindow::LoudnessGraphWindow(std::shared_ptr<const LevelingSeries> s
 }
 
 void LoudnessGraphWindow::chooseExportFile() {
-    auto* dialog = new QFileDialog(this, QStringLiteral("Export Loudness Graph"));
+    auto* dialog = new QFileDialog(this, tr("Export Loudness Graph"));
     dialog->setObjectName(QStringLiteral("exportPanel"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setAcceptMode(QFileDialog::AcceptSave);
@@ -191,9 +190,8 @@ bool LoudnessGraphWindow::exportTo(const QString& path) {
                            &error)) {
         return true;
     }
-    auto* box =
-        new QMessageBox(QMessageBox::Warning, QStringLiteral("Export Loudness Graph"),
-                        QStringLiteral("The graph could not be saved."), QMessageBox::Ok, this);
+    auto* box = new QMessageBox(QMessageBox::Warning, tr("Export Loudness Graph"),
+                                tr("The graph could not be saved."), QMessageBox::Ok, this);
     box->setObjectName(QStringLiteral("exportError"));
     box->setInformativeText(QDir::toNativeSeparators(path) + QStringLiteral(": ") + error);
     box->setAttribute(Qt::WA_DeleteOnClose);

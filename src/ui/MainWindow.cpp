@@ -50,10 +50,9 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
     , m_welcome(new WelcomePanel(m_stack))
     , m_jobList(new JobList(queue, *m_model, revealer, m_stack))
     , m_highlight(nullptr)
-    , m_openAction(
-          new QAction(Look::icon(QStringLiteral("list-add")), QStringLiteral("&Open\u2026"), this))
-    , m_clearAction(new QAction(Look::icon(QStringLiteral("edit-clear")),
-                                QStringLiteral("C&lear Finished"), this)) {
+    , m_openAction(new QAction(Look::icon(QStringLiteral("list-add")), tr("&Open\u2026"), this))
+    , m_clearAction(
+          new QAction(Look::icon(QStringLiteral("edit-clear")), tr("C&lear Finished"), this)) {
     setObjectName(QStringLiteral("main"));
     setWindowTitle(QStringLiteral("Ostrand"));
     setMinimumSize(460, 360);
@@ -66,15 +65,15 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
     m_highlight = new DropHighlight(m_stack);
 
     m_openAction->setShortcut(QKeySequence::Open);
-    m_openAction->setToolTip(QStringLiteral("Choose files to level"));
+    m_openAction->setToolTip(tr("Choose files to level"));
     connect(m_openAction, &QAction::triggered, this, &MainWindow::openFiles);
-    m_clearAction->setToolTip(QStringLiteral("Remove finished items from the list"));
+    m_clearAction->setToolTip(tr("Remove finished items from the list"));
     m_clearAction->setVisible(queue.hasFinished());
     connect(m_clearAction, &QAction::triggered, &queue, &JobQueue::clearFinished);
     connect(&queue, &JobQueue::hasFinishedChanged, this,
             [this] { m_clearAction->setVisible(m_queue.hasFinished()); });
 
-    auto* toolbar = addToolBar(QStringLiteral("Toolbar"));
+    auto* toolbar = addToolBar(tr("Toolbar"));
     toolbar->setObjectName(QStringLiteral("toolbar"));
     toolbar->setMovable(false);
     toolbar->setFloatable(false);
@@ -103,25 +102,25 @@ MainWindow::MainWindow(JobQueue& queue, AppUpdater& updater, FileRevealer* revea
 MainWindow::~MainWindow() = default;
 
 void MainWindow::buildMenus() {
-    QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
+    QMenu* file = menuBar()->addMenu(tr("&File"));
     file->addAction(m_openAction);
     file->addAction(m_clearAction);
-    QAction* settings = file->addAction(QStringLiteral("&Settings\u2026"));
+    QAction* settings = file->addAction(tr("&Settings\u2026"));
     settings->setObjectName(QStringLiteral("settingsAction"));
     settings->setShortcut(QKeySequence(QStringLiteral("Ctrl+,")));
     settings->setMenuRole(QAction::PreferencesRole);
     connect(settings, &QAction::triggered, this, &MainWindow::settingsRequested);
     file->addSeparator();
-    QAction* quit = file->addAction(QStringLiteral("&Quit"));
+    QAction* quit = file->addAction(tr("&Quit"));
     quit->setObjectName(QStringLiteral("quitAction"));
     quit->setShortcut(QKeySequence::Quit);
     quit->setMenuRole(QAction::QuitRole);
     connect(quit, &QAction::triggered, this, &MainWindow::quitRequested);
 
-    QMenu* help = menuBar()->addMenu(QStringLiteral("&Help"));
-    QAction* about = help->addAction(QStringLiteral("&About Ostrand"));
+    QMenu* help = menuBar()->addMenu(tr("&Help"));
+    QAction* about = help->addAction(tr("&About Ostrand"));
     connect(about, &QAction::triggered, this, &MainWindow::aboutRequested);
-    m_checkAction = help->addAction(QStringLiteral("Check for &Updates\u2026"));
+    m_checkAction = help->addAction(tr("Check for &Updates\u2026"));
     m_checkAction->setEnabled(m_updater.canCheckForUpdates());
     connect(&m_updater, &AppUpdater::canCheckForUpdatesChanged, m_checkAction,
             [this] { m_checkAction->setEnabled(m_updater.canCheckForUpdates()); });
@@ -154,14 +153,14 @@ bool MainWindow::addDroppedFiles(const QList<QUrl>& files) {
 }
 
 void MainWindow::openFiles() {
-    auto* dialog = new QFileDialog(this, QStringLiteral("Choose video or audio files to level."));
+    auto* dialog = new QFileDialog(this, tr("Choose video or audio files to level."));
     dialog->setObjectName(QStringLiteral("openPanel"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::ExistingFiles);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
     dialog->setNameFilters(
-        {QStringLiteral("Video and audio files (") + JobQueue::acceptedPatterns().join(u' ') + u')',
-         QStringLiteral("All files (*)")});
+        {tr("Video and audio files (%1)").arg(JobQueue::acceptedPatterns().join(u' ')),
+         tr("All files (*)")});
     whenChosen(dialog, this, [this](const QList<QUrl>& files) { m_queue.add(files); });
     dialog->open();
 }
@@ -175,15 +174,15 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
         if (report->audioSidecarURL) {
             outputs << FilePaths::toUrl(*report->audioSidecarURL);
         }
-        connect(menu->addAction(QStringLiteral("Show in File &Manager")), &QAction::triggered, this,
+        connect(menu->addAction(tr("Show in File &Manager")), &QAction::triggered, this,
                 [this, outputs] { reveal(outputs); });
         const QUrl output = outputs.first();
-        connect(menu->addAction(QStringLiteral("&Open")), &QAction::triggered, this,
+        connect(menu->addAction(tr("&Open")), &QAction::triggered, this,
                 [output] { QDesktopServices::openUrl(output); });
         if (report->series) {
             QPointer<LevelingJob> shown(&job);
-            connect(menu->addAction(QStringLiteral("Show Loudness &Graph")), &QAction::triggered,
-                    this, [this, shown] {
+            connect(menu->addAction(tr("Show Loudness &Graph")), &QAction::triggered, this,
+                    [this, shown] {
                         if (shown) {
                             showLoudnessGraph(*shown);
                         }
@@ -194,11 +193,10 @@ QMenu* MainWindow::contextMenu(LevelingJob& job, QWidget* parent) {
     QPointer<LevelingJob> target(&job);
     const JobState::Kind kind = job.state().kind;
     if (kind == JobState::Kind::failed || kind == JobState::Kind::cancelled) {
-        connect(menu->addAction(QStringLiteral("&Retry")), &QAction::triggered, this,
+        connect(menu->addAction(tr("&Retry")), &QAction::triggered, this,
                 [this, target] { m_queue.retry(target); });
     }
-    const QString title =
-        job.state().isActive() ? QStringLiteral("&Cancel") : QStringLiteral("Re&move");
+    const QString title = job.state().isActive() ? tr("&Cancel") : tr("Re&move");
     QAction* remove = menu->addAction(title);
     connect(remove, &QAction::triggered, this, [this, target] {
         if (target) {

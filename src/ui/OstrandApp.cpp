@@ -1,6 +1,7 @@
 #include "OstrandApp.h"
 
 #include "AppInfo.h"
+#include "AppTranslations.h"
 #include "MainWindow.h"
 #include "SettingsWindow.h"
 #include "SingleInstance.h"
@@ -138,20 +139,19 @@ void OstrandApp::askToQuit() {
         return;
     }
     const qsizetype count = unfinishedJobs();
-    const QString jobs =
-        count == 1 ? QStringLiteral("1 Job") : QStringLiteral("%1 Jobs").arg(count);
-    auto* box = new QMessageBox(QMessageBox::Question, QStringLiteral("Quit Ostrand"),
-                                count == 1 ? QStringLiteral("A file is still being leveled.")
-                                           : QStringLiteral("%1 files are still waiting or "
-                                                            "being leveled.")
-                                                 .arg(count),
-                                QMessageBox::NoButton, m_mainWindow.get());
+    const int n = static_cast<int>(count);
+    auto* box =
+        new QMessageBox(QMessageBox::Question, tr("Quit Ostrand"),
+                        count == 1 ? tr("A file is still being leveled.")
+                                   : tr("%n files are still waiting or being leveled.", nullptr, n),
+                        QMessageBox::NoButton, m_mainWindow.get());
     box->setObjectName(QStringLiteral("quitQuestion"));
-    box->setInformativeText(QStringLiteral("Quitting cancels them: the file in progress is not "
-                                           "saved and waiting files are not leveled."));
-    QPushButton* quit =
-        box->addButton(QStringLiteral("&Quit and Cancel ") + jobs, QMessageBox::DestructiveRole);
-    QPushButton* keep = box->addButton(QStringLiteral("&Keep Working"), QMessageBox::RejectRole);
+    box->setInformativeText(tr("Quitting cancels them: the file in progress is not saved and "
+                               "waiting files are not leveled."));
+    QPushButton* quit = box->addButton(count == 1 ? tr("&Quit and Cancel 1 Job")
+                                                  : tr("&Quit and Cancel %n Jobs", nullptr, n),
+                                       QMessageBox::DestructiveRole);
+    QPushButton* keep = box->addButton(tr("&Keep Working"), QMessageBox::RejectRole);
     box->setDefaultButton(keep);
     box->setEscapeButton(keep);
     box->setAttribute(Qt::WA_DeleteOnClose);
@@ -198,11 +198,11 @@ void OstrandApp::windowClosed() {
 }
 
 void OstrandApp::showAbout() {
-    auto* box = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Ostrand"),
+    auto* box = new QMessageBox(QMessageBox::NoIcon, tr("About Ostrand"),
                                 QStringLiteral("Ostrand ") + AppInfo::version(), QMessageBox::Ok,
                                 m_mainWindow.get());
     box->setInformativeText(
-        QStringLiteral("Levels the loudness of speech in audio and video files.\nVersion %1 (%2)")
+        tr("Levels the loudness of speech in audio and video files.\nVersion %1 (%2)")
             .arg(AppInfo::version(), AppInfo::buildNumber()));
     box->setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
     box->setAttribute(Qt::WA_DeleteOnClose);
@@ -219,6 +219,7 @@ int runDesktopApp(int argc, char** argv) {
         QIcon::fromTheme(QStringLiteral("ostrand"), QIcon(QStringLiteral(":/icons/ostrand.svg"))));
     // The shell's own rule decides when closing a window ends the program.
     QApplication::setQuitOnLastWindowClosed(false);
+    const AppTranslations translations(QLocale::system());
 
     // The raw arguments, not QApplication::arguments(): those are text, which
     // cannot hold every name the file system can. QApplication took out its

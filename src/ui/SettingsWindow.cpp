@@ -7,6 +7,7 @@
 #include "Look.h"
 #include "WindowKeys.h"
 #include "app/OstrandSettings.h"
+#include "app/OutputDestination.h"
 
 #include <QAccessibleValueInterface>
 #include <QAccessibleWidget>
@@ -131,9 +132,10 @@ QWidget* beside(QWidget* parent, QWidget* left, QWidget* right) {
     return row;
 }
 
-QGroupBox* section(const QString& title, QWidget* parent) {
+// Named in English whatever the language, for tests and accessibility tools.
+QGroupBox* section(const QString& title, const QString& name, QWidget* parent) {
     auto* box = new QGroupBox(title, parent);
-    box->setObjectName(title);
+    box->setObjectName(name);
     return box;
 }
 
@@ -144,7 +146,7 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
     , m_settings(settings)
     , m_updater(updater) {
     setObjectName(QStringLiteral("settings"));
-    setWindowTitle(QStringLiteral("Ostrand Settings"));
+    setWindowTitle(tr("Ostrand Settings"));
     closeWithKeys(this);
     // The form scrolls when the screen is too small for it (a high scale
     // factor on a small screen).
@@ -184,25 +186,25 @@ SettingsWindow::SettingsWindow(OstrandSettings& settings, AppUpdater& updater, Q
 }
 
 QWidget* SettingsWindow::loudnessSection() {
-    QGroupBox* box = section(QStringLiteral("Loudness"), this);
+    QGroupBox* box = section(tr("Loudness"), QStringLiteral("Loudness"), this);
     auto* form = new QFormLayout(box);
 
     m_target = slider(minTarget, maxTarget, QStringLiteral("Target"), QStringLiteral("LUFS"), box);
-    m_target->setAccessibleName(QStringLiteral("Target loudness"));
+    m_target->setAccessibleName(tr("Target loudness"));
     m_targetValue = valueBox(box);
     m_targetValue->setObjectName(QStringLiteral("targetValue"));
     connect(m_target, &QSlider::valueChanged, this,
             [this](int position) { m_settings.setTargetLoudness(sliderValue(position)); });
-    form->addRow(QStringLiteral("&Target"), beside(box, m_target, m_targetValue));
+    form->addRow(tr("&Target"), beside(box, m_target, m_targetValue));
 
     m_ceiling = slider(minCeiling, maxCeiling, QStringLiteral("True-peak ceiling"),
                        QStringLiteral("dBTP"), box);
-    m_ceiling->setAccessibleName(QStringLiteral("True-peak ceiling"));
+    m_ceiling->setAccessibleName(tr("True-peak ceiling"));
     m_ceilingValue = valueBox(box);
     m_ceilingValue->setObjectName(QStringLiteral("ceilingValue"));
     connect(m_ceiling, &QSlider::valueChanged, this,
             [this](int position) { m_settings.setTruePeakCeiling(sliderValue(position)); });
-    form->addRow(QStringLiteral("True-peak &ceiling"), beside(box, m_ceiling, m_ceilingValue));
+    form->addRow(tr("True-peak &ceiling"), beside(box, m_ceiling, m_ceilingValue));
 
     auto* presets = new QWidget(box);
     auto* presetRow = new QHBoxLayout(presets);
@@ -218,28 +220,26 @@ QWidget* SettingsWindow::loudnessSection() {
     }
     presetRow->addStretch(1);
     // The four buttons need the whole width: the row carries its own label.
-    presetRow->insertWidget(0, new QLabel(QStringLiteral("Presets"), presets));
+    presetRow->insertWidget(0, new QLabel(tr("Presets"), presets));
     presetRow->insertSpacing(1, 8);
     form->addRow(presets);
 
-    m_noiseAware = new QCheckBox(QStringLiteral("Keep room &noise down in pauses"), box);
+    m_noiseAware = new QCheckBox(tr("Keep room &noise down in pauses"), box);
     m_noiseAware->setObjectName(QStringLiteral("noiseAwarePauses"));
-    m_noiseAware->setToolTip(QStringLiteral("On by default: room noise, hum or a music bed between "
-                                            "phrases is not lifted like speech. Off runs the "
-                                            "original plan."));
+    m_noiseAware->setToolTip(tr("On by default: room noise, hum or a music bed between phrases "
+                                "is not lifted like speech. Off runs the original plan."));
     connect(m_noiseAware, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setNoiseAwarePauses(on); });
     form->addRow(m_noiseAware);
-    form->addRow(caption(QStringLiteral("Leveling is a slow, look-ahead gain ride that keeps "
-                                        "speech at a steady level without pumping noise in "
-                                        "pauses, followed by a true-peak limiter. Nothing else "
-                                        "is changed."),
+    form->addRow(caption(tr("Leveling is a slow, look-ahead gain ride that keeps speech at a "
+                            "steady level without pumping noise in pauses, followed by a "
+                            "true-peak limiter. Nothing else is changed."),
                          box));
     return box;
 }
 
 QWidget* SettingsWindow::audioSection() {
-    QGroupBox* box = section(QStringLiteral("Audio"), this);
+    QGroupBox* box = section(tr("Audio"), QStringLiteral("Audio"), this);
     auto* form = new QFormLayout(box);
 
     auto* segments = new QWidget(box);
@@ -248,8 +248,7 @@ QWidget* SettingsWindow::audioSection() {
     segmentRow->setSpacing(0);
     m_channels = new QButtonGroup(box);
     for (OutputChannels channels : allOutputChannels) {
-        const QString title = channels == OutputChannels::mono ? QStringLiteral("&Mono")
-                                                               : QStringLiteral("Keep as &is");
+        const QString title = channels == OutputChannels::mono ? tr("&Mono") : tr("Keep as &is");
         auto* segment = new QPushButton(title, segments);
         segment->setObjectName(rawValue(channels));
         segment->setCheckable(true);
@@ -259,27 +258,25 @@ QWidget* SettingsWindow::audioSection() {
     segmentRow->addStretch(1);
     connect(m_channels, &QButtonGroup::idClicked, this,
             [this](int id) { m_settings.setOutputChannels(static_cast<OutputChannels>(id)); });
-    form->addRow(QStringLiteral("Channels"), segments);
+    form->addRow(tr("Channels"), segments);
     m_channelsCaption = caption({}, box);
     m_channelsCaption->setObjectName(QStringLiteral("channelsCaption"));
     form->addRow(m_channelsCaption);
 
-    m_wav =
-        new QCheckBox(QStringLiteral("Also save a &WAV of the leveled audio for video files"), box);
+    m_wav = new QCheckBox(tr("Also save a &WAV of the leveled audio for video files"), box);
     m_wav->setObjectName(QStringLiteral("exportWAVWithVideo"));
     connect(m_wav, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setExportWAVWithVideo(on); });
     form->addRow(m_wav);
-    m_wavCaption = caption(
-        QStringLiteral("A 24-bit WAV with the same name is written next to the leveled video."),
-        box);
+    m_wavCaption =
+        caption(tr("A 24-bit WAV with the same name is written next to the leveled video."), box);
     m_wavCaption->setObjectName(QStringLiteral("wavCaption"));
     form->addRow(m_wavCaption);
     return box;
 }
 
 QWidget* SettingsWindow::saveLocationSection() {
-    QGroupBox* box = section(QStringLiteral("Save Location"), this);
+    QGroupBox* box = section(tr("Save Location"), QStringLiteral("Save Location"), this);
     m_saveForm = new QFormLayout(box);
 
     auto* radios = new QWidget(box);
@@ -287,10 +284,9 @@ QWidget* SettingsWindow::saveLocationSection() {
     radioColumn->setContentsMargins(0, 0, 0, 0);
     m_saveMode = new QButtonGroup(box);
     for (SaveMode mode : allSaveModes) {
-        const QString title =
-            mode == SaveMode::nextToOriginal ? QStringLiteral("Ne&xt to the original")
-            : mode == SaveMode::askEveryTime ? QStringLiteral("&Ask every time")
-                                             : QStringLiteral("Always use a &folder");
+        const QString title = mode == SaveMode::nextToOriginal ? tr("Ne&xt to the original")
+                              : mode == SaveMode::askEveryTime ? tr("&Ask every time")
+                                                               : tr("Always use a &folder");
         auto* radio = new QRadioButton(title, radios);
         radio->setObjectName(rawValue(mode));
         m_saveMode->addButton(radio, static_cast<int>(mode));
@@ -298,17 +294,17 @@ QWidget* SettingsWindow::saveLocationSection() {
     }
     connect(m_saveMode, &QButtonGroup::idClicked, this,
             [this](int id) { m_settings.setSaveMode(static_cast<SaveMode>(id)); });
-    m_saveForm->addRow(QStringLiteral("Save leveled files"), radios);
+    m_saveForm->addRow(tr("Save leveled files"), radios);
 
     m_folderPath = new ElidedLabel(box);
     m_folderPath->setObjectName(QStringLiteral("folderPath"));
-    auto* choose = new QPushButton(QStringLiteral("C&hoose\u2026"), box);
+    auto* choose = new QPushButton(tr("C&hoose\u2026"), box);
     choose->setObjectName(QStringLiteral("chooseFolder"));
     connect(choose, &QPushButton::clicked, this, &SettingsWindow::chooseFolder);
     m_folderRow = beside(box, m_folderPath, choose);
-    m_saveForm->addRow(QStringLiteral("Folder"), m_folderRow);
+    m_saveForm->addRow(tr("Folder"), m_folderRow);
 
-    m_reveal = new QCheckBox(QStringLiteral("&Show in File Manager when finished"), box);
+    m_reveal = new QCheckBox(tr("&Show in File Manager when finished"), box);
     m_reveal->setObjectName(QStringLiteral("revealWhenDone"));
     connect(m_reveal, &QCheckBox::toggled, this,
             [this](bool on) { m_settings.setRevealWhenDone(on); });
@@ -317,9 +313,9 @@ QWidget* SettingsWindow::saveLocationSection() {
 }
 
 QWidget* SettingsWindow::updatesSection() {
-    QGroupBox* box = section(QStringLiteral("Updates"), this);
+    QGroupBox* box = section(tr("Updates"), QStringLiteral("Updates"), this);
     auto* form = new QFormLayout(box);
-    m_autoCheck = new QCheckBox(QStringLiteral("A&utomatically check for updates"), box);
+    m_autoCheck = new QCheckBox(tr("A&utomatically check for updates"), box);
     m_autoCheck->setObjectName(QStringLiteral("automaticallyChecksForUpdates"));
     connect(m_autoCheck, &QCheckBox::toggled, this,
             [this](bool on) { m_updater.setAutomaticallyChecksForUpdates(on); });
@@ -329,11 +325,10 @@ QWidget* SettingsWindow::updatesSection() {
     m_updatesCaption->setObjectName(QStringLiteral("updatesCaption"));
     form->addRow(m_updatesCaption);
 
-    auto* version = new QLabel(QStringLiteral("Version ") + AppInfo::version() +
-                                   QStringLiteral(" (") + AppInfo::buildNumber() + u')',
-                               box);
+    auto* version =
+        new QLabel(tr("Version %1 (%2)").arg(AppInfo::version(), AppInfo::buildNumber()), box);
     version->setObjectName(QStringLiteral("version"));
-    m_checkNow = new QPushButton(QStringLiteral("Check for U&pdates\u2026"), box);
+    m_checkNow = new QPushButton(tr("Check for U&pdates\u2026"), box);
     m_checkNow->setObjectName(QStringLiteral("checkForUpdates"));
     connect(m_checkNow, &QPushButton::clicked, this, [this] {
         QApplication::setActiveWindow(window());
@@ -365,13 +360,12 @@ void SettingsWindow::fitToScreen() {
 }
 
 void SettingsWindow::chooseFolder() {
-    auto* dialog = new QFileDialog(
-        this, QStringLiteral("Choose the folder where leveled files should be saved."));
+    auto* dialog = new QFileDialog(this, OutputDestination::fixedFolderMessage());
     dialog->setObjectName(QStringLiteral("folderPanel"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly);
-    dialog->setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
+    dialog->setLabelText(QFileDialog::Accept, tr("Choose"));
     whenChosen(dialog, this,
                [this](const QList<QUrl>& folders) { m_settings.setFixedFolder(folders.first()); });
     dialog->open();
@@ -396,9 +390,9 @@ void SettingsWindow::refresh() {
     m_channels->button(static_cast<int>(channels))->setChecked(true);
     m_channelsCaption->setText(
         channels == OutputChannels::mono
-            ? QStringLiteral("Audio is mixed down to a single channel before leveling.")
-            : QStringLiteral("Stereo stays stereo and mono stays mono. Multiple audio tracks are "
-                             "mixed together."));
+            ? tr("Audio is mixed down to a single channel before leveling.")
+            : tr("Stereo stays stereo and mono stays mono. Multiple audio tracks are mixed "
+                 "together."));
     m_wav->setChecked(m_settings.exportWAVWithVideo());
     m_wavCaption->setVisible(m_settings.exportWAVWithVideo());
 
@@ -406,7 +400,7 @@ void SettingsWindow::refresh() {
     m_saveMode->button(static_cast<int>(mode))->setChecked(true);
     m_saveForm->setRowVisible(m_folderRow, mode == SaveMode::fixedFolder);
     const std::optional<QString> folder = m_settings.fixedFolderDisplayPath();
-    m_folderPath->setFullText(folder.value_or(QStringLiteral("Not chosen")));
+    m_folderPath->setFullText(folder.value_or(tr("Not chosen")));
     Look::style(m_folderPath, Look::Text::body,
                 folder ? Look::Tone::primary : Look::Tone::secondary);
     m_reveal->setChecked(m_settings.revealWhenDone());

@@ -22,7 +22,7 @@ QWidget* parentWindow() {
 }
 
 QMessageBox* message(QMessageBox::Icon icon, const QString& text) {
-    auto* box = new QMessageBox(icon, QStringLiteral("Software Update"), text, QMessageBox::Ok,
+    auto* box = new QMessageBox(icon, UpdateDialogs::tr("Software Update"), text, QMessageBox::Ok,
                                 parentWindow());
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setWindowModality(Qt::WindowModal);
@@ -36,13 +36,13 @@ UpdateDialogs::~UpdateDialogs() {
 }
 
 void UpdateDialogs::upToDate(const QString& text) {
-    QMessageBox* box = message(QMessageBox::Information, QStringLiteral("You\u2019re up to date!"));
+    QMessageBox* box = message(QMessageBox::Information, tr("You\u2019re up to date!"));
     box->setInformativeText(text);
     box->open();
 }
 
 void UpdateDialogs::failed(const QString& text) {
-    QMessageBox* box = message(QMessageBox::Warning, QStringLiteral("Update Error"));
+    QMessageBox* box = message(QMessageBox::Warning, tr("Update Error"));
     box->setInformativeText(text);
     box->open();
 }
@@ -50,27 +50,25 @@ void UpdateDialogs::failed(const QString& text) {
 QDialog* UpdateDialogs::makeOfferDialog(const AppcastItem& item, const QString& current,
                                         std::function<void(Choice)> decided, QWidget* parent) {
     auto* dialog = new QDialog(parent);
-    dialog->setWindowTitle(QStringLiteral("Software Update"));
+    dialog->setWindowTitle(tr("Software Update"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::WindowModal);
     dialog->resize(520, 400);
     auto* layout = new QVBoxLayout(dialog);
 
-    auto* heading =
-        new QLabel(QStringLiteral("<b>A new version of Ostrand is available!</b>"), dialog);
+    auto* heading = new QLabel(tr("<b>A new version of Ostrand is available!</b>"), dialog);
     auto* detail = new QLabel(
-        QStringLiteral(
-            "Ostrand %1 is now available\u2014you have %2. Would you like to install it now?")
+        tr("Ostrand %1 is now available\u2014you have %2. Would you like to install it now?")
             .arg(item.shortVersion.toHtmlEscaped(), current.toHtmlEscaped()),
         dialog);
     detail->setWordWrap(true);
     layout->addWidget(heading);
     layout->addWidget(detail);
     if (item.critical) {
-        layout->addWidget(new QLabel(QStringLiteral("This is an important update."), dialog));
+        layout->addWidget(new QLabel(tr("This is an important update."), dialog));
     }
 
-    auto* notesTitle = new QLabel(QStringLiteral("<b>Release Notes:</b>"), dialog);
+    auto* notesTitle = new QLabel(tr("<b>Release Notes:</b>"), dialog);
     auto* notes = new QTextBrowser(dialog);
     notes->setObjectName(QStringLiteral("releaseNotes"));
     // Links go to the browser; nothing in the notes is fetched.
@@ -88,15 +86,15 @@ QDialog* UpdateDialogs::makeOfferDialog(const AppcastItem& item, const QString& 
     auto* buttons = new QHBoxLayout;
     QPushButton* skip = nullptr;
     if (!item.critical) {
-        skip = new QPushButton(QStringLiteral("Skip This Version"), dialog);
+        skip = new QPushButton(tr("Skip This Version"), dialog);
         skip->setObjectName(QStringLiteral("skip"));
         buttons->addWidget(skip);
     }
     buttons->addStretch(1);
-    auto* later = new QPushButton(QStringLiteral("Remind Me Later"), dialog);
+    auto* later = new QPushButton(tr("Remind Me Later"), dialog);
     later->setObjectName(QStringLiteral("later"));
     buttons->addWidget(later);
-    auto* install = new QPushButton(QStringLiteral("Install"), dialog);
+    auto* install = new QPushButton(tr("Install"), dialog);
     install->setObjectName(QStringLiteral("install"));
     install->setDefault(true);
     buttons->addWidget(install);
@@ -125,15 +123,13 @@ void UpdateDialogs::offer(const AppcastItem& item, const QString& current,
 }
 
 void UpdateDialogs::askAutomaticChecks(std::function<void(bool)> decided) {
-    QMessageBox* box =
-        message(QMessageBox::Question, QStringLiteral("Check for updates automatically?"));
+    QMessageBox* box = message(QMessageBox::Question, tr("Check for updates automatically?"));
     box->setInformativeText(
-        QStringLiteral("Should Ostrand look for a newer version once a day? You can change this "
-                       "in the settings at any time."));
+        tr("Should Ostrand look for a newer version once a day? You can change this in the "
+           "settings at any time."));
     box->setStandardButtons(QMessageBox::NoButton);
-    box->addButton(QStringLiteral("Don\u2019t Check"), QMessageBox::RejectRole);
-    QPushButton* yes =
-        box->addButton(QStringLiteral("Check Automatically"), QMessageBox::AcceptRole);
+    box->addButton(tr("Don\u2019t Check"), QMessageBox::RejectRole);
+    QPushButton* yes = box->addButton(tr("Check Automatically"), QMessageBox::AcceptRole);
     box->setDefaultButton(yes);
     QObject::connect(box, &QMessageBox::finished, box, [box, yes, decided = std::move(decided)] {
         decided(box->clickedButton() == yes);
@@ -143,10 +139,9 @@ void UpdateDialogs::askAutomaticChecks(std::function<void(bool)> decided) {
 
 void UpdateDialogs::downloadStarted(const AppcastItem& item, std::function<void()> cancel) {
     delete m_progress;
-    m_progress =
-        new QProgressDialog(QStringLiteral("Downloading Ostrand %1\u2026").arg(item.shortVersion),
-                            QStringLiteral("Cancel"), 0, 100, parentWindow());
-    m_progress->setWindowTitle(QStringLiteral("Software Update"));
+    m_progress = new QProgressDialog(tr("Downloading Ostrand %1\u2026").arg(item.shortVersion),
+                                     tr("Cancel"), 0, 100, parentWindow());
+    m_progress->setWindowTitle(tr("Software Update"));
     m_progress->setWindowModality(Qt::WindowModal);
     m_progress->setAutoClose(false);
     m_progress->setAutoReset(false);

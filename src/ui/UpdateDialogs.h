@@ -2,6 +2,7 @@
 
 #include "UpdatePrompter.h"
 
+#include <QCoreApplication>
 #include <QPointer>
 
 class QDialog;
@@ -14,6 +15,8 @@ namespace ostrand {
 // its release notes, the download's progress, and the one question about
 // automatic checks. Each is window-modal to the active window.
 class UpdateDialogs : public UpdatePrompter {
+    Q_DECLARE_TR_FUNCTIONS(UpdateDialogs)
+
 public:
     UpdateDialogs() = default;
     ~UpdateDialogs() override;

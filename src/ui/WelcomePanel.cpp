@@ -21,22 +21,21 @@ WelcomePanel::WelcomePanel(QWidget* parent)
     auto* symbol = new QLabel(this);
     const int side = qRound(symbolPointSize * logicalDpiY() / 72.0);
     symbol->setPixmap(Look::bundledIcon(QStringLiteral("welcome")).pixmap(side, side));
-    symbol->setAccessibleName(QStringLiteral("Waveform"));
+    symbol->setAccessibleName(tr("Waveform"));
 
-    auto* title = new QLabel(QStringLiteral("Drop a video or audio file"), this);
+    auto* title = new QLabel(tr("Drop a video or audio file"), this);
     title->setObjectName(QStringLiteral("title"));
     Look::style(title, Look::Text::title2, Look::Tone::primary, QFont::DemiBold);
 
-    auto* text =
-        new QLabel(QStringLiteral("The audio is auto-leveled and saved as a new file ending "
-                                  "in \u201cleveled\u201d.\nVideo stays untouched."),
-                   this);
+    auto* text = new QLabel(tr("The audio is auto-leveled and saved as a new file ending in "
+                               "\u201cleveled\u201d.\nVideo stays untouched."),
+                            this);
     text->setObjectName(QStringLiteral("text"));
     text->setAlignment(Qt::AlignCenter);
     text->setWordWrap(true);
     Look::style(text, Look::Text::body, Look::Tone::secondary);
 
-    auto* choose = new QPushButton(QStringLiteral("&Choose Files\u2026"), this);
+    auto* choose = new QPushButton(tr("&Choose Files\u2026"), this);
     choose->setObjectName(QStringLiteral("chooseFiles"));
     choose->setFont(Look::font(Look::Text::title3));
     choose->setMinimumHeight(choose->sizeHint().height() + 6);

@@ -1,5 +1,6 @@
 #include "Appcast.h"
 
+#include <QCoreApplication>
 #include <QLocale>
 #include <QStringList>
 #include <QXmlStreamReader>
@@ -114,12 +115,13 @@ std::variant<QList<AppcastItem>, QString> parseAppcast(const QByteArray& data) {
         }
     }
     if (xml.hasError()) {
-        return QStringLiteral("The update feed is not valid XML (line %1: %2).")
+        return QCoreApplication::translate("ostrand::Appcast",
+                                           "The update feed is not valid XML (line %1: %2).")
             .arg(xml.lineNumber())
             .arg(xml.errorString());
     }
     if (!sawChannel) {
-        return QStringLiteral("The update feed has no channel.");
+        return QCoreApplication::translate("ostrand::Appcast", "The update feed has no channel.");
     }
     return items;
 }

@@ -39,7 +39,7 @@ QString sizeText(qint64 bytes) {
 QString replyError(QNetworkReply* reply) {
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (status >= 400) {
-        return QStringLiteral("the server answered HTTP %1 %2 for %3")
+        return UpdateFeed::tr("the server answered HTTP %1 %2 for %3")
             .arg(status)
             .arg(reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString(),
                  reply->url().toString());
@@ -62,14 +62,14 @@ UpdateFeed::UpdateFeed(QUrl feedUrl, QByteArray publicKey, QString currentVersio
     connect(&m_feedDeadline, &QTimer::timeout, this, [this] {
         if (m_feedReply) {
             m_feedError =
-                QStringLiteral("The update feed did not arrive within %1 seconds.")
+                tr("The update feed did not arrive within %1 seconds.")
                     .arg(std::chrono::ceil<std::chrono::seconds>(m_deadlines.feed).count());
             m_feedReply->abort();
         }
     });
     connect(&m_downloadDeadline, &QTimer::timeout, this, [this] {
         if (m_downloadReply) {
-            m_downloadError = QStringLiteral("The update did not download within %1 seconds.")
+            m_downloadError = tr("The update did not download within %1 seconds.")
                                   .arg(std::chrono::ceil<std::chrono::seconds>(
                                            std::chrono::milliseconds(m_downloadDeadline.interval()))
                                            .count());
@@ -92,12 +92,12 @@ UpdateFeed::~UpdateFeed() {
 
 QString UpdateFeed::refusal(const QUrl& url) {
     if (!url.isValid() || url.host().isEmpty()) {
-        return QStringLiteral("\"%1\" is not a valid address.").arg(url.toString());
+        return tr("\"%1\" is not a valid address.").arg(url.toString());
     }
     if (url.scheme() == u"https" || (url.scheme() == u"http" && isLoopback(url))) {
         return {};
     }
-    return QStringLiteral("\"%1\" is not an https:// address.").arg(url.toString());
+    return tr("\"%1\" is not an https:// address.").arg(url.toString());
 }
 
 QNetworkReply* UpdateFeed::get(const QUrl& url) {
@@ -124,7 +124,7 @@ void UpdateFeed::fetch() {
         return;
     }
     if (const QString refused = refusal(m_feedUrl); !refused.isEmpty()) {
-        emit fetchFailed(QStringLiteral("The update feed cannot be read: ") + refused);
+        emit fetchFailed(tr("The update feed cannot be read: %1").arg(refused));
         return;
     }
     m_feedData.clear();
@@ -134,8 +134,7 @@ void UpdateFeed::fetch() {
     connect(m_feedReply, &QNetworkReply::readyRead, this, [this] {
         m_feedData += m_feedReply->readAll();
         if (m_feedData.size() > m_feedLimit) {
-            m_feedError =
-                QStringLiteral("The update feed is larger than %1.").arg(sizeText(m_feedLimit));
+            m_feedError = tr("The update feed is larger than %1.").arg(sizeText(m_feedLimit));
             m_feedReply->abort();
         }
     });
@@ -152,11 +151,9 @@ void UpdateFeed::feedFinished() {
             m_feedData += reply->readAll();
         }
         if (m_feedData.size() > m_feedLimit) {
-            m_feedError =
-                QStringLiteral("The update feed is larger than %1.").arg(sizeText(m_feedLimit));
+            m_feedError = tr("The update feed is larger than %1.").arg(sizeText(m_feedLimit));
         } else if (reply->error() != QNetworkReply::NoError) {
-            m_feedError =
-                QStringLiteral("The update feed could not be read: %1.").arg(replyError(reply));
+            m_feedError = tr("The update feed could not be read: %1.").arg(replyError(reply));
         }
     }
     if (!m_feedError.isEmpty()) {
@@ -177,17 +174,16 @@ void UpdateFeed::download(const AppcastItem& item) {
         return;
     }
     if (const QString refused = refusal(item.url); !refused.isEmpty()) {
-        emit downloadFailed(QStringLiteral("The update cannot be downloaded: ") + refused);
+        emit downloadFailed(tr("The update cannot be downloaded: %1").arg(refused));
         return;
     }
     if (compareVersions(item.version, m_currentVersion) <= 0) {
-        emit downloadFailed(QStringLiteral("Version \"%1\" is not newer than the running %2.")
+        emit downloadFailed(tr("Version \"%1\" is not newer than the running %2.")
                                 .arg(item.version, m_currentVersion));
         return;
     }
     if (item.length <= 0 || item.edSignature.isEmpty()) {
-        emit downloadFailed(
-            QStringLiteral("The update feed gives no length or signature for the package."));
+        emit downloadFailed(tr("The update feed gives no length or signature for the package."));
         return;
     }
     QString name = QFileInfo(item.url.path()).fileName();
@@ -203,7 +199,7 @@ void UpdateFeed::download(const AppcastItem& item) {
     if (!m_downloadFile->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         const QString error = m_downloadFile->errorString();
         m_downloadFile.reset();
-        emit downloadFailed(QStringLiteral("The update cannot be saved: %1").arg(error));
+        emit downloadFailed(tr("The update cannot be saved: %1").arg(error));
         return;
     }
     m_downloadItem = item;
@@ -229,14 +225,14 @@ void UpdateFeed::downloadReadyRead() {
     while (m_downloadError.isEmpty() && m_downloadReply->bytesAvailable() > 0) {
         const QByteArray chunk = m_downloadReply->read(downloadBufferBytes);
         if (m_downloadFile->size() + chunk.size() > m_downloadItem.length) {
-            m_downloadError = QStringLiteral("The download is longer than the update feed says.");
+            m_downloadError = tr("The download is longer than the update feed says.");
             m_downloadReply->abort();
             return;
         }
         m_downloadHash->add(chunk);
         if (m_downloadFile->write(chunk) != chunk.size()) {
             m_downloadError =
-                QStringLiteral("The update cannot be saved: %1").arg(m_downloadFile->errorString());
+                tr("The update cannot be saved: %1").arg(m_downloadFile->errorString());
             m_downloadReply->abort();
             return;
         }
@@ -271,24 +267,22 @@ void UpdateFeed::downloadFinished() {
         return;
     }
     if (m_downloadError.isEmpty() && reply->error() != QNetworkReply::NoError) {
-        m_downloadError =
-            QStringLiteral("The update could not be downloaded: %1.").arg(replyError(reply));
+        m_downloadError = tr("The update could not be downloaded: %1.").arg(replyError(reply));
     }
     if (m_downloadError.isEmpty()) {
         m_downloadFile->close();
         if (m_downloadFile->size() != m_downloadItem.length) {
-            m_downloadError =
-                QStringLiteral("The download is %1 bytes long, the update feed says %2.")
-                    .arg(m_downloadFile->size())
-                    .arg(m_downloadItem.length);
+            m_downloadError = tr("The download is %1 bytes long, the update feed says %2.")
+                                  .arg(m_downloadFile->size())
+                                  .arg(m_downloadItem.length);
         } else {
             const std::optional<QByteArray> signature =
                 ed25519::decodeBase64(m_downloadItem.edSignature);
             const QByteArray message =
                 ed25519::releaseMessage(m_downloadItem.version, m_downloadHash->result());
             if (!signature || !ed25519::verify(m_publicKey, message, *signature)) {
-                m_downloadError = QStringLiteral("The download's signature does not verify for "
-                                                 "version %1; it was deleted.")
+                m_downloadError = tr("The download's signature does not verify for "
+                                     "version %1; it was deleted.")
                                       .arg(m_downloadItem.version);
             }
         }
@@ -310,7 +304,7 @@ void UpdateFeed::downloadFinished() {
     if (!m_downloadFile->rename(path)) {
         const QString error = m_downloadFile->errorString();
         discardDownload();
-        emit downloadFailed(QStringLiteral("The update cannot be saved: %1").arg(error));
+        emit downloadFailed(tr("The update cannot be saved: %1").arg(error));
         return;
     }
     m_downloadFile.reset();

@@ -1,5 +1,7 @@
 #include "ui/MainWindow.h"
 #include "UiTestSupport.h"
+#include "ui/AppInfo.h"
+#include "ui/AppTranslations.h"
 #include "ui/AppUpdater.h"
 #include "ui/DropHighlight.h"
 #include "ui/ElidedLabel.h"
@@ -23,6 +25,8 @@
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QRegularExpression>
+#include <QScopeGuard>
 #include <QStackedWidget>
 #include <QTemporaryDir>
 #include <QToolButton>
@@ -94,6 +98,32 @@ QStringList unreadableTexts(QWidget& window) {
         }
     }
     return found;
+}
+
+// What a window shows or tells assistive technology in words: its title,
+// labels, buttons, group titles, menu entries, tool tips and accessible names.
+QStringList wordsOf(QWidget& window) {
+    QStringList words{window.windowTitle()};
+    QList<QWidget*> widgets = window.findChildren<QWidget*>();
+    widgets << &window;
+    for (QWidget* widget : widgets) {
+        words << widget->toolTip() << widget->accessibleName();
+        if (auto* label = qobject_cast<QLabel*>(widget)) {
+            words << label->text();
+        } else if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
+            words << button->text();
+        } else if (auto* box = qobject_cast<QGroupBox*>(widget)) {
+            words << box->title();
+        }
+        for (QAction* action : widget->actions()) {
+            words << action->text() << action->toolTip();
+            if (action->menu()) {
+                words << wordsOf(*action->menu());
+            }
+        }
+    }
+    words.removeAll(QString());
+    return words;
 }
 
 } // namespace
@@ -551,6 +581,50 @@ private slots:
         QApplication::setPalette(before);
         QCoreApplication::processEvents();
         QVERIFY2(unreadable.isEmpty(), qPrintable(unreadable.join(QStringLiteral("\n"))));
+    }
+
+    // A German desktop gets German windows: every text of the main window, its
+    // menus and the settings window changes, but names and units that German
+    // writes the same way.
+    void germanLocaleTranslatesEveryText() {
+        TestSettings settings;
+        settings.settings.setSaveMode(SaveMode::fixedFolder);
+        settings.settings.setExportWAVWithVideo(true);
+        const auto words = [&] {
+            AppUpdater updater; // its notes are in the language it starts in
+            MainWindow window(m_fixture->queue, updater, nullptr);
+            SettingsWindow settingsWindow(settings.settings, updater);
+            return wordsOf(window) + wordsOf(settingsWindow);
+        };
+        const QStringList english = words();
+        const QLocale before;
+        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+        const auto restore = qScopeGuard([&] { QLocale::setDefault(before); });
+        const AppTranslations translations{QLocale()};
+        QVERIFY(translations.loaded());
+        const QStringList german = words();
+
+        for (const char* expected :
+             {"&Datei", "\u00d6&ffnen\u2026", "Ein&stellungen\u2026", "Ostrand-Einstellungen",
+              "Video- oder Audiodatei hierher ziehen"}) {
+            QVERIFY2(german.contains(QString::fromUtf8(expected)), expected);
+        }
+        QStringList same{
+            QStringLiteral("Ostrand"), QStringLiteral("Audio"), QStringLiteral("&Mono"),
+            QStringLiteral("Updates"),
+            QStringLiteral("Version %1 (%2)").arg(AppInfo::version(), AppInfo::buildNumber())};
+        for (const LoudnessPreset& preset : LoudnessPreset::all()) {
+            same << preset.name;
+        }
+        QStringList untranslated;
+        for (const QString& text : english) {
+            // Figures and units ("-16.0 LUFS") read the same in every language.
+            const bool hasWords = text.contains(QRegularExpression(QStringLiteral("[a-z]{3}")));
+            if (hasWords && german.contains(text) && !same.contains(text)) {
+                untranslated << text;
+            }
+        }
+        QVERIFY2(untranslated.isEmpty(), qPrintable(untranslated.join(u'\n')));
     }
 
     void checkForUpdatesFollowsTheUpdater() {

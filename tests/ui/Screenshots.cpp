@@ -2,6 +2,7 @@
 // ostrand_screenshots OUTPUT_FOLDER. Meant to run under Xvfb.
 #include "UiTestSupport.h"
 #include "media/LevelingEngine.h"
+#include "ui/AppTranslations.h"
 #include "ui/AppUpdater.h"
 #include "ui/DropHighlight.h"
 #include "ui/JobList.h"
@@ -94,6 +95,8 @@ void coloursPictures(AppUpdater& updater, const QString& suffix) {
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
+    // In the language of LANG, as the program shows itself.
+    const AppTranslations translations(QLocale::system());
     if (argc < 2 || argc > 3) {
         qCritical("usage: ostrand_screenshots OUTPUT_FOLDER [SUFFIX]\n"
                   "  with a suffix, only the main and settings windows, named with it");
