@@ -60,6 +60,15 @@ double contrastRatio(const QColor& a, const QColor& b) {
     return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
 }
 
+// The words a label, a button or a group box shows.
+QString shownText(QWidget* widget) {
+    if (const auto* box = qobject_cast<QGroupBox*>(widget)) {
+        return box->title();
+    }
+    const bool hasText = qobject_cast<QLabel*>(widget) || qobject_cast<QAbstractButton*>(widget);
+    return hasText ? widget->property("text").toString() : QString();
+}
+
 // Every shown, enabled text of the window whose colour reads under 4.5:1
 // (WCAG AA) on what is drawn behind it: the commonest colour of its pixels.
 // Disabled controls are exempt, as in WCAG.
@@ -67,12 +76,7 @@ QStringList unreadableTexts(QWidget& window) {
     const QImage image = window.grab().toImage();
     QStringList found;
     for (QWidget* widget : window.findChildren<QWidget*>()) {
-        const bool labelled =
-            qobject_cast<QLabel*>(widget) || qobject_cast<QAbstractButton*>(widget);
-        const auto* box = qobject_cast<QGroupBox*>(widget);
-        const QString text = box        ? box->title()
-                             : labelled ? widget->property("text").toString()
-                                        : QString();
+        const QString text = shownText(widget);
         if (text.isEmpty() || !widget->isVisibleTo(&window) || !widget->isEnabled()) {
             continue;
         }
@@ -107,14 +111,7 @@ QStringList wordsOf(QWidget& window) {
     QList<QWidget*> widgets = window.findChildren<QWidget*>();
     widgets << &window;
     for (QWidget* widget : widgets) {
-        words << widget->toolTip() << widget->accessibleName();
-        if (auto* label = qobject_cast<QLabel*>(widget)) {
-            words << label->text();
-        } else if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
-            words << button->text();
-        } else if (auto* box = qobject_cast<QGroupBox*>(widget)) {
-            words << box->title();
-        }
+        words << widget->toolTip() << widget->accessibleName() << shownText(widget);
         for (QAction* action : widget->actions()) {
             words << action->text() << action->toolTip();
             if (action->menu()) {
