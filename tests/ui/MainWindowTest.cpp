@@ -60,6 +60,15 @@ double contrastRatio(const QColor& a, const QColor& b) {
     return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
 }
 
+// The words a label, a button or a group box shows.
+QString shownText(QWidget* widget) {
+    if (const auto* box = qobject_cast<QGroupBox*>(widget)) {
+        return box->title();
+    }
+    const bool hasText = qobject_cast<QLabel*>(widget) || qobject_cast<QAbstractButton*>(widget);
+    return hasText ? widget->property("text").toString() : QString();
+}
+
 // Every shown, enabled text of the window whose colour reads under 4.5:1
 // (WCAG AA) on what is drawn behind it: the commonest colour of its pixels.
 // Disabled controls are exempt, as in WCAG.
@@ -67,14 +76,7 @@ QStringList unreadableTexts(QWidget& window) {
     const QImage image = window.grab().toImage();
     QStringList found;
     for (QWidget* widget : window.findChildren<QWidget*>()) {
-        QString text;
-        if (auto* label = qobject_cast<QLabel*>(widget)) {
-            text = label->text();
-        } else if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
-            text = button->text();
-        } else if (auto* box = qobject_cast<QGroupBox*>(widget)) {
-            text = box->title();
-        }
+        const QString text = shownText(widget);
         if (text.isEmpty() || !widget->isVisibleTo(&window) || !widget->isEnabled()) {
             continue;
         }
@@ -109,14 +111,7 @@ QStringList wordsOf(QWidget& window) {
     QList<QWidget*> widgets = window.findChildren<QWidget*>();
     widgets << &window;
     for (QWidget* widget : widgets) {
-        words << widget->toolTip() << widget->accessibleName();
-        if (auto* label = qobject_cast<QLabel*>(widget)) {
-            words << label->text();
-        } else if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
-            words << button->text();
-        } else if (auto* box = qobject_cast<QGroupBox*>(widget)) {
-            words << box->title();
-        }
+        words << widget->toolTip() << widget->accessibleName() << shownText(widget);
         for (QAction* action : widget->actions()) {
             words << action->text() << action->toolTip();
             if (action->menu()) {
@@ -190,24 +185,16 @@ private slots:
         }
         QMimeData data;
         data.setUrls(urls);
-        const QPoint middle = m_window->rect().center();
-
-        QDragEnterEvent enter(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(m_window.get(), &enter);
-        QVERIFY(enter.isAccepted());
+        QVERIFY(dragEnter(data));
         QVERIFY(m_window->dropHighlight()->isVisible());
 
-        QDropEvent drop(middle, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QDropEvent drop({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
         QApplication::sendEvent(m_window.get(), &drop);
         QCOMPARE(drop.isAccepted(), accepted);
         QVERIFY(!m_window->dropHighlight()->isVisible());
-
-        QStringList names;
-        for (const LevelingJob* job : m_fixture->queue.jobs()) {
-            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
-        }
-        QCOMPARE(names, queued);
+        QCOMPARE(queuedNames(), queued);
         QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+        QCOMPARE(m_window->jobList()->isVisible(), !queued.isEmpty());
     }
 
     void openPanelQueuesWhatItConfirms_data() {
@@ -261,53 +248,34 @@ private slots:
             QTest::mouseClick(buttons->button(QDialogButtonBox::Open), Qt::LeftButton);
         }
         QTRY_VERIFY(!panel->isVisible());
-        QStringList names;
-        for (const LevelingJob* job : m_fixture->queue.jobs()) {
-            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
-        }
-        QCOMPARE(names, queued);
+        QCOMPARE(queuedNames(), queued);
     }
 
     void dragLeavingRemovesTheHighlight() {
         QMimeData data;
         data.setUrls({QueueFixture::file(QStringLiteral("a.wav"))});
-        QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(m_window.get(), &enter);
-        QVERIFY(m_window->dropHighlight()->isVisible());
+        QVERIFY(dragEnter(data));
         QDragLeaveEvent leave;
         QApplication::sendEvent(m_window.get(), &leave);
         QVERIFY(!m_window->dropHighlight()->isVisible());
         QVERIFY(m_fixture->queue.jobs().isEmpty());
-
         QMimeData text;
         text.setText(QStringLiteral("not a file"));
-        QDragEnterEvent textEnter({10, 10}, Qt::CopyAction, &text, Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(m_window.get(), &textEnter);
-        QVERIFY(!textEnter.isAccepted());
+        QVERIFY(!dragEnter(text));
         QVERIFY(!m_window->dropHighlight()->isVisible());
-    }
-
-    void welcomeUntilTheFirstJobAndAfterTheLast() {
-        QVERIFY(m_window->welcomePanel()->isVisible());
-        QVERIFY(!m_window->jobList()->isVisible());
-        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.mp4"))});
-        QVERIFY(!m_window->welcomePanel()->isVisible());
-        QVERIFY(m_window->jobList()->isVisible());
-        QCOMPARE(m_window->jobList()->view()->model()->rowCount(), 1);
-        QCOMPARE(m_window->jobList()->findChild<QLabel*>(QStringLiteral("footer"))->text(),
-                 QStringLiteral("Drop more files anywhere in this window"));
-        m_fixture->queue.remove(m_fixture->queue.jobs().first());
-        QVERIFY(m_window->welcomePanel()->isVisible());
     }
 
     void clearFinishedShownWhileAJobHasEnded_data() {
         QTest::addColumn<JobState>("state");
-        QTest::newRow("finished") << JobState::finished();
-        QTest::newRow("failed") << JobState::failed(QStringLiteral("no"));
-        QTest::newRow("cancelled") << JobState::cancelled();
+        QTest::addColumn<QString>("control"); // of the ended row
+        // Finished without a report, the row has nothing to show or reveal.
+        QTest::newRow("finished") << JobState::finished() << QString();
+        QTest::newRow("failed") << JobState::failed(QStringLiteral("no")) << "edit-delete";
+        QTest::newRow("cancelled") << JobState::cancelled() << "edit-delete";
     }
     void clearFinishedShownWhileAJobHasEnded() {
         QFETCH(JobState, state);
+        QFETCH(QString, control);
         QAction* clear = m_window->clearFinishedAction();
         m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
                               QueueFixture::file(QStringLiteral("b.wav"))});
@@ -315,6 +283,11 @@ private slots:
         LevelingJob* second = m_fixture->queue.jobs().at(1);
         second->setState(state);
         QVERIFY(clear->isVisible());
+        JobRow* row = m_window->jobList()->rowAt(1);
+        QCOMPARE(row->controlSymbol(), control);
+        QCOMPARE(row->findChild<QToolButton*>(QStringLiteral("control"))->isVisible(),
+                 !control.isEmpty());
+        QVERIFY(!row->findChild<QLabel*>(QStringLiteral("detail"))->isVisible());
         m_fixture->queue.remove(second);
         QVERIFY(!clear->isVisible());
         m_fixture->queue.jobs().at(0)->setState(state);
@@ -322,6 +295,7 @@ private slots:
         clear->trigger();
         QVERIFY(m_fixture->queue.jobs().isEmpty());
         QVERIFY(!clear->isVisible());
+        QVERIFY(m_window->welcomePanel()->isVisible()); // after the last job as before the first
     }
 
     void rowsShowTheirStateAndControl_data() {
@@ -376,6 +350,13 @@ private slots:
         }
         auto* status = jobRow->findChild<QLabel*>(QStringLiteral("status"));
         QCOMPARE(status->text(), job.statusText());
+        if (job.state().kind == JobState::Kind::failed) {
+            // Red, and the three-line message cut after two.
+            const QColor ink = status->palette().color(QPalette::WindowText);
+            QVERIFY(ink.red() > 2 * ink.green() && ink.red() > 2 * ink.blue());
+            const int line = status->fontMetrics().lineSpacing();
+            QVERIFY(status->height() <= 2 * line && status->height() > line);
+        }
         auto* detailLabel = jobRow->findChild<ElidedLabel*>(QStringLiteral("detail"));
         QCOMPARE(detailLabel->isVisible(), !detail.isEmpty());
         QCOMPARE(detailLabel->fullText(), detail);
@@ -424,26 +405,6 @@ private slots:
             QVERIFY(!listed);
             break;
         }
-    }
-
-    void finishedWithoutReportHasNoControl() {
-        m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav")),
-                              QueueFixture::file(QStringLiteral("b.wav"))});
-        m_fixture->queue.jobs().at(1)->setState(JobState::finished());
-        JobRow* row = m_window->jobList()->rowAt(1);
-        QVERIFY(row->controlSymbol().isEmpty());
-        QVERIFY(!row->findChild<QToolButton*>(QStringLiteral("control"))->isVisible());
-        QVERIFY(!row->findChild<QLabel*>(QStringLiteral("detail"))->isVisible());
-    }
-
-    void failureIsRedAndCutAfterTwoLines() {
-        fillWithEveryState(m_fixture->queue);
-        auto* status = m_window->jobList()->rowAt(4)->findChild<QLabel*>(QStringLiteral("status"));
-        const QColor ink = status->palette().color(QPalette::WindowText);
-        QVERIFY(ink.red() > 2 * ink.green() && ink.red() > 2 * ink.blue());
-        const int line = status->fontMetrics().lineSpacing();
-        QVERIFY(status->height() <= 2 * line);
-        QVERIFY(status->height() > line);
     }
 
     void longNamesKeepStartAndExtension() {
@@ -508,6 +469,10 @@ private slots:
     void loudnessGraphShowsReadsOutExportsAndGoesWithTheRow() {
         fillWithEveryState(m_fixture->queue);
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+        // A double-click shows the graph of a finished row only.
+        JobRow* running = m_window->jobList()->rowAt(0);
+        QTest::mouseDClick(running, Qt::LeftButton, {}, running->rect().center());
+        QVERIFY(!m_window->findChild<LoudnessGraphWindow*>());
         LevelingJob* job = m_fixture->queue.jobs().at(2);
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
         menu->actions().at(2)->trigger();
@@ -515,8 +480,11 @@ private slots:
         QVERIFY(graph);
         QVERIFY(QTest::qWaitForWindowExposed(graph));
         QVERIFY(graph->windowTitle().contains(QStringLiteral("talk leveled.m4a")));
-        // The same window again, not a second one.
+        // The same window again, not a second one; another row's is another.
         QCOMPARE(m_window->showLoudnessGraph(*job), graph);
+        JobRow* finished = m_window->jobList()->rowAt(3);
+        QTest::mouseDClick(finished, Qt::LeftButton, {}, finished->rect().center());
+        QTRY_COMPARE(m_window->findChildren<LoudnessGraphWindow*>().size(), 2);
 
         // Over the second half of the talk, in the pause.
         LoudnessPlotView* view = graph->view();
@@ -530,12 +498,9 @@ private slots:
                                     "gain +6.0 dB \u00b7 limiter 0.0 dB \u00b7 pause")),
                  qPrintable(graph->readout()->text()));
 
+        // Each format's drawing the plot's own tests pin; the window exports at its size.
         const QTemporaryDir dir;
-        for (const char* name : {"graph.png", "graph.svg"}) {
-            const QString path = dir.filePath(QLatin1String(name));
-            QVERIFY(graph->exportTo(path));
-            QVERIFY(QFileInfo(path).size() > 1000);
-        }
+        QVERIFY(graph->exportTo(dir.filePath(QStringLiteral("graph.png"))));
         QCOMPARE(QImage(dir.filePath(QStringLiteral("graph.png"))).size(), view->size());
         QVERIFY(!graph->exportTo(dir.filePath(QStringLiteral("missing/graph.png"))));
         QTRY_VERIFY(graph->findChild<QMessageBox*>(QStringLiteral("exportError")));
@@ -554,24 +519,9 @@ private slots:
         QTRY_VERIFY(series.expired());
     }
 
-    void doubleClickOnAFinishedRowShowsItsGraph() {
-        fillWithEveryState(m_fixture->queue);
-        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        JobRow* running = m_window->jobList()->rowAt(0);
-        QTest::mouseDClick(running, Qt::LeftButton, {}, running->rect().center());
-        QVERIFY(!m_window->findChild<LoudnessGraphWindow*>());
-        JobRow* finished = m_window->jobList()->rowAt(3);
-        QTest::mouseDClick(finished, Qt::LeftButton, {}, finished->rect().center());
-        QTRY_VERIFY(m_window->findChild<LoudnessGraphWindow*>());
-    }
-
     void deleteCancelsOrRemovesTheSelectedJob() {
-        fillWithEveryState(m_fixture->queue);
-        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        QListView* view = m_window->jobList()->view();
+        QListView* view = selectInEveryState(1);
         LevelingJob* waiting = m_fixture->queue.jobs().at(1);
-        view->setCurrentIndex(view->model()->index(1, 0));
-        view->setFocus();
         QTest::keyClick(view, Qt::Key_Delete);
         QCOMPARE(waiting->state().kind, JobState::Kind::cancelled);
         QVERIFY(m_fixture->queue.jobs().contains(waiting));
@@ -580,12 +530,7 @@ private slots:
     }
 
     void copyTakesTheSelectedReport() {
-        fillWithEveryState(m_fixture->queue);
-        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        QListView* view = m_window->jobList()->view();
-        view->setCurrentIndex(view->model()->index(3, 0));
-        view->setFocus();
-        QTest::keySequence(view, QKeySequence::Copy);
+        QTest::keySequence(selectInEveryState(3), QKeySequence::Copy);
         QCOMPARE(
             QGuiApplication::clipboard()->text(),
             QStringLiteral("interview.mov: -23.4 \u2192 -16.0 LUFS \u00b7 3:25 leveled in 42s\n"
@@ -628,9 +573,7 @@ private slots:
         QApplication::setPalette(palette);
         QCoreApplication::processEvents();
         QStringList unreadable = unreadableTexts(*m_window);
-        fillWithEveryState(m_fixture->queue);
-        QListView* view = m_window->jobList()->view();
-        view->setCurrentIndex(view->model()->index(3, 0));
+        selectInEveryState(3);
         unreadable << unreadableTexts(*m_window) << unreadableTexts(settingsWindow);
         QApplication::setPalette(before);
         QCoreApplication::processEvents();
@@ -693,6 +636,29 @@ private slots:
     }
 
 private:
+    QStringList queuedNames() const {
+        QStringList names;
+        for (const LevelingJob* job : m_fixture->queue.jobs()) {
+            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
+        }
+        return names;
+    }
+    bool dragEnter(QMimeData& data) {
+        QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(m_window.get(), &enter);
+        return enter.isAccepted();
+    }
+    // The jobs of fillWithEveryState with one selected, the list focused.
+    QListView* selectInEveryState(int row) {
+        fillWithEveryState(m_fixture->queue);
+        // Keys go to the active window; if it never is, the test fails there.
+        (void)QTest::qWaitForWindowActive(m_window.get());
+        QListView* view = m_window->jobList()->view();
+        view->setCurrentIndex(view->model()->index(row, 0));
+        view->setFocus();
+        return view;
+    }
+
     AppUpdater m_updater;
     TempDir m_dir;
     std::unique_ptr<QueueFixture> m_fixture;

@@ -46,15 +46,6 @@ void saveScreen(const QRect& area, const QString& name) {
         .save(output.filePath(name + QStringLiteral(".png")));
 }
 
-// As when the feed has been reached and a check may start.
-class ReadyUpdater : public AppUpdater {
-public:
-    ReadyUpdater() {
-        actAsConfigured();
-        setCanCheckForUpdates(true);
-    }
-};
-
 // The example recording leveled, or made-up data when it is not at hand
 // (the script runs from the top of the source tree).
 std::shared_ptr<const LevelingSeries> exampleSeries() {
@@ -125,15 +116,12 @@ int main(int argc, char** argv) {
         MainWindow window(fixture.queue, updater, &fixture.revealer);
         window.move(0, 0);
         window.show();
-        save(window, QStringLiteral("main-empty"));
         window.dropHighlight()->show();
         window.dropHighlight()->raise();
         save(window, QStringLiteral("main-drop-highlight"));
         window.dropHighlight()->hide();
 
         fillWithEveryState(fixture.queue);
-        window.resize(560, 640);
-        save(window, QStringLiteral("main-jobs"));
         window.resize(window.minimumSize());
         save(window, QStringLiteral("main-jobs-smallest"));
         window.resize(560, 640);
@@ -200,13 +188,15 @@ int main(int argc, char** argv) {
 
     {
         TestSettings settings;
-        ReadyUpdater ready;
+        // As when the feed has been reached and a check may start.
+        SwitchableUpdater ready;
+        ready.setCanCheckForUpdates(true);
         SettingsWindow window(settings.settings, ready);
         window.show();
         save(window, QStringLiteral("settings-updates-available"));
     }
 
-    coloursPictures(updater, QStringLiteral("-light"));
+    coloursPictures(updater, {}); // the light ones, as the desktop draws by default
     {
         const QPalette light = QApplication::palette();
         QApplication::setPalette(darkPalette());

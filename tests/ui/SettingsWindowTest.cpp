@@ -47,18 +47,16 @@ private slots:
         QTest::addColumn<int>("key");
         QTest::addColumn<double>("stored");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("target to the left end")
-            << "Target" << int(Qt::Key_Home) << -24.0 << "-24.0 LUFS";
-        QTest::newRow("target to the right end")
-            << "Target" << int(Qt::Key_End) << -10.0 << "-10.0 LUFS";
-        QTest::newRow("target one step up")
-            << "Target" << int(Qt::Key_Right) << -15.5 << "-15.5 LUFS";
-        QTest::newRow("ceiling to the bottom")
-            << "True-peak ceiling" << int(Qt::Key_Home) << -3.0 << "-3.0 dBTP";
-        QTest::newRow("ceiling to the top")
-            << "True-peak ceiling" << int(Qt::Key_End) << -0.5 << "-0.5 dBTP";
-        QTest::newRow("ceiling one step down")
-            << "True-peak ceiling" << int(Qt::Key_Left) << -1.5 << "-1.5 dBTP";
+        const auto row = [](const char* name, const char* slider, Qt::Key key, double stored,
+                            const char* shown) {
+            QTest::newRow(name) << slider << int(key) << stored << shown;
+        };
+        row("target to the left end", "Target", Qt::Key_Home, -24.0, "-24.0 LUFS");
+        row("target to the right end", "Target", Qt::Key_End, -10.0, "-10.0 LUFS");
+        row("target one step up", "Target", Qt::Key_Right, -15.5, "-15.5 LUFS");
+        row("ceiling to the bottom", "True-peak ceiling", Qt::Key_Home, -3.0, "-3.0 dBTP");
+        row("ceiling to the top", "True-peak ceiling", Qt::Key_End, -0.5, "-0.5 dBTP");
+        row("ceiling one step down", "True-peak ceiling", Qt::Key_Left, -1.5, "-1.5 dBTP");
     }
     void slidersStoreHalfStepsWithinTheirRanges() {
         QFETCH(QString, slider);
@@ -135,21 +133,6 @@ private slots:
         QVERIFY(!m_window->findChild<QPushButton*>(QStringLiteral("mono"))->isChecked());
     }
 
-    void wavCaptionOnlyWhileTheOptionIsOn() {
-        auto* option = m_window->findChild<QCheckBox*>(QStringLiteral("exportWAVWithVideo"));
-        auto* caption = m_window->findChild<QLabel*>(QStringLiteral("wavCaption"));
-        QVERIFY(!caption->isVisible());
-        QTest::mouseClick(option, Qt::LeftButton);
-        QVERIFY(m_settings->settings.exportWAVWithVideo());
-        QVERIFY(caption->isVisible());
-        QCOMPARE(caption->text(),
-                 QStringLiteral(
-                     "A 24-bit WAV with the same name is written next to the leveled video."));
-        QTest::mouseClick(option, Qt::LeftButton);
-        QVERIFY(!m_settings->settings.exportWAVWithVideo());
-        QVERIFY(!caption->isVisible());
-    }
-
     void folderRowOnlyForAFixedFolder() {
         auto* path = m_window->findChild<ElidedLabel*>(QStringLiteral("folderPath"));
         auto* choose = m_window->findChild<QPushButton*>(QStringLiteral("chooseFolder"));
@@ -183,19 +166,30 @@ private slots:
         QVERIFY(!choose->isVisible());
     }
 
+    // Each click turns the option and its setting over, and its caption
+    // shows only while it is on.
     void optionsWriteTheirSettings_data() {
         QTest::addColumn<QString>("key");
-        QTest::newRow("reveal") << QString(OstrandSettings::Keys::revealWhenDone);
-        QTest::newRow("noise-aware pauses") << QString(OstrandSettings::Keys::noiseAwarePauses);
+        QTest::addColumn<QString>("caption");
+        using Keys = OstrandSettings::Keys;
+        QTest::newRow("reveal") << QString(Keys::revealWhenDone) << QString();
+        QTest::newRow("noise-aware pauses") << QString(Keys::noiseAwarePauses) << QString();
+        QTest::newRow("WAV with video") << QString(Keys::exportWAVWithVideo) << "wavCaption";
     }
-
     void optionsWriteTheirSettings() {
         QFETCH(QString, key);
+        QFETCH(QString, caption);
         auto* option = m_window->findChild<QCheckBox*>(key);
-        const bool before = option->isChecked();
-        // On the box itself: the row is wider than the text that takes clicks.
-        QTest::mouseClick(option, Qt::LeftButton, {}, QPoint(8, option->height() / 2));
-        QCOMPARE(m_settings->settings.property(qPrintable(key)).toBool(), !before);
+        auto* label = caption.isEmpty() ? nullptr : m_window->findChild<QLabel*>(caption);
+        for (const bool before : {option->isChecked(), !option->isChecked()}) {
+            // On the box itself: the row is wider than the text that takes clicks.
+            QTest::mouseClick(option, Qt::LeftButton, {}, QPoint(8, option->height() / 2));
+            QCOMPARE(m_settings->settings.property(qPrintable(key)).toBool(), !before);
+            QCOMPARE(option->isChecked(), !before);
+            if (label) {
+                QCOMPARE(label->isVisible(), !before);
+            }
+        }
     }
 
     void updateControls() {
