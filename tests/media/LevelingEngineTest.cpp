@@ -1,5 +1,6 @@
 #include "media/LevelingEngine.h"
 
+#include "Leveling.h"
 #include "media/OstrandError.h"
 #include "support/MediaFixtures.h"
 #include "support/NamedCases.h"
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace ostrand::test {
 namespace {
@@ -42,22 +44,6 @@ constexpr double fullBandPeakGapDb = 0.3;
 constexpr float pcm24Step = 1.0f / 8388608.0f;
 // Where ffprobe reports the display matrix's rotation.
 constexpr const char* rotation = "side_data_list.side_data.0.rotation";
-
-struct Options {
-    std::optional<fs::path> sidecar;
-    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
-    double targetLufs = target;
-    double ceilingDb = ceiling;
-    bool forceMono = false;
-    LevelingEngine::ProgressHandler progress;
-    LevelingEngine::CancelCheck cancelled;
-};
-
-LevelingReport level(const fs::path& source, const fs::path& destination, const Options& o = {}) {
-    return LevelingEngine::process(source, destination, o.existing,
-                                   LevelingParameters::forTarget(o.targetLufs), o.ceilingDb,
-                                   o.forceMono, o.sidecar, o.progress, o.cancelled);
-}
 
 // The series for the plot tell the report's story frame by frame.
 void expectSeriesAgree(const LevelingReport& report, double targetLufs) {
@@ -564,6 +550,15 @@ INSTANTIATE_TEST_SUITE_P(
                     "^Couldn't read the file: .*not an audio or video file"},
         FailureCase{"Missing", [](const auto& d) { return d / "nothing.mp4"; },
                     "^Couldn't read the file: .*No such file"},
+        // A pipe would block the open for ever; it is refused at once, as a device is.
+        FailureCase{"Pipe",
+                    [](const auto& d) {
+                        ::mkfifo((d / "pipe.wav").c_str(), 0600);
+                        return d / "pipe.wav";
+                    },
+                    "^Couldn't read the file: .*not a regular file"},
+        FailureCase{"Device", [](const auto&) { return fs::path("/dev/zero"); },
+                    "^Couldn't read the file: .*not a regular file"},
         FailureCase{"VideoWithoutAudio",
                     [](const auto& d) { return makeMedia(d / "v.mp4", {.video = {{}}}); },
                     "^This file has no audio track to level\\.$"},
