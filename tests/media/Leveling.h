@@ -2,6 +2,7 @@
 
 #include "media/LevelingEngine.h"
 
+#include <map>
 #include <optional>
 
 namespace ostrand::test {
@@ -22,6 +23,15 @@ inline LevelingReport level(const std::filesystem::path& source,
     return LevelingEngine::process(source, destination, o.existing,
                                    LevelingParameters::forTarget(o.targetLufs), o.ceilingDb,
                                    o.forceMono, o.sidecar, o.progress, o.cancelled);
+}
+
+// Every file and folder under `dir`, hidden ones too, with the files' sizes.
+inline std::map<std::filesystem::path, std::uintmax_t> listing(const std::filesystem::path& dir) {
+    std::map<std::filesystem::path, std::uintmax_t> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir)) {
+        files[entry.path()] = entry.is_regular_file() ? entry.file_size() : 0;
+    }
+    return files;
 }
 
 } // namespace ostrand::test

@@ -384,15 +384,6 @@ struct FailureCase {
 
 class FailureTest : public ::testing::TestWithParam<FailureCase> {};
 
-// Every file and folder under `dir`, with the files' sizes.
-std::map<fs::path, std::uintmax_t> listing(const fs::path& dir) {
-    std::map<fs::path, std::uintmax_t> files;
-    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-        files[entry.path()] = entry.is_regular_file() ? entry.file_size() : 0;
-    }
-    return files;
-}
-
 // Whatever fails, files already at the destination stay as they were and
 // nothing new appears, not even hidden.
 TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {

@@ -17,7 +17,6 @@
 #include <csignal>
 #include <fstream>
 #include <limits>
-#include <set>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -28,14 +27,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using OutputNaming::ExistingFile;
-
-std::set<fs::path> visibleAndHidden(const fs::path& dir) {
-    std::set<fs::path> names;
-    for (const auto& entry : fs::directory_iterator(dir)) {
-        names.insert(entry.path().filename());
-    }
-    return names;
-}
 
 // A child process that runs `work` and reports one byte through a pipe.
 struct Child {
@@ -81,7 +72,7 @@ TEST(SafetyTest, KilledWhileWritingLeavesNothing) {
     const fs::path source = videoFile(dir / "clip.mp4", 20.0);
     fs::create_directory(dir / "out");
     const fs::path destination = textFile(dir / "out/clip leveled.mp4", "an earlier take");
-    const auto before = visibleAndHidden(dir / "out");
+    const auto before = listing(dir / "out");
 
     Child child([&](int toParent) {
         try {
@@ -100,7 +91,7 @@ TEST(SafetyTest, KilledWhileWritingLeavesNothing) {
     ASSERT_EQ(c, 'w');
     ::kill(child.pid, SIGKILL);
     EXPECT_TRUE(WIFSIGNALED(child.wait()));
-    EXPECT_EQ(visibleAndHidden(dir / "out"), before);
+    EXPECT_EQ(listing(dir / "out"), before);
     EXPECT_EQ(fileBytes(destination), "an earlier take");
 }
 
@@ -144,7 +135,22 @@ TEST(SafetyTest, TwoProcessesClaimTwoNames) {
         const fs::path written = dir / "out" / reported[i].substr(0, reported[i].size() - 1);
         EXPECT_EQ(decodeAudio(written).frames(), decodeAudio(sources[i]).frames());
     }
-    EXPECT_EQ(visibleAndHidden(dir / "out").size(), 2u);
+    EXPECT_EQ(listing(dir / "out").size(), 2u);
+}
+
+// The engine cancels a failed writer itself; dropping one unfinished must not
+// leave a partial file either.
+TEST(SafetyTest, WriterDestroyedUnfinishedLeavesNoFile) {
+    const TempDir dir;
+    const MediaAsset asset = MediaAsset::open(videoFile(dir / "source.mp4", 3.0));
+    const PlanarAudio audio = whiteNoise(48000, 2, 1.0, -20, 1);
+    {
+        MediaWriter writer(dir / "out.mp4", ExistingFile::replace, FileType::mpeg4, 48000, 2,
+                           MediaWriter::Encoding::aac, asset, asset.videoTracks);
+        writer.appendAudio(audio.constPointers(), audio.frames(), {});
+        EXPECT_THROW(writer.measured(), OstrandError); // nothing complete to measure
+    }
+    EXPECT_EQ(listing(dir.path()).size(), 1u);
 }
 
 // A hidden file left by a run that was killed on a file system without
@@ -171,38 +177,29 @@ TEST(SafetyTest, LeftoversOfDeadRunsAreCleared) {
 // one changed byte gives.
 fs::path shiftTsTimestamp(const fs::path& path, double seconds, bool first = false) {
     std::string bytes = fileBytes(path);
-    int index = first ? 0 : -1;
-    for (int pass = 0; pass < 2; ++pass) {
-        int seen = 0;
-        for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
-            auto* p = reinterpret_cast<unsigned char*>(bytes.data() + at);
-            if (p[0] != 0x47 || (p[1] & 0x40) == 0) {
-                continue;
-            }
-            std::size_t payload = 4;
-            if (((p[3] >> 4) & 3) == 3) {
-                payload += 1 + p[4];
-            }
-            unsigned char* pes = p + payload;
-            if (pes[0] != 0 || pes[1] != 0 || pes[2] != 1 || (pes[3] & 0xE0) != 0xC0 ||
-                (pes[7] & 0x80) == 0 || seen++ != index) {
-                continue;
-            }
-            unsigned char* t = pes + 9;
-            std::int64_t pts = (static_cast<std::int64_t>((t[0] >> 1) & 7) << 30) | (t[1] << 22) |
-                               ((t[2] >> 1) << 15) | (t[3] << 7) | (t[4] >> 1);
-            pts = (pts + std::llround(seconds * 90000.0)) & ((std::int64_t{1} << 33) - 1);
-            t[0] = static_cast<unsigned char>((t[0] & 0xF1) | (((pts >> 30) & 7) << 1));
-            t[1] = static_cast<unsigned char>(pts >> 22);
-            t[2] = static_cast<unsigned char>((((pts >> 15) & 0x7F) << 1) | 1);
-            t[3] = static_cast<unsigned char>(pts >> 7);
-            t[4] = static_cast<unsigned char>(((pts & 0x7F) << 1) | 1);
-            std::ofstream(path, std::ios::binary) << bytes;
-            return path;
+    std::vector<unsigned char*> stamps; // of the audio PES headers that carry one
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        auto* p = reinterpret_cast<unsigned char*>(bytes.data() + at);
+        unsigned char* pes = p + 4 + (((p[3] >> 4) & 3) == 3 ? 1 + p[4] : 0);
+        if (p[0] == 0x47 && (p[1] & 0x40) != 0 && pes[0] == 0 && pes[1] == 0 && pes[2] == 1 &&
+            (pes[3] & 0xE0) == 0xC0 && (pes[7] & 0x80) != 0) {
+            stamps.push_back(pes + 9);
         }
-        index = first ? 0 : seen / 2;
     }
-    throw std::runtime_error("no audio packet");
+    if (stamps.empty()) {
+        throw std::runtime_error("no audio packet");
+    }
+    unsigned char* t = stamps[first ? 0 : stamps.size() / 2];
+    std::int64_t pts = (static_cast<std::int64_t>((t[0] >> 1) & 7) << 30) | (t[1] << 22) |
+                       ((t[2] >> 1) << 15) | (t[3] << 7) | (t[4] >> 1);
+    pts = (pts + std::llround(seconds * 90000.0)) & ((std::int64_t{1} << 33) - 1);
+    t[0] = static_cast<unsigned char>((t[0] & 0xF1) | (((pts >> 30) & 7) << 1));
+    t[1] = static_cast<unsigned char>(pts >> 22);
+    t[2] = static_cast<unsigned char>((((pts >> 15) & 0x7F) << 1) | 1);
+    t[3] = static_cast<unsigned char>(pts >> 7);
+    t[4] = static_cast<unsigned char>(((pts & 0x7F) << 1) | 1);
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
 }
 
 // Moves the audio packets of the second half of an MPEG-TS file to a new
