@@ -10,11 +10,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+
 #include <sys/resource.h>
 #include <sys/stat.h>
 
