@@ -319,16 +319,12 @@ TEST_P(OutputPermissionTest, FollowsTheSource) {
     const fs::path source =
         makeMedia(dir / "clip.mp4", {.video = {{.seconds = 1.0}}, .audio = {{.seconds = 1.0}}});
     fs::permissions(source, GetParam().source);
-    const ::mode_t previous = ::umask(GetParam().umask);
-    const LevelingReport report = [&] {
-        try {
-            return level(source, dir / "out.mp4", {.sidecar = dir / "out.wav"});
-        } catch (...) {
-            ::umask(previous);
-            throw;
-        }
-    }();
-    ::umask(previous);
+    // The process's umask is the test's for the run, and restored however it ends.
+    const struct Umask {
+        ::mode_t previous;
+        ~Umask() { ::umask(previous); }
+    } restored{::umask(GetParam().umask)};
+    const LevelingReport report = level(source, dir / "out.mp4", {.sidecar = dir / "out.wav"});
     ASSERT_TRUE(report.audioSidecarURL);
     for (const fs::path& output : {report.outputURL, *report.audioSidecarURL}) {
         const fs::perms perms = fs::status(output).permissions();
