@@ -23,6 +23,7 @@ namespace ostrand::test {
 namespace {
 
 namespace fs = std::filesystem;
+using OutputNaming::ExistingFile;
 
 constexpr double target = -16.0;
 constexpr double ceiling = -1.0;
@@ -379,7 +380,7 @@ struct FailureCase {
     std::optional<LevelingPhase> cancelIn = std::nullopt;
     rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk below that
     bool measureFails = false;            // measuring the source fails with the same message
-    OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
+    ExistingFile existing = ExistingFile::replace;
     bool failsFirst = false; // before any progress is reported
 };
 
@@ -440,67 +441,52 @@ fs::path claimingRate(const fs::path& path, double rate) {
     audio.sampleRate = rate;
     return floatWav(path, audio);
 }
+const auto fifo = [](const TempDir& d) {
+    ::mkfifo((d / "pipe.wav").c_str(), 0600);
+    return d / "pipe.wav";
+};
 // As long as a file name may be: any number added makes it too long.
 const std::string fullLengthName = std::string(251, 'a') + ".wav";
 const std::string fullLengthPath = "out/" + fullLengthName;
+const auto earlierFullLengthName = [](const TempDir& d) {
+    textFile(d / "out" / fullLengthName, "an earlier take");
+    return talk(d);
+};
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, FailureTest,
-    ::testing::Values(
-        FailureCase{"TruncatedMp4",
-                    [](const auto& d) { return truncatedCopy(clip(d), d / "cut.mp4", 0.5); },
-                    "^Couldn't read the file: .*not an audio or video file"},
-        FailureCase{
-            "Mp3CutShort",
-            [](const auto& d) { return truncatedCopy(noiseFile(d / "a.mp3"), d / "b.mp3", .5); },
-            "^Couldn't read the file: .*cut short"},
-        FailureCase{"TextNamedMp4", [](const auto& d) { return textFile(d / "notes.mp4"); },
-                    "^Couldn't read the file: .*not an audio or video file"},
-        FailureCase{"Missing", [](const auto& d) { return d / "nothing.mp4"; },
-                    "^Couldn't read the file: .*No such file"},
-        // A pipe would block the open for ever; it is refused at once, as a device is.
-        FailureCase{"Pipe",
-                    [](const auto& d) {
-                        ::mkfifo((d / "pipe.wav").c_str(), 0600);
-                        return d / "pipe.wav";
-                    },
-                    "^Couldn't read the file: .*not a regular file"},
-        FailureCase{"Device", [](const auto&) { return fs::path("/dev/zero"); },
-                    "^Couldn't read the file: .*not a regular file"},
-        FailureCase{"VideoWithoutAudio",
-                    [](const auto& d) { return makeMedia(d / "v.mp4", {.video = {{}}}); },
-                    "^This file has no audio track to level\\.$"},
-        FailureCase{.name = "UnwritableDestination",
-                    .source = talk,
-                    .message = "^Couldn't write .*talk\\.wav: Not a directory",
-                    .destination = "talk.wav/leveled.wav",
-                    .failsFirst = true},
-        FailureCase{.name = "NumberedNameTooLong",
-                    .source =
-                        [](const auto& d) {
-                            textFile(d / "out" / fullLengthName, "an earlier take");
-                            return talk(d);
-                        },
-                    .message = "^Couldn't write .*a 2\\.wav: the name is 257 bytes",
-                    .destination = fullLengthPath.c_str(),
-                    .existing = OutputNaming::ExistingFile::keepAndNumber,
-                    .failsFirst = true},
-        FailureCase{"DestinationIsTheSource", talk, "^Couldn't write .*source", "talk.wav"},
-        FailureCase{"FullDisk", talk, "^Couldn't write .*File too large", "out/leveled.wav",
-                    std::nullopt, 256 * 1024},
-        FailureCase{"CancelWhileAnalyzing", clip, "^Cancelled\\.$", "out/leveled.mp4",
-                    LevelingPhase::analyzing},
-        FailureCase{"CancelWhileLeveling", clip, "^Cancelled\\.$", "out/leveled.mp4",
-                    LevelingPhase::leveling},
-        FailureCase{"RateTooLowToMeasure",
-                    [](const auto& d) { return claimingRate(d / "slow.wav", 200.0); },
-                    "^Couldn't read the file: .*200 Hz is too low", "out/leveled.wav", std::nullopt,
-                    RLIM_INFINITY, true},
-        FailureCase{"RateBeyondAnyRecording",
-                    [](const auto& d) { return claimingRate(d / "fast.wav", 999999999.0); },
-                    "^Couldn't read the file: .*999999999 Hz is beyond", "out/leveled.wav",
-                    std::nullopt, RLIM_INFINITY, true}),
-    byName);
+// clang-format off
+const FailureCase failures[] = {
+    {"TruncatedMp4", [](auto& d) { return truncatedCopy(clip(d), d / "cut.mp4", 0.5); },
+     "^Couldn't read the file: .*not an audio or video file"},
+    {"Mp3CutShort", [](auto& d) { return truncatedCopy(noiseFile(d / "a.mp3"), d / "b.mp3", .5); },
+     "^Couldn't read the file: .*cut short"},
+    {"TextNamedMp4", [](auto& d) { return textFile(d / "notes.mp4"); },
+     "^Couldn't read the file: .*not an audio or video file"},
+    {"Missing", [](auto& d) { return d / "nothing.mp4"; },
+     "^Couldn't read the file: .*No such file"},
+    // A pipe would block the open for ever; it is refused at once, as a device is.
+    {"Pipe", fifo, "^Couldn't read the file: .*not a regular file"},
+    {"Device", [](auto&) { return fs::path("/dev/zero"); },
+     "^Couldn't read the file: .*not a regular file"},
+    {"VideoWithoutAudio", [](auto& d) { return makeMedia(d / "v.mp4", {.video = {{}}}); },
+     "^This file has no audio track to level\\.$"},
+    {"UnwritableDestination", talk, "^Couldn't write .*talk\\.wav: Not a directory",
+     "talk.wav/leveled.wav", {}, RLIM_INFINITY, false, ExistingFile::replace, true},
+    {"NumberedNameTooLong", earlierFullLengthName,
+     "^Couldn't write .*a 2\\.wav: the name is 257 bytes", fullLengthPath.c_str(), {},
+     RLIM_INFINITY, false, ExistingFile::keepAndNumber, true},
+    {"DestinationIsTheSource", talk, "^Couldn't write .*source", "talk.wav"},
+    {"FullDisk", talk, "^Couldn't write .*File too large", "out/leveled.wav", {}, 256 * 1024},
+    {"CancelWhileAnalyzing", clip, "^Cancelled\\.$", "out/leveled.mp4", LevelingPhase::analyzing},
+    {"CancelWhileLeveling", clip, "^Cancelled\\.$", "out/leveled.mp4", LevelingPhase::leveling},
+    {"RateTooLowToMeasure", [](auto& d) { return claimingRate(d / "slow.wav", 200.0); },
+     "^Couldn't read the file: .*200 Hz is too low", "out/leveled.wav", {}, RLIM_INFINITY, true},
+    {"RateBeyondAnyRecording", [](auto& d) { return claimingRate(d / "fast.wav", 999999999.0); },
+     "^Couldn't read the file: .*999999999 Hz is beyond", "out/leveled.wav", {}, RLIM_INFINITY,
+     true},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Cases, FailureTest, ::testing::ValuesIn(failures), byName);
 
 // Case is ignored and unknown audio becomes M4A; OutputTest follows the
 // other rows of the table to their containers.
