@@ -212,10 +212,6 @@ std::string outputExtension(const std::filesystem::path& source) {
     return OutputFormat::forSource(source).extension;
 }
 
-FileType fileType(std::string_view extension) {
-    return OutputFormat::forOutputExtension(extension).container;
-}
-
 namespace {
 
 // Speech rises above the recording's floor somewhere; silence and steady

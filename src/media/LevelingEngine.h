@@ -13,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 // Levels one file from end to end: analysis pass, gain plan, leveling pass
@@ -102,9 +101,7 @@ struct Measurement {
 Measurement measure(const std::filesystem::path& source, const ProgressHandler& progress,
                     const CancelCheck& isCancelled);
 
-// The output's extension for a source ("mp4", "mov", "wav", "mkv", "m4a", ...)
-// and the container an output extension stands for (OutputFormat's table).
+// The output's extension for a source ("mp4", "mov", "wav", "mkv", "m4a", ...).
 std::string outputExtension(const std::filesystem::path& source);
-FileType fileType(std::string_view extension);
 
 } // namespace ostrand::LevelingEngine

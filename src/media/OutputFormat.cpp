@@ -76,15 +76,6 @@ Rule forSource(const std::filesystem::path& source) {
     return toRule(otherAudio);
 }
 
-Rule forOutputExtension(std::string_view extension) {
-    for (const Row& row : rows) {
-        if (row.extension == extension) {
-            return toRule(row);
-        }
-    }
-    return toRule(otherAudio);
-}
-
 const char* muxerName(Container container) noexcept {
     switch (container) {
     case Container::mpeg4:

@@ -33,9 +33,6 @@ struct Rule {
 
 // The rule for a source, by its lower-cased extension.
 Rule forSource(const std::filesystem::path& source);
-// The rule an output extension implies (the inverse of forSource's
-// extension column); an unknown extension gives M4A.
-Rule forOutputExtension(std::string_view extension);
 
 // FFmpeg's muxer name ("mp4", "mov", "ipod", "wav", "matroska", ...).
 const char* muxerName(Container container) noexcept;

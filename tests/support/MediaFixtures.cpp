@@ -1,7 +1,5 @@
 #include "support/MediaFixtures.h"
 
-#include "support/ReferenceMeters.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -177,10 +175,6 @@ fs::path videoFile(const fs::path& path, double seconds) {
                             .title = "Ostrand fixture"});
 }
 
-fs::path videoOnly(const fs::path& path, double seconds) {
-    return makeMedia(path, {.video = {{.seconds = seconds}}});
-}
-
 fs::path textFile(const fs::path& path, const std::string& text) {
     if (!(std::ofstream(path) << text)) {
         throw std::runtime_error("cannot write " + path.string());
@@ -205,11 +199,6 @@ fs::path spreadOut(const fs::path& path, double seconds, double gapSeconds) {
         quote("asetnsamples=n=4800,asetpts=PTS+floor(N/4800)*" + std::to_string(gapSeconds) +
               "/TB") +
         " -c:a aac " + quote(path));
-    return path;
-}
-
-fs::path floatWav(const fs::path& path, const PlanarAudio& audio) {
-    writeFloatWav(path, audio);
     return path;
 }
 

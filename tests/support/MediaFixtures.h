@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Signals.h"
+#include "support/ReferenceMeters.h"
 
 #include <filesystem>
 #include <map>
@@ -54,7 +54,6 @@ std::filesystem::path noiseFile(const std::filesystem::path& path, int sampleRat
 // Video with one stereo 48 kHz track as long; video language "eng", title
 // tag "Ostrand fixture".
 std::filesystem::path videoFile(const std::filesystem::path& path, double seconds = 2.0);
-std::filesystem::path videoOnly(const std::filesystem::path& path, double seconds = 2.0);
 std::filesystem::path textFile(const std::filesystem::path& path,
                                const std::string& text = "This is not a movie.\n");
 // The bytes `path` holds; none if it cannot be read.
@@ -66,8 +65,6 @@ std::filesystem::path truncatedCopy(const std::filesystem::path& source,
 // then claiming hours for a few seconds of sound.
 std::filesystem::path spreadOut(const std::filesystem::path& path, double seconds,
                                 double gapSeconds);
-// 32-bit float WAV, no rounding.
-std::filesystem::path floatWav(const std::filesystem::path& path, const PlanarAudio& audio);
 
 struct StreamInfo {
     // As ffprobe names them: "codec_type", "codec_name", "channels", "tags.language", ...

@@ -35,34 +35,19 @@ std::vector<float> interleave(const PlanarAudio& audio) {
     return out;
 }
 
-int channelCode(Ebur128Channel channel) {
-    switch (channel) {
-    case Ebur128Channel::left:
-        return EBUR128_LEFT;
-    case Ebur128Channel::right:
-        return EBUR128_RIGHT;
-    case Ebur128Channel::center:
-        return EBUR128_CENTER;
-    case Ebur128Channel::leftSurround:
-        return EBUR128_LEFT_SURROUND;
-    case Ebur128Channel::rightSurround:
-        return EBUR128_RIGHT_SURROUND;
-    case Ebur128Channel::unused:
-        break;
-    }
-    return EBUR128_UNUSED;
-}
+static_assert(static_cast<int>(Ebur128Channel::rightSurround) == EBUR128_RIGHT_SURROUND &&
+              static_cast<int>(Ebur128Channel::unused) == EBUR128_UNUSED);
 
-Ebur128Ptr measure(const PlanarAudio& audio, int mode,
-                   const std::vector<Ebur128Channel>& map = {}) {
+Ebur128Ptr measure(const PlanarAudio& audio, const std::vector<Ebur128Channel>& map) {
     const auto channels = static_cast<unsigned>(audio.channels.size());
-    Ebur128Ptr state(
-        ebur128_init(channels, static_cast<unsigned long>(std::lround(audio.sampleRate)), mode));
+    Ebur128Ptr state(ebur128_init(channels,
+                                  static_cast<unsigned long>(std::lround(audio.sampleRate)),
+                                  EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK));
     if (!state) {
         throw std::runtime_error("ebur128_init failed");
     }
     for (unsigned c = 0; c < map.size() && c < channels; ++c) {
-        if (ebur128_set_channel(state.get(), c, channelCode(map[c])) != EBUR128_SUCCESS) {
+        if (ebur128_set_channel(state.get(), c, static_cast<int>(map[c])) != EBUR128_SUCCESS) {
             throw std::runtime_error("ebur128_set_channel failed");
         }
     }
@@ -82,15 +67,11 @@ void put(std::ofstream& out, T value) {
 } // namespace
 
 double ebur128Integrated(const PlanarAudio& audio) {
-    const Ebur128Ptr state = measure(audio, EBUR128_MODE_I);
-    double lufs = 0.0;
-    ebur128_loudness_global(state.get(), &lufs);
-    return lufs;
+    return ebur128Figures(audio).integratedLufs;
 }
 
 Ebur128Figures ebur128Figures(const PlanarAudio& audio, const std::vector<Ebur128Channel>& map) {
-    const Ebur128Ptr state =
-        measure(audio, EBUR128_MODE_I | EBUR128_MODE_LRA | EBUR128_MODE_TRUE_PEAK, map);
+    const Ebur128Ptr state = measure(audio, map);
     Ebur128Figures figures{};
     ebur128_loudness_global(state.get(), &figures.integratedLufs);
     ebur128_loudness_range(state.get(), &figures.loudnessRangeLu);
@@ -104,7 +85,7 @@ Ebur128Figures ebur128Figures(const PlanarAudio& audio, const std::vector<Ebur12
     return figures;
 }
 
-void writeFloatWav(const std::filesystem::path& path, const PlanarAudio& audio) {
+std::filesystem::path floatWav(const std::filesystem::path& path, const PlanarAudio& audio) {
     const std::vector<float> samples = interleave(audio);
     const auto channels = static_cast<std::uint16_t>(audio.channels.size());
     const auto rate = static_cast<std::uint32_t>(std::lround(audio.sampleRate));
@@ -126,14 +107,14 @@ void writeFloatWav(const std::filesystem::path& path, const PlanarAudio& audio) 
     if (!out) {
         throw std::runtime_error("cannot write " + path.string());
     }
+    return path;
 }
 
 double oversampledPeakDb(const PlanarAudio& audio) {
     const TempDir dir;
-    const auto in = dir / "in.wav";
     const auto out = dir / "out.f32";
-    writeFloatWav(in, audio);
-    const std::string command = "ffmpeg -nostdin -v error -y -i '" + in.string() +
+    const std::string command = "ffmpeg -nostdin -v error -y -i '" +
+                                floatWav(dir / "in.wav", audio).string() +
                                 "' -af aresample=192000:resampler=soxr:precision=33:cheby=1 "
                                 "-f f32le -c:a pcm_f32le '" +
                                 out.string() + "'";
