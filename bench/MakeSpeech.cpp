@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
     try {
         const double seconds = std::atof(argv[2]);
         const double rate = argc > 3 ? std::atof(argv[3]) : 48000.0;
-        ostrand::test::writeFloatWav(argv[1], ostrand::test::speechLike(rate, 2, seconds, 2026));
+        ostrand::test::floatWav(argv[1], ostrand::test::speechLike(rate, 2, seconds, 2026));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "make_speech: %s\n", error.what());
         return 1;

@@ -585,7 +585,7 @@ int mix(const Recipe& r, const std::filesystem::path& clipDir, const std::string
         }
         audio.channels.push_back(std::move(x));
     }
-    test::writeFloatWav(out + ".wav", audio);
+    test::floatWav(out + ".wav", audio);
     writeRaw(out + ".f32", audio);
     std::ofstream labelFile(out + ".labels");
     pauses::writeLabels(labelFile, p.labels);
