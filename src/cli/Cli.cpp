@@ -165,6 +165,7 @@ std::vector<fs::path> readList(std::istream& in, bool nulSeparated) {
 struct Inputs {
     std::vector<fs::path> files;
     std::string notes; // lines for standard error
+    int skipped = 0;   // leveled files a folder or a list brought
 };
 
 Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
@@ -223,6 +224,7 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
         if (!named && !options.includeLeveled &&
             (OutputNaming::isLeveledName(file) || OutputNaming::isLeveledName(key))) {
             if (passedOver.insert(key).second) {
+                ++inputs.skipped;
                 inputs.notes +=
                     file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
             }
@@ -727,9 +729,7 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
 
     const bool interrupted = environment.interrupted && environment.interrupted();
     const int done = batch.count(Outcome::done);
-    const int skipped =
-        batch.count(Outcome::skipped) +
-        static_cast<int>(std::count(inputs.notes.begin(), inputs.notes.end(), '\n'));
+    const int skipped = batch.count(Outcome::skipped) + inputs.skipped;
     const int failed = batch.count(Outcome::failed);
     if (!options.quiet && (inputs.files.size() > 1 || skipped > 0 || interrupted)) {
         const char* verb = options.command == "measure" ? "measured"
