@@ -672,9 +672,10 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     Inputs inputs;
     try {
         options = parseCliOptions(args, defaultJobs());
-        if (options.help || options.version || options.command == "help" ||
-            options.command == "presets") {
-            out << (options.version ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+        if (options.help || options.version || options.completionShell ||
+            options.command == "help" || options.command == "presets") {
+            out << (options.version           ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+                    : options.completionShell ? completionScript(*options.completionShell)
                     : options.command == "presets" ? presetsText()
                                                    : helpText(options.helpTopic));
             out.flush();
