@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <tuple>
 #include <utility>
 
 namespace ostrand {
@@ -447,20 +448,16 @@ std::string commandList() {
     return list;
 }
 
-} // namespace
-
-std::span<const CliOption> cliOptionTable() {
-    return table;
-}
-
-CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
+// The arguments, abbreviations written out, sorted; throws UsageError for
+// an option that is unknown or lacks or refuses its value.
+Words checkedWords(std::span<const std::string> args) {
     std::vector<std::string> arguments;
     bool onlyFiles = false;
     for (const std::string& arg : args) {
         onlyFiles = onlyFiles || arg == "--";
         arguments.push_back(onlyFiles ? arg : expandAbbreviation(arg));
     }
-    const Words words = sortedWords(arguments);
+    Words words = sortedWords(arguments);
     if (!words.mistake.empty()) {
         throw UsageError{words.mistake};
     }
@@ -475,6 +472,17 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         }
         throw UsageError{"unknown options: " + names};
     }
+    return words;
+}
+
+} // namespace
+
+std::span<const CliOption> cliOptionTable() {
+    return table;
+}
+
+CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
+    const Words words = checkedWords(args);
     const auto apply = [&](CliOptions& o, const CliOption& option) {
         const std::vector<std::string>& values = words.values[rowOf(option)];
         if (values.size() > 1) {
