@@ -165,6 +165,7 @@ std::vector<fs::path> readList(std::istream& in, bool nulSeparated) {
 struct Inputs {
     std::vector<fs::path> files;
     std::string notes; // lines for standard error
+    int skipped = 0;   // leveled files a folder or a list brought
 };
 
 Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
@@ -223,6 +224,7 @@ Inputs collectInputs(const CliOptions& options, std::istream& standardInput) {
         if (!named && !options.includeLeveled &&
             (OutputNaming::isLeveledName(file) || OutputNaming::isLeveledName(key))) {
             if (passedOver.insert(key).second) {
+                ++inputs.skipped;
                 inputs.notes +=
                     file.string() + ": skipped, a leveled file (--include-leveled takes it)\n";
             }
@@ -670,9 +672,10 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     Inputs inputs;
     try {
         options = parseCliOptions(args, defaultJobs());
-        if (options.help || options.version || options.command == "help" ||
-            options.command == "presets") {
-            out << (options.version ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+        if (options.help || options.version || options.completionShell ||
+            options.command == "help" || options.command == "presets") {
+            out << (options.version           ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+                    : options.completionShell ? completionScript(*options.completionShell)
                     : options.command == "presets" ? presetsText()
                                                    : helpText(options.helpTopic));
             out.flush();
@@ -727,9 +730,7 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
 
     const bool interrupted = environment.interrupted && environment.interrupted();
     const int done = batch.count(Outcome::done);
-    const int skipped =
-        batch.count(Outcome::skipped) +
-        static_cast<int>(std::count(inputs.notes.begin(), inputs.notes.end(), '\n'));
+    const int skipped = batch.count(Outcome::skipped) + inputs.skipped;
     const int failed = batch.count(Outcome::failed);
     if (!options.quiet && (inputs.files.size() > 1 || skipped > 0 || interrupted)) {
         const char* verb = options.command == "measure" ? "measured"

@@ -2,10 +2,12 @@
 
 #include "app/OstrandSettings.h"
 
+#include <array>
 #include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ostrand {
@@ -22,6 +24,7 @@ struct CliOptions {
     std::string helpTopic;
     bool help = false;
     bool version = false;
+    std::optional<std::string> completionShell; // --print-completion SHELL
 
     std::optional<double> target;
     std::optional<double> ceiling;
@@ -49,6 +52,39 @@ struct CliOptions {
     bool verbose = false;
 };
 
+// Which commands take an option, and how it stands among the others.
+enum CliOptionUse : unsigned {
+    forLevel = 1,
+    forMeasure = 2,
+    answersAlone = 4, // the rest of the line is not looked at (--help)
+    hidden = 8,       // for packaging: no abbreviation, help, completion or man page
+};
+
+// The pages of "ostrand-cli help [COMMAND]" that list options.
+enum class HelpPage { none, general, level, measure };
+
+// An option's lines on one help page: `place` orders the page, `text` is
+// its description, a line per "\n".
+struct CliOptionDoc {
+    HelpPage page = HelpPage::none;
+    int place = 0;
+    std::string_view text;
+};
+
+// Each option once: parsing, the help pages and the shell completion read
+// this table, and a test holds the man page to it.
+struct CliOption {
+    char shortName;             // '\0' when it has none
+    std::string_view longName;  // empty when it has none
+    std::string_view valueName; // empty for a flag
+    unsigned use;               // CliOptionUse bits
+    // Records the option (and its value) in the options; throws UsageError.
+    void (*apply)(CliOptions& options, const std::string& value);
+    std::array<CliOptionDoc, 2> docs;
+};
+
+std::span<const CliOption> cliOptionTable();
+
 // Parses the arguments after the program name. Long options may be shortened
 // while the prefix names one option; a flag refuses a value ("--mono=yes");
 // numbers may carry a "+". Throws UsageError.
@@ -60,5 +96,9 @@ std::string helpText(const std::string& topic);
 
 // One preset a line: name, target and ceiling.
 std::string presetsText();
+
+// A script that completes the commands, options and file names of
+// ostrand-cli in `shell` ("bash"). Throws UsageError for another shell.
+std::string completionScript(const std::string& shell);
 
 } // namespace ostrand

@@ -1,5 +1,6 @@
 #include "cli/Cli.h"
 #include "cli/CliConsole.h"
+#include "cli/CliOptions.h"
 #include "media/AtomicFile.h"
 
 #include "support/MediaFixtures.h"
@@ -16,9 +17,11 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include <sstream>
@@ -624,6 +627,33 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     const CliRun verbose = run(
         {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
     EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
+}
+
+// The man page names the options of the table, and no others, on the
+// heading lines of its lists (".BR \\-o \", \" \\-\\-output").
+TEST(CliTest, ManPageNamesEveryOption) {
+    std::ifstream page(OSTRAND_CLI_MAN_PAGE);
+    ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
+    const std::regex name(R"((^|[^\w-])(--?[0-9a-z][0-9a-z-]*))");
+    std::set<std::string> documented;
+    for (std::string line, previous; std::getline(page, line); previous = line) {
+        if (previous == ".TP") {
+            line = std::regex_replace(line, std::regex(R"(\\-)"), "-");
+            for (std::sregex_iterator it(line.begin(), line.end(), name), end; it != end; ++it) {
+                documented.insert((*it)[2]);
+            }
+        }
+    }
+    std::set<std::string> declared;
+    for (const CliOption& option : cliOptionTable()) {
+        if ((option.use & hidden) == 0 && option.shortName != '\0') {
+            declared.insert(std::string("-") + option.shortName);
+        }
+        if ((option.use & hidden) == 0 && !option.longName.empty()) {
+            declared.insert("--" + std::string(option.longName));
+        }
+    }
+    EXPECT_EQ(documented, declared);
 }
 
 // In a noisy room the pauses are left out of the speech by default (or when
