@@ -26,6 +26,7 @@ cat >"$dir/expected" <<LIST
 ./usr/bin/ostrand
 ./usr/bin/ostrand-cli
 ./usr/share/applications/ostrand.desktop
+./usr/share/bash-completion/completions/ostrand-cli
 ./usr/share/doc/ostrand/changelog.gz
 ./usr/share/doc/ostrand/copyright
 ./usr/share/icons/hicolor/scalable/apps/ostrand.svg
