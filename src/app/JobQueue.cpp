@@ -294,6 +294,10 @@ void JobQueue::processNext() {
         return job->state().kind == JobState::Kind::waiting;
     });
     if (next == m_jobs.cend()) {
+        // One file manager window for a batch, not one per file.
+        if (!m_toReveal.isEmpty() && m_services.revealer) {
+            m_services.revealer->reveal(std::exchange(m_toReveal, {}));
+        }
         return;
     }
     setIsProcessing(true);
@@ -387,7 +391,7 @@ void JobQueue::engineFinished() {
             job->setFinishedAt(QDateTime::currentDateTime());
             job->setState(JobState::finished());
             if (m_settings.revealWhenDone() && m_services.revealer) {
-                m_services.revealer->reveal(m_run->destination);
+                m_toReveal.append(m_run->destination);
             }
             break;
         case EngineOutcome::Kind::cancelled:

@@ -147,6 +147,7 @@ private:
     bool m_hasFinished = false;
     std::unique_ptr<Run> m_run;
     std::shared_ptr<ProgressMailbox> m_progressMailbox;
+    QList<QUrl> m_toReveal; // shown together once the list has run out
 };
 
 } // namespace ostrand

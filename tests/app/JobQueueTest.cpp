@@ -47,7 +47,7 @@ struct World {
                      return LevelingEngine::process(source, destination, existing, parameters,
                                                     ceiling, mono, sidecar, pausing, isCancelled);
                  },
-                 &inhibitor, nullptr, &panels}) {}
+                 &inhibitor, &revealer, &panels}) {}
     LevelingJob* job(int index) const { return queue.jobs().at(index); }
     auto files() const {
         const std::filesystem::directory_iterator all(media.path());
@@ -57,6 +57,7 @@ struct World {
     TempDir media;
     TestSettings t;
     LoggingInhibitor inhibitor;
+    RecordingRevealer revealer;
     TestPanels panels;
     std::pair<LevelingParameters, double> seen; // of the last run
     JobQueue queue;
@@ -74,6 +75,7 @@ private slots:
         w.t.settings.setTargetLoudness(-19.0);
         w.t.settings.setTruePeakCeiling(-2.0);
         w.t.settings.setNoiseAwarePauses(false);
+        w.t.settings.setRevealWhenDone(true);
         const auto a = sineFile(w.media / "a.wav", 48000, "stereo", 4.0);
         const auto b = sineFile(w.media / "b.mp3", 44100, "mono", 4.0);
         const auto talk = videoFile(w.media / "talk.MOV");
@@ -101,6 +103,11 @@ private slots:
         QVERIFY(std::filesystem::exists(w.media / "talk leveled 2.wav")); // the video's sidecar
         QCOMPARE(w.files(), 4 + 5); // the files above and the outputs, one of them a sidecar
         QVERIFY(w.seen == std::pair(LevelingParameters::forTarget(-19.0, false), -2.0));
+        // The file manager shows the batch's outputs together, once.
+        QCOMPARE(w.revealer.revealed.size(), 1);
+        QCOMPARE(w.revealer.revealed[0].size(), 4);
+        QVERIFY(
+            w.revealer.revealed[0][3].toLocalFile().endsWith(QStringLiteral("a leveled 2.wav")));
 
         // Clearing keeps the running and the waiting job, in their order.
         const auto speech = floatWav(w.media / "speech.wav", speechLike(48000.0, 1, 20.0, 7));
@@ -165,6 +172,7 @@ private slots:
         // The two sources, an output on success and the next job's beside its source.
         QCOMPARE(w.files(), (text.contains(" LUFS") ? 3 : 2) + (ask ? 0 : 1));
         QCOMPARE(w.inhibitor.log, "+1-1+2-2");
+        QVERIFY(w.revealer.revealed.isEmpty()); // not asked for
         QCOMPARE(w.t.access.open.value(FilePaths::standardizedPath(urlOf(source)), -1), 0);
         QVERIFY(w.t.access.isBalanced());
     }

@@ -139,7 +139,7 @@ TEST(SafetyTest, TwoProcessesClaimTwoNames) {
 }
 
 // The engine cancels a failed writer itself; dropping one unfinished must not
-// leave a partial file either.
+// leave a partial file either, and finishing one names only a whole file.
 TEST(SafetyTest, WriterDestroyedUnfinishedLeavesNoFile) {
     const TempDir dir;
     const MediaAsset asset = MediaAsset::open(videoFile(dir / "source.mp4", 3.0));
@@ -151,6 +151,15 @@ TEST(SafetyTest, WriterDestroyedUnfinishedLeavesNoFile) {
         EXPECT_THROW(writer.measured(), OstrandError); // nothing complete to measure
     }
     EXPECT_EQ(listing(dir.path()).size(), 1u);
+
+    // Finished straight away, a writer completes the file before naming it.
+    MediaWriter writer(dir / "out.m4a", ExistingFile::replace, FileType::appleM4A, 48000, 2,
+                       MediaWriter::Encoding::aac, asset, {});
+    writer.appendAudio(audio.constPointers(), audio.frames(), {});
+    writer.finish();
+    EXPECT_GE(decodeAudio(dir / "out.m4a").frames(), audio.frames());
+    EXPECT_NEAR(writer.measured().integratedLoudness,
+                ebur128Integrated(decodeAudio(dir / "out.m4a")), 0.1);
 }
 
 // A hidden file left by a run that was killed on a file system without
