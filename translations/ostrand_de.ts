@@ -443,6 +443,16 @@ Version %1 (%2)</source>
         <translation>Gleicht die Lautheit von Sprache in Audio- und Videodateien an.
 Version %1 (%2)</translation>
     </message>
+    <message>
+        <source>© 2026 The Ostrand developers. All rights reserved.
+Built with Qt and FFmpeg, which are free software under the GNU LGPL.</source>
+        <translation>© 2026 Die Ostrand-Entwickler. Alle Rechte vorbehalten.
+Erstellt mit Qt und FFmpeg, freier Software unter der GNU LGPL.</translation>
+    </message>
+    <message>
+        <source>About &amp;Qt</source>
+        <translation>Über &amp;Qt</translation>
+    </message>
 </context>
 <context>
     <name>ostrand::OutputDestination</name>

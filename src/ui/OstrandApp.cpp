@@ -203,7 +203,13 @@ void OstrandApp::showAbout() {
                                 m_mainWindow.get());
     box->setInformativeText(
         tr("Levels the loudness of speech in audio and video files.\nVersion %1 (%2)")
-            .arg(AppInfo::version(), AppInfo::buildNumber()));
+            .arg(AppInfo::version(), AppInfo::buildNumber()) +
+        QStringLiteral("\n\n") +
+        tr("© 2026 The Ostrand developers. All rights reserved.\nBuilt with Qt and FFmpeg, "
+           "which are free software under the GNU LGPL."));
+    // Qt's licence asks for its own notice to be reachable.
+    QPushButton* aboutQt = box->addButton(tr("About &Qt"), QMessageBox::HelpRole);
+    connect(aboutQt, &QPushButton::clicked, qApp, &QApplication::aboutQt);
     box->setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
