@@ -152,109 +152,90 @@ using Setting = OstrandSettings::Setting;
 
 // How a value is kept in the store, and which stored values load.
 enum class Type {
-    number,         // finite, within the row's range
-    wholeNumber,    // integral, within the row's range
-    boolean,        //
+    number,      // finite, within the row's range
+    wholeNumber, // integral, within the row's range
+    boolean,
     saveMode,       // a SaveMode's raw value
     outputChannels, // an OutputChannels' raw value
     bytes,          // absent: no value
     grants,         // a dictionary of bytes
-    text,           //
-    dateTime,       // absent: invalid
+    text,
+    dateTime, // absent: invalid
 };
+
+using Changed = void (OstrandSettings::*)();
 
 struct Row {
     Setting setting;
     const char* key;
     Type type;
-    double number = 0.0; // the default of a number or whole number, and its range
+    double number = 0.0; // the default of a number, boolean or enumerator
     double minimum = -std::numeric_limits<double>::infinity();
     double maximum = std::numeric_limits<double>::infinity();
-    bool flag = false; // the default of a boolean
-    int choice = 0;    // the default enumerator of a saveMode or outputChannels
-    // Null: nothing is signalled.
-    void (OstrandSettings::*changed)() = nullptr;
+    Changed changed = nullptr; // null: nothing is signalled
 };
+
+constexpr Row numberRow(Setting setting, const char* key, Type type, double byDefault,
+                        double minimum, double maximum, Changed changed) {
+    return {setting, key, type, byDefault, minimum, maximum, changed};
+}
+
+constexpr Row booleanRow(Setting setting, const char* key, bool byDefault, Changed changed) {
+    return {.setting = setting,
+            .key = key,
+            .type = Type::boolean,
+            .number = byDefault ? 1.0 : 0.0,
+            .changed = changed};
+}
+
+template <typename Enum>
+constexpr Row choiceRow(Setting setting, const char* key, Type type, Enum byDefault,
+                        Changed changed) {
+    return {.setting = setting,
+            .key = key,
+            .type = type,
+            .number = double(byDefault),
+            .changed = changed};
+}
+
+// Bytes, grants, text or a time: empty by default.
+constexpr Row emptyRow(Setting setting, const char* key, Type type, Changed changed) {
+    return {.setting = setting, .key = key, .type = type, .changed = changed};
+}
 
 using Keys = OstrandSettings::Keys;
 using S = OstrandSettings;
 
 constexpr std::array table{
-    Row{.setting = Setting::targetLoudness,
-        .key = Keys::targetLoudness,
-        .type = Type::number,
-        .number = S::defaultTargetLoudness,
-        .minimum = S::minTargetLoudness,
-        .maximum = S::maxTargetLoudness,
-        .changed = &S::targetLoudnessChanged},
-    Row{.setting = Setting::truePeakCeiling,
-        .key = Keys::truePeakCeiling,
-        .type = Type::number,
-        .number = S::defaultTruePeakCeiling,
-        .minimum = S::minTruePeakCeiling,
-        .maximum = S::maxTruePeakCeiling,
-        .changed = &S::truePeakCeilingChanged},
-    Row{.setting = Setting::saveMode,
-        .key = Keys::saveMode,
-        .type = Type::saveMode,
-        .choice = int(SaveMode::nextToOriginal),
-        .changed = &S::saveModeChanged},
-    Row{.setting = Setting::revealWhenDone,
-        .key = Keys::revealWhenDone,
-        .type = Type::boolean,
-        .flag = false,
-        .changed = &S::revealWhenDoneChanged},
-    Row{.setting = Setting::outputChannels,
-        .key = Keys::outputChannels,
-        .type = Type::outputChannels,
-        .choice = int(OutputChannels::keepOriginal),
-        .changed = &S::outputChannelsChanged},
-    Row{.setting = Setting::exportWAVWithVideo,
-        .key = Keys::exportWAVWithVideo,
-        .type = Type::boolean,
-        .flag = false,
-        .changed = &S::exportWAVWithVideoChanged},
-    Row{.setting = Setting::noiseAwarePauses,
-        .key = Keys::noiseAwarePauses,
-        .type = Type::boolean,
-        .flag = defaultNoiseAwarePauses,
-        .changed = &S::noiseAwarePausesChanged},
-    Row{.setting = Setting::fixedFolderBookmark,
-        .key = Keys::fixedFolderBookmark,
-        .type = Type::bytes,
-        .changed = &S::fixedFolderBookmarkChanged},
-    Row{.setting = Setting::folderGrants,
-        .key = Keys::folderGrants,
-        .type = Type::grants,
-        .changed = &S::folderGrantsChanged},
-    Row{.setting = Setting::mainWindowGeometry,
-        .key = Keys::mainWindowGeometry,
-        .type = Type::bytes},
-    Row{.setting = Setting::updateLaunches,
-        .key = Keys::updateLaunches,
-        .type = Type::wholeNumber,
-        .number = 0,
-        .minimum = 0,
-        .maximum = std::numeric_limits<int>::max(),
-        .changed = &S::updateLaunchesChanged},
-    Row{.setting = Setting::askedAboutAutomaticChecks,
-        .key = Keys::askedAboutAutomaticChecks,
-        .type = Type::boolean,
-        .flag = false,
-        .changed = &S::askedAboutAutomaticChecksChanged},
-    Row{.setting = Setting::automaticallyChecksForUpdates,
-        .key = Keys::automaticallyChecksForUpdates,
-        .type = Type::boolean,
-        .flag = false,
-        .changed = &S::automaticallyChecksForUpdatesChanged},
-    Row{.setting = Setting::lastUpdateCheck,
-        .key = Keys::lastUpdateCheck,
-        .type = Type::dateTime,
-        .changed = &S::lastUpdateCheckChanged},
-    Row{.setting = Setting::skippedUpdateVersion,
-        .key = Keys::skippedUpdateVersion,
-        .type = Type::text,
-        .changed = &S::skippedUpdateVersionChanged},
+    numberRow(Setting::targetLoudness, Keys::targetLoudness, Type::number, S::defaultTargetLoudness,
+              S::minTargetLoudness, S::maxTargetLoudness, &S::targetLoudnessChanged),
+    numberRow(Setting::truePeakCeiling, Keys::truePeakCeiling, Type::number,
+              S::defaultTruePeakCeiling, S::minTruePeakCeiling, S::maxTruePeakCeiling,
+              &S::truePeakCeilingChanged),
+    choiceRow(Setting::saveMode, Keys::saveMode, Type::saveMode, SaveMode::nextToOriginal,
+              &S::saveModeChanged),
+    booleanRow(Setting::revealWhenDone, Keys::revealWhenDone, false, &S::revealWhenDoneChanged),
+    choiceRow(Setting::outputChannels, Keys::outputChannels, Type::outputChannels,
+              OutputChannels::keepOriginal, &S::outputChannelsChanged),
+    booleanRow(Setting::exportWAVWithVideo, Keys::exportWAVWithVideo, false,
+               &S::exportWAVWithVideoChanged),
+    booleanRow(Setting::noiseAwarePauses, Keys::noiseAwarePauses, defaultNoiseAwarePauses,
+               &S::noiseAwarePausesChanged),
+    emptyRow(Setting::fixedFolderBookmark, Keys::fixedFolderBookmark, Type::bytes,
+             &S::fixedFolderBookmarkChanged),
+    emptyRow(Setting::folderGrants, Keys::folderGrants, Type::grants, &S::folderGrantsChanged),
+    // Not a choice: nothing signals it.
+    emptyRow(Setting::mainWindowGeometry, Keys::mainWindowGeometry, Type::bytes, nullptr),
+    numberRow(Setting::updateLaunches, Keys::updateLaunches, Type::wholeNumber, 0, 0,
+              std::numeric_limits<int>::max(), &S::updateLaunchesChanged),
+    booleanRow(Setting::askedAboutAutomaticChecks, Keys::askedAboutAutomaticChecks, false,
+               &S::askedAboutAutomaticChecksChanged),
+    booleanRow(Setting::automaticallyChecksForUpdates, Keys::automaticallyChecksForUpdates, false,
+               &S::automaticallyChecksForUpdatesChanged),
+    emptyRow(Setting::lastUpdateCheck, Keys::lastUpdateCheck, Type::dateTime,
+             &S::lastUpdateCheckChanged),
+    emptyRow(Setting::skippedUpdateVersion, Keys::skippedUpdateVersion, Type::text,
+             &S::skippedUpdateVersionChanged),
 };
 
 static_assert(table.size() == std::size_t(Setting::count));
@@ -273,11 +254,11 @@ QVariant defaultOf(const Row& row) {
     case Type::wholeNumber:
         return int(row.number);
     case Type::boolean:
-        return row.flag;
+        return row.number != 0.0;
     case Type::saveMode:
-        return rawValue(SaveMode(row.choice));
+        return rawValue(SaveMode(row.number));
     case Type::outputChannels:
-        return rawValue(OutputChannels(row.choice));
+        return rawValue(OutputChannels(row.number));
     case Type::grants:
         return QVariantMap();
     case Type::text:
