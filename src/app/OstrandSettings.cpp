@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <ranges>
 
 namespace ostrand {
 
@@ -146,6 +148,171 @@ QVariantMap toVariantMap(const OstrandSettings::Grants& grants) {
     return map;
 }
 
+using Setting = OstrandSettings::Setting;
+
+// How a value is kept in the store, and which stored values load.
+enum class Type {
+    number,      // finite, within the row's range
+    wholeNumber, // integral, within the row's range
+    boolean,
+    saveMode,       // a SaveMode's raw value
+    outputChannels, // an OutputChannels' raw value
+    bytes,          // absent: no value
+    grants,         // a dictionary of bytes
+    text,
+    dateTime, // absent: invalid
+};
+
+using Changed = void (OstrandSettings::*)();
+
+struct Row {
+    Setting setting;
+    const char* key;
+    Type type;
+    double number = 0.0; // the default of a number, boolean or enumerator
+    double minimum = -std::numeric_limits<double>::infinity();
+    double maximum = std::numeric_limits<double>::infinity();
+    Changed changed = nullptr; // null: nothing is signalled
+};
+
+constexpr Row numberRow(Setting setting, const char* key, Type type, double byDefault,
+                        double minimum, double maximum, Changed changed) {
+    return {setting, key, type, byDefault, minimum, maximum, changed};
+}
+
+constexpr Row booleanRow(Setting setting, const char* key, bool byDefault, Changed changed) {
+    return {.setting = setting,
+            .key = key,
+            .type = Type::boolean,
+            .number = byDefault ? 1.0 : 0.0,
+            .changed = changed};
+}
+
+template <typename Enum>
+constexpr Row choiceRow(Setting setting, const char* key, Type type, Enum byDefault,
+                        Changed changed) {
+    return {.setting = setting,
+            .key = key,
+            .type = type,
+            .number = double(byDefault),
+            .changed = changed};
+}
+
+// Bytes, grants, text or a time: empty by default.
+constexpr Row emptyRow(Setting setting, const char* key, Type type, Changed changed) {
+    return {.setting = setting, .key = key, .type = type, .changed = changed};
+}
+
+using Keys = OstrandSettings::Keys;
+using S = OstrandSettings;
+
+constexpr std::array table{
+    numberRow(Setting::targetLoudness, Keys::targetLoudness, Type::number, S::defaultTargetLoudness,
+              S::minTargetLoudness, S::maxTargetLoudness, &S::targetLoudnessChanged),
+    numberRow(Setting::truePeakCeiling, Keys::truePeakCeiling, Type::number,
+              S::defaultTruePeakCeiling, S::minTruePeakCeiling, S::maxTruePeakCeiling,
+              &S::truePeakCeilingChanged),
+    choiceRow(Setting::saveMode, Keys::saveMode, Type::saveMode, SaveMode::nextToOriginal,
+              &S::saveModeChanged),
+    booleanRow(Setting::revealWhenDone, Keys::revealWhenDone, false, &S::revealWhenDoneChanged),
+    choiceRow(Setting::outputChannels, Keys::outputChannels, Type::outputChannels,
+              OutputChannels::keepOriginal, &S::outputChannelsChanged),
+    booleanRow(Setting::exportWAVWithVideo, Keys::exportWAVWithVideo, false,
+               &S::exportWAVWithVideoChanged),
+    booleanRow(Setting::noiseAwarePauses, Keys::noiseAwarePauses, defaultNoiseAwarePauses,
+               &S::noiseAwarePausesChanged),
+    emptyRow(Setting::fixedFolderBookmark, Keys::fixedFolderBookmark, Type::bytes,
+             &S::fixedFolderBookmarkChanged),
+    emptyRow(Setting::folderGrants, Keys::folderGrants, Type::grants, &S::folderGrantsChanged),
+    // Not a choice: nothing signals it.
+    emptyRow(Setting::mainWindowGeometry, Keys::mainWindowGeometry, Type::bytes, nullptr),
+    numberRow(Setting::updateLaunches, Keys::updateLaunches, Type::wholeNumber, 0, 0,
+              std::numeric_limits<int>::max(), &S::updateLaunchesChanged),
+    booleanRow(Setting::askedAboutAutomaticChecks, Keys::askedAboutAutomaticChecks, false,
+               &S::askedAboutAutomaticChecksChanged),
+    booleanRow(Setting::automaticallyChecksForUpdates, Keys::automaticallyChecksForUpdates, false,
+               &S::automaticallyChecksForUpdatesChanged),
+    emptyRow(Setting::lastUpdateCheck, Keys::lastUpdateCheck, Type::dateTime,
+             &S::lastUpdateCheckChanged),
+    emptyRow(Setting::skippedUpdateVersion, Keys::skippedUpdateVersion, Type::text,
+             &S::skippedUpdateVersionChanged),
+};
+
+static_assert(table.size() == std::size_t(Setting::count));
+static_assert(std::ranges::all_of(std::views::iota(std::size_t(0), table.size()),
+                                  [](std::size_t i) { return table[i].setting == Setting(i); }),
+              "the table lists every setting once, in the order of OstrandSettings::Setting");
+
+const Row& rowOf(Setting setting) {
+    return table[std::size_t(setting)];
+}
+
+QVariant defaultOf(const Row& row) {
+    switch (row.type) {
+    case Type::number:
+        return row.number;
+    case Type::wholeNumber:
+        return int(row.number);
+    case Type::boolean:
+        return row.number != 0.0;
+    case Type::saveMode:
+        return rawValue(SaveMode(row.number));
+    case Type::outputChannels:
+        return rawValue(OutputChannels(row.number));
+    case Type::grants:
+        return QVariantMap();
+    case Type::text:
+        return QString();
+    case Type::bytes:
+    case Type::dateTime:
+        break;
+    }
+    return {};
+}
+
+template <typename T, typename Store = T (*)(const T&)>
+std::optional<QVariant> kept(
+    const std::optional<T>& value, Store store = [](const T& v) { return v; }) {
+    return value ? std::optional<QVariant>(store(*value)) : std::nullopt;
+}
+
+// The value as the row's type keeps it, or nothing when no control here
+// could have set it.
+std::optional<QVariant> valueIn(const Row& row, const QVariant& value) {
+    switch (row.type) {
+    case Type::number:
+        return kept(numberIn(value, row.minimum, row.maximum));
+    case Type::wholeNumber: {
+        const auto number = numberIn(value, row.minimum, row.maximum);
+        if (!number || std::trunc(*number) != *number) {
+            return std::nullopt;
+        }
+        return int(*number);
+    }
+    case Type::boolean:
+        return kept(booleanIn(value));
+    case Type::saveMode:
+        return kept(enumIn(value, allSaveModes), [](SaveMode m) { return rawValue(m); });
+    case Type::outputChannels:
+        return kept(enumIn(value, allOutputChannels), [](OutputChannels c) { return rawValue(c); });
+    case Type::bytes:
+        return kept(bytesIn(value));
+    case Type::grants:
+        return kept(grantsIn(value), toVariantMap);
+    case Type::text:
+        if (value.metaType().id() != QMetaType::QString) {
+            return std::nullopt;
+        }
+        return value;
+    case Type::dateTime:
+        if (value.metaType().id() != QMetaType::QDateTime) {
+            return std::nullopt;
+        }
+        return value;
+    }
+    return std::nullopt;
+}
+
 FolderAccess& platformFolderAccess() {
     static FolderAccess access;
     return access;
@@ -171,113 +338,118 @@ OstrandSettings& OstrandSettings::shared() {
 }
 
 void OstrandSettings::load() {
-    const QSettings& store = *m_store;
     // Another program, an older version or a damaged file may have left
     // anything under a key; what no control here could have set is dropped
     // for the default, so that a `nan` never reaches the engine.
-    const auto read = [&store](const char* key, auto valueIn, auto fallback) {
-        const QVariant stored = store.value(key);
+    for (const Row& row : table) {
+        QVariant& field = m_values[std::size_t(row.setting)];
+        field = defaultOf(row);
+        const QVariant stored = m_store->value(row.key);
         if (!stored.isValid()) {
-            return fallback;
+            continue;
         }
-        if (const auto value = valueIn(stored)) {
-            return decltype(fallback)(*value);
+        if (auto value = valueIn(row, stored)) {
+            field = std::move(*value);
+            continue;
         }
-        qWarning("Settings: the stored \"%s\" (%s) cannot be used; the default applies", key,
+        qWarning("Settings: the stored \"%s\" (%s) cannot be used; the default applies", row.key,
                  qPrintable(stored.toString()));
-        return fallback;
-    };
-    m_targetLoudness = read(
-        Keys::targetLoudness,
-        [](const QVariant& v) { return numberIn(v, minTargetLoudness, maxTargetLoudness); },
-        defaultTargetLoudness);
-    m_truePeakCeiling = read(
-        Keys::truePeakCeiling,
-        [](const QVariant& v) { return numberIn(v, minTruePeakCeiling, maxTruePeakCeiling); },
-        defaultTruePeakCeiling);
-    m_saveMode = read(
-        Keys::saveMode, [](const QVariant& v) { return enumIn(v, allSaveModes); },
-        SaveMode::nextToOriginal);
-    m_revealWhenDone = read(Keys::revealWhenDone, booleanIn, false);
-    m_outputChannels = read(
-        Keys::outputChannels, [](const QVariant& v) { return enumIn(v, allOutputChannels); },
-        OutputChannels::keepOriginal);
-    m_exportWAVWithVideo = read(Keys::exportWAVWithVideo, booleanIn, false);
-    m_noiseAwarePauses = read(Keys::noiseAwarePauses, booleanIn, defaultNoiseAwarePauses);
-    m_fixedFolderBookmark = read(Keys::fixedFolderBookmark, bytesIn, std::optional<QByteArray>());
-    m_folderGrants = read(Keys::folderGrants, grantsIn, Grants());
+    }
 }
 
-void OstrandSettings::write(const char* key, const QVariant& value) {
-    if (value.isValid()) {
-        m_store->setValue(key, value);
+void OstrandSettings::assign(Setting setting, const QVariant& stored) {
+    const Row& row = rowOf(setting);
+    if (stored.isValid()) {
+        m_store->setValue(row.key, stored);
     } else {
-        m_store->remove(key);
+        m_store->remove(row.key);
     }
     m_store->sync();
+    QVariant& field = m_values[std::size_t(setting)];
+    if (field == stored) {
+        return;
+    }
+    field = stored;
+    if (row.changed) {
+        emit(this->*row.changed)();
+    }
 }
 
-QByteArray OstrandSettings::mainWindowGeometry() const {
-    return m_store->value(Keys::mainWindowGeometry).toByteArray();
+SaveMode OstrandSettings::saveMode() const {
+    return saveModeFromRawValue(value(Setting::saveMode).toString());
+}
+
+OutputChannels OstrandSettings::outputChannels() const {
+    return outputChannelsFromRawValue(value(Setting::outputChannels).toString());
+}
+
+std::optional<QByteArray> OstrandSettings::fixedFolderBookmark() const {
+    const QVariant& bookmark = value(Setting::fixedFolderBookmark);
+    return bookmark.isValid() ? std::optional(bookmark.toByteArray()) : std::nullopt;
+}
+
+OstrandSettings::Grants OstrandSettings::folderGrants() const {
+    return *grantsIn(value(Setting::folderGrants));
 }
 
 void OstrandSettings::setMainWindowGeometry(const QByteArray& geometry) {
-    write(Keys::mainWindowGeometry, geometry);
-}
-
-template <typename T>
-void OstrandSettings::assign(const char* key, const QVariant& stored, T& field, const T& value,
-                             void (OstrandSettings::*changed)()) {
-    write(key, stored);
-    if (field == value) {
-        return;
-    }
-    field = value;
-    emit(this->*changed)();
+    assign(Setting::mainWindowGeometry, geometry);
 }
 
 void OstrandSettings::setTargetLoudness(double lufs) {
-    assign(Keys::targetLoudness, lufs, m_targetLoudness, lufs,
-           &OstrandSettings::targetLoudnessChanged);
+    assign(Setting::targetLoudness, lufs);
 }
 
 void OstrandSettings::setTruePeakCeiling(double dbtp) {
-    assign(Keys::truePeakCeiling, dbtp, m_truePeakCeiling, dbtp,
-           &OstrandSettings::truePeakCeilingChanged);
+    assign(Setting::truePeakCeiling, dbtp);
 }
 
 void OstrandSettings::setSaveMode(SaveMode mode) {
-    assign(Keys::saveMode, rawValue(mode), m_saveMode, mode, &OstrandSettings::saveModeChanged);
+    assign(Setting::saveMode, rawValue(mode));
 }
 
 void OstrandSettings::setRevealWhenDone(bool reveal) {
-    assign(Keys::revealWhenDone, reveal, m_revealWhenDone, reveal,
-           &OstrandSettings::revealWhenDoneChanged);
+    assign(Setting::revealWhenDone, reveal);
 }
 
 void OstrandSettings::setOutputChannels(OutputChannels channels) {
-    assign(Keys::outputChannels, rawValue(channels), m_outputChannels, channels,
-           &OstrandSettings::outputChannelsChanged);
+    assign(Setting::outputChannels, rawValue(channels));
 }
 
 void OstrandSettings::setExportWAVWithVideo(bool exportWAV) {
-    assign(Keys::exportWAVWithVideo, exportWAV, m_exportWAVWithVideo, exportWAV,
-           &OstrandSettings::exportWAVWithVideoChanged);
+    assign(Setting::exportWAVWithVideo, exportWAV);
 }
 
 void OstrandSettings::setNoiseAwarePauses(bool noiseAware) {
-    assign(Keys::noiseAwarePauses, noiseAware, m_noiseAwarePauses, noiseAware,
-           &OstrandSettings::noiseAwarePausesChanged);
+    assign(Setting::noiseAwarePauses, noiseAware);
 }
 
 void OstrandSettings::setFixedFolderBookmark(const std::optional<QByteArray>& bookmark) {
-    assign(Keys::fixedFolderBookmark, bookmark ? QVariant(*bookmark) : QVariant(),
-           m_fixedFolderBookmark, bookmark, &OstrandSettings::fixedFolderBookmarkChanged);
+    assign(Setting::fixedFolderBookmark, bookmark ? QVariant(*bookmark) : QVariant());
 }
 
 void OstrandSettings::setFolderGrants(const Grants& grants) {
-    assign(Keys::folderGrants, toVariantMap(grants), m_folderGrants, grants,
-           &OstrandSettings::folderGrantsChanged);
+    assign(Setting::folderGrants, toVariantMap(grants));
+}
+
+void OstrandSettings::setUpdateLaunches(int launches) {
+    assign(Setting::updateLaunches, launches);
+}
+
+void OstrandSettings::setAskedAboutAutomaticChecks(bool asked) {
+    assign(Setting::askedAboutAutomaticChecks, asked);
+}
+
+void OstrandSettings::setAutomaticallyChecksForUpdates(bool checks) {
+    assign(Setting::automaticallyChecksForUpdates, checks);
+}
+
+void OstrandSettings::setLastUpdateCheck(const QDateTime& when) {
+    assign(Setting::lastUpdateCheck, when);
+}
+
+void OstrandSettings::setSkippedUpdateVersion(const QString& version) {
+    assign(Setting::skippedUpdateVersion, version);
 }
 
 void OstrandSettings::apply(const LoudnessPreset& preset) {
@@ -297,10 +469,11 @@ std::optional<QUrl> OstrandSettings::resolve(const QByteArray& bookmark, bool st
 }
 
 std::optional<QUrl> OstrandSettings::resolveFixedFolder() {
-    if (!m_fixedFolderBookmark) {
+    const auto bookmark = fixedFolderBookmark();
+    if (!bookmark) {
         return std::nullopt;
     }
-    return resolve(*m_fixedFolderBookmark, true);
+    return resolve(*bookmark, true);
 }
 
 void OstrandSettings::setFixedFolder(const QUrl& folder) {
@@ -308,10 +481,11 @@ void OstrandSettings::setFixedFolder(const QUrl& folder) {
 }
 
 std::optional<QString> OstrandSettings::fixedFolderDisplayPath() {
-    if (!m_fixedFolderBookmark) {
+    const auto bookmark = fixedFolderBookmark();
+    if (!bookmark) {
         return std::nullopt;
     }
-    const auto folder = resolve(*m_fixedFolderBookmark, false);
+    const auto folder = resolve(*bookmark, false);
     if (!folder) {
         return std::nullopt;
     }
@@ -320,8 +494,9 @@ std::optional<QString> OstrandSettings::fixedFolderDisplayPath() {
 
 std::optional<QUrl> OstrandSettings::grantedFolder(const QUrl& containing) {
     const QString target = FilePaths::standardizedPath(containing);
+    const Grants grants = folderGrants();
     QStringList candidates;
-    for (auto it = m_folderGrants.cbegin(); it != m_folderGrants.cend(); ++it) {
+    for (auto it = grants.cbegin(); it != grants.cend(); ++it) {
         if (FilePaths::isSameOrInside(target, it.key())) {
             candidates.append(it.key());
         }
@@ -329,10 +504,10 @@ std::optional<QUrl> OstrandSettings::grantedFolder(const QUrl& containing) {
     std::stable_sort(candidates.begin(), candidates.end(),
                      [](const QString& a, const QString& b) { return a.length() > b.length(); });
     for (const QString& key : candidates) {
-        if (auto folder = resolve(m_folderGrants.value(key), true)) {
+        if (auto folder = resolve(grants.value(key), true)) {
             return folder;
         }
-        Grants remaining = m_folderGrants;
+        Grants remaining = folderGrants();
         remaining.remove(key);
         setFolderGrants(remaining);
     }
@@ -344,7 +519,7 @@ void OstrandSettings::rememberGrant(const QUrl& folder) {
     if (!bookmark) {
         return;
     }
-    Grants grants = m_folderGrants;
+    Grants grants = folderGrants();
     grants.insert(FilePaths::standardizedPath(folder), *bookmark);
     setFolderGrants(grants);
 }

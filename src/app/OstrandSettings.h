@@ -3,6 +3,7 @@
 #include "FolderAccess.h"
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -11,6 +12,7 @@
 #include <QUrl>
 
 #include <array>
+#include <cstddef>
 #include <memory>
 #include <optional>
 
@@ -51,8 +53,9 @@ struct LoudnessPreset {
     friend bool operator==(const LoudnessPreset&, const LoudnessPreset&) = default;
 };
 
-// The user's choices and the folder grants (the fixed output folder's
-// bookmark and the folders the user allowed for saving beside sources),
+// The user's choices, the folder grants (the fixed output folder's bookmark
+// and the folders the user allowed for saving beside sources) and the
+// updater's record, each one row of one table (key, type, default, range),
 // persisted in a QSettings store the moment each one is assigned (also when
 // it is assigned its current value, though only a change is signalled) and
 // never before: a setting the user never chose follows the default of the
@@ -81,6 +84,16 @@ class OstrandSettings : public QObject {
                    NOTIFY folderGrantsChanged)
     Q_PROPERTY(std::optional<QString> fixedFolderDisplayPath READ fixedFolderDisplayPath NOTIFY
                    fixedFolderBookmarkChanged)
+    Q_PROPERTY(
+        int updateLaunches READ updateLaunches WRITE setUpdateLaunches NOTIFY updateLaunchesChanged)
+    Q_PROPERTY(bool askedAboutAutomaticChecks READ askedAboutAutomaticChecks WRITE
+                   setAskedAboutAutomaticChecks NOTIFY askedAboutAutomaticChecksChanged)
+    Q_PROPERTY(bool automaticallyChecksForUpdates READ automaticallyChecksForUpdates WRITE
+                   setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
+    Q_PROPERTY(QDateTime lastUpdateCheck READ lastUpdateCheck WRITE setLastUpdateCheck NOTIFY
+                   lastUpdateCheckChanged)
+    Q_PROPERTY(QString skippedUpdateVersion READ skippedUpdateVersion WRITE setSkippedUpdateVersion
+                   NOTIFY skippedUpdateVersionChanged)
 
 public:
     // Standardized folder path to that folder's bookmark.
@@ -105,6 +118,31 @@ public:
         static constexpr auto fixedFolderBookmark = "fixedFolderBookmark";
         static constexpr auto folderGrants = "folderAccessBookmarks";
         static constexpr auto mainWindowGeometry = "mainWindowGeometry";
+        static constexpr auto updateLaunches = "updates/launches";
+        static constexpr auto askedAboutAutomaticChecks = "updates/askedAboutAutomaticChecks";
+        static constexpr auto automaticallyChecksForUpdates = "updates/automaticallyChecks";
+        static constexpr auto lastUpdateCheck = "updates/lastCheck";
+        static constexpr auto skippedUpdateVersion = "updates/skippedVersion";
+    };
+
+    // Every persisted value, in the order of the table in OstrandSettings.cpp.
+    enum class Setting : std::size_t {
+        targetLoudness,
+        truePeakCeiling,
+        saveMode,
+        revealWhenDone,
+        outputChannels,
+        exportWAVWithVideo,
+        noiseAwarePauses,
+        fixedFolderBookmark,
+        folderGrants,
+        mainWindowGeometry,
+        updateLaunches,
+        askedAboutAutomaticChecks,
+        automaticallyChecksForUpdates,
+        lastUpdateCheck,
+        skippedUpdateVersion,
+        count
     };
 
     // Loads every setting from `store` at once. `folderAccess` (kept, not
@@ -118,16 +156,16 @@ public:
     // first use; owned by the QCoreApplication, which must exist.
     static OstrandSettings& shared();
 
-    double targetLoudness() const { return m_targetLoudness; }
-    double truePeakCeiling() const { return m_truePeakCeiling; }
-    SaveMode saveMode() const { return m_saveMode; }
-    bool revealWhenDone() const { return m_revealWhenDone; }
-    OutputChannels outputChannels() const { return m_outputChannels; }
-    bool exportWAVWithVideo() const { return m_exportWAVWithVideo; }
+    double targetLoudness() const { return value(Setting::targetLoudness).toDouble(); }
+    double truePeakCeiling() const { return value(Setting::truePeakCeiling).toDouble(); }
+    SaveMode saveMode() const;
+    bool revealWhenDone() const { return value(Setting::revealWhenDone).toBool(); }
+    OutputChannels outputChannels() const;
+    bool exportWAVWithVideo() const { return value(Setting::exportWAVWithVideo).toBool(); }
     // Keep room noise down in the pauses of noisy recordings.
-    bool noiseAwarePauses() const { return m_noiseAwarePauses; }
-    const std::optional<QByteArray>& fixedFolderBookmark() const { return m_fixedFolderBookmark; }
-    const Grants& folderGrants() const { return m_folderGrants; }
+    bool noiseAwarePauses() const { return value(Setting::noiseAwarePauses).toBool(); }
+    std::optional<QByteArray> fixedFolderBookmark() const;
+    Grants folderGrants() const;
 
     void setTargetLoudness(double lufs);
     void setTruePeakCeiling(double dbtp);
@@ -139,6 +177,24 @@ public:
     // Nothing removes the key from the store.
     void setFixedFolderBookmark(const std::optional<QByteArray>& bookmark);
     void setFolderGrants(const Grants& grants);
+
+    // The updater's record: how often the application started, whether the
+    // user was asked about and agreed to background checks, when the last
+    // check ended (UTC; invalid: never) and the version the user skipped.
+    int updateLaunches() const { return value(Setting::updateLaunches).toInt(); }
+    bool askedAboutAutomaticChecks() const {
+        return value(Setting::askedAboutAutomaticChecks).toBool();
+    }
+    bool automaticallyChecksForUpdates() const {
+        return value(Setting::automaticallyChecksForUpdates).toBool();
+    }
+    QDateTime lastUpdateCheck() const { return value(Setting::lastUpdateCheck).toDateTime(); }
+    QString skippedUpdateVersion() const { return value(Setting::skippedUpdateVersion).toString(); }
+    void setUpdateLaunches(int launches);
+    void setAskedAboutAutomaticChecks(bool asked);
+    void setAutomaticallyChecksForUpdates(bool checks);
+    void setLastUpdateCheck(const QDateTime& when);
+    void setSkippedUpdateVersion(const QString& version);
 
     // Sets the target loudness, then the ceiling.
     void apply(const LoudnessPreset& preset);
@@ -163,7 +219,9 @@ public:
 
     // The main window's place and size as QWidget::saveGeometry gives them;
     // empty until a window was closed once. Not a choice: nothing signals it.
-    QByteArray mainWindowGeometry() const;
+    QByteArray mainWindowGeometry() const {
+        return value(Setting::mainWindowGeometry).toByteArray();
+    }
     void setMainWindowGeometry(const QByteArray& geometry);
 
     FolderAccess& folderAccess() const { return *m_folderAccess; }
@@ -179,26 +237,25 @@ signals:
     void noiseAwarePausesChanged();
     void fixedFolderBookmarkChanged();
     void folderGrantsChanged();
+    void updateLaunchesChanged();
+    void askedAboutAutomaticChecksChanged();
+    void automaticallyChecksForUpdatesChanged();
+    void lastUpdateCheckChanged();
+    void skippedUpdateVersionChanged();
 
 private:
-    void write(const char* key, const QVariant& value);
-    // Writes the key, then stores and signals only a changed value.
-    template <typename T>
-    void assign(const char* key, const QVariant& stored, T& field, const T& value,
-                void (OstrandSettings::*changed)());
+    const QVariant& value(Setting setting) const {
+        return m_values[static_cast<std::size_t>(setting)];
+    }
+    // Writes `stored` (what the table's type keeps in the store; invalid
+    // removes the key), then keeps and signals only a changed value.
+    void assign(Setting setting, const QVariant& stored);
     void load();
 
     std::unique_ptr<QSettings> m_store;
     FolderAccess* m_folderAccess;
-    double m_targetLoudness = defaultTargetLoudness;
-    double m_truePeakCeiling = defaultTruePeakCeiling;
-    SaveMode m_saveMode = SaveMode::nextToOriginal;
-    bool m_revealWhenDone = false;
-    OutputChannels m_outputChannels = OutputChannels::keepOriginal;
-    bool m_exportWAVWithVideo = false;
-    bool m_noiseAwarePauses = defaultNoiseAwarePauses;
-    std::optional<QByteArray> m_fixedFolderBookmark;
-    Grants m_folderGrants;
+    // Each setting as its row's type stores it, or the row's default.
+    std::array<QVariant, static_cast<std::size_t>(Setting::count)> m_values;
 };
 
 } // namespace ostrand

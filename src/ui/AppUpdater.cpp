@@ -2,6 +2,7 @@
 
 #include "AppInfo.h"
 #include "UpdateDialogs.h"
+#include "app/OstrandSettings.h"
 #include "update/Ed25519.h"
 #include "update/UpdateFeed.h"
 
@@ -21,17 +22,12 @@ namespace ostrand {
 
 namespace {
 
-const QString launchesKey = QStringLiteral("updates/launches");
-const QString askedKey = QStringLiteral("updates/askedAboutAutomaticChecks");
-const QString automaticKey = QStringLiteral("updates/automaticallyChecks");
-const QString lastCheckKey = QStringLiteral("updates/lastCheck");
-const QString skippedKey = QStringLiteral("updates/skippedVersion");
-
 constexpr qint64 secondsPerDay = 24 * 60 * 60;
 constexpr int dueCheckInterval = 60 * 60 * 1000;
 
-AppUpdater::Configuration buildConfiguration() {
+AppUpdater::Configuration buildConfiguration(OstrandSettings* settings) {
     AppUpdater::Configuration config;
+    config.settings = settings;
     config.feedUrl = QStringLiteral(OSTRAND_UPDATE_FEED_URL);
     config.publicKey = QStringLiteral(OSTRAND_UPDATE_PUBLIC_KEY);
     config.currentVersion = AppInfo::version();
@@ -40,8 +36,8 @@ AppUpdater::Configuration buildConfiguration() {
 
 } // namespace
 
-AppUpdater::AppUpdater(QObject* parent)
-    : AppUpdater(buildConfiguration(), std::make_unique<UpdateDialogs>(), parent) {}
+AppUpdater::AppUpdater(OstrandSettings* settings, QObject* parent)
+    : AppUpdater(buildConfiguration(settings), std::make_unique<UpdateDialogs>(), parent) {}
 
 AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompter> prompter,
                        QObject* parent)
@@ -68,16 +64,12 @@ AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompt
                     "correctly.");
     }
     if (!m_unavailable.isEmpty()) {
-        m_config.store.reset();
         std::fprintf(stderr, "ostrand: checking for updates is unavailable: %s\n",
                      qPrintable(m_unavailable));
         return;
     }
 
-    if (!m_config.store) {
-        m_config.store =
-            std::make_unique<QSettings>(QStringLiteral("Ostrand"), QStringLiteral("Ostrand"));
-    }
+    m_settings = m_config.settings ? m_config.settings : &OstrandSettings::shared();
     m_feed = new UpdateFeed(feedUrl, *key, m_config.currentVersion, this);
     if (!m_config.downloadFolder.isEmpty()) {
         m_feed->setDownloadFolder(m_config.downloadFolder);
@@ -119,8 +111,7 @@ AppUpdater::AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompt
 AppUpdater::~AppUpdater() = default;
 
 bool AppUpdater::automaticallyChecksForUpdates() const {
-    return m_config.store ? m_config.store->value(automaticKey, false).toBool()
-                          : m_automaticWithoutStore;
+    return m_settings ? m_settings->automaticallyChecksForUpdates() : m_automaticWithoutStore;
 }
 
 void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
@@ -129,11 +120,10 @@ void AppUpdater::setAutomaticallyChecksForUpdates(bool checks) {
         emit automaticallyChecksForUpdatesChanged();
         return;
     }
-    if (m_config.store) {
-        m_config.store->setValue(automaticKey, checks);
+    if (m_settings) {
+        m_settings->setAutomaticallyChecksForUpdates(checks);
         // Choosing either way is the answer to the second launch's question.
-        m_config.store->setValue(askedKey, true);
-        m_config.store->sync();
+        m_settings->setAskedAboutAutomaticChecks(true);
     } else {
         m_automaticWithoutStore = checks;
     }
@@ -146,16 +136,13 @@ void AppUpdater::actAsConfigured() {
 }
 
 void AppUpdater::launched() {
-    QSettings& store = *m_config.store;
-    const int launches = store.value(launchesKey, 0).toInt() + 1;
-    store.setValue(launchesKey, launches);
-    store.sync();
+    const int launches = m_settings->updateLaunches() + 1;
+    m_settings->setUpdateLaunches(launches);
     if (launches < 2) {
         return;
     }
-    if (!store.value(askedKey, false).toBool()) {
-        store.setValue(askedKey, true);
-        store.sync();
+    if (!m_settings->askedAboutAutomaticChecks()) {
+        m_settings->setAskedAboutAutomaticChecks(true);
         m_prompter->askAutomaticChecks([this](bool agreed) {
             setAutomaticallyChecksForUpdates(agreed);
             backgroundCheckIfDue();
@@ -169,7 +156,7 @@ void AppUpdater::backgroundCheckIfDue() {
     if (!automaticallyChecksForUpdates() || !m_canCheckForUpdates) {
         return;
     }
-    const QDateTime last = m_config.store->value(lastCheckKey).toDateTime();
+    const QDateTime last = m_settings->lastUpdateCheck();
     if (last.isValid() && last.secsTo(QDateTime::currentDateTimeUtc()) < secondsPerDay) {
         return;
     }
@@ -198,9 +185,9 @@ void AppUpdater::check(bool userInitiated) {
 }
 
 void AppUpdater::fetched(const QList<AppcastItem>& items) {
-    m_config.store->setValue(lastCheckKey, QDateTime::currentDateTimeUtc());
+    m_settings->setLastUpdateCheck(QDateTime::currentDateTimeUtc());
     const std::optional<AppcastItem> update =
-        newestUpdate(items, m_config.currentVersion, m_config.store->value(skippedKey).toString());
+        newestUpdate(items, m_config.currentVersion, m_settings->skippedUpdateVersion());
     if (!update) {
         if (m_userInitiated) {
             m_prompter->upToDate(
@@ -231,7 +218,7 @@ void AppUpdater::decided(const AppcastItem& item, UpdatePrompter::Choice choice)
         return;
     case UpdatePrompter::Choice::Skip:
         if (!item.critical) {
-            m_config.store->setValue(skippedKey, item.version);
+            m_settings->setSkippedUpdateVersion(item.version);
         }
         break;
     case UpdatePrompter::Choice::Later:
@@ -241,7 +228,6 @@ void AppUpdater::decided(const AppcastItem& item, UpdatePrompter::Choice choice)
 }
 
 void AppUpdater::finish() {
-    m_config.store->sync();
     setCanCheckForUpdates(true);
     emit idle();
 }

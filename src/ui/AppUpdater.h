@@ -3,7 +3,6 @@
 #include "UpdatePrompter.h"
 
 #include <QObject>
-#include <QSettings>
 #include <QTimer>
 #include <QUrl>
 
@@ -11,6 +10,7 @@
 
 namespace ostrand {
 
+class OstrandSettings;
 class UpdateFeed;
 
 // Checks the signed update feed (an appcast) and offers, downloads, verifies
@@ -30,13 +30,14 @@ public:
         QString feedUrl;
         QString publicKey; // base64
         QString currentVersion;
-        std::unique_ptr<QSettings> store; // null: the application's own
-        QString downloadFolder;           // empty: the user's downloads
-        qint64 feedLimit = 0;             // 0: the default
+        OstrandSettings* settings = nullptr; // kept, not owned; null: the application's own
+        QString downloadFolder;              // empty: the user's downloads
+        qint64 feedLimit = 0;                // 0: the default
     };
 
-    // From the build's configuration, with dialogs.
-    explicit AppUpdater(QObject* parent = nullptr);
+    // From the build's configuration, with dialogs; `settings` as in
+    // Configuration.
+    explicit AppUpdater(OstrandSettings* settings = nullptr, QObject* parent = nullptr);
     AppUpdater(Configuration configuration, std::unique_ptr<UpdatePrompter> prompter,
                QObject* parent = nullptr);
     ~AppUpdater() override;
@@ -79,6 +80,8 @@ private:
     void finish();
 
     Configuration m_config;
+    // Where the updater's record is kept; null while no check is possible.
+    OstrandSettings* m_settings = nullptr;
     std::unique_ptr<UpdatePrompter> m_prompter;
     UpdateFeed* m_feed = nullptr;
     QString m_unavailable;

@@ -67,6 +67,7 @@ OstrandApp::OstrandApp(JobQueue& queue, OstrandSettings& settings, QObject* pare
     : QObject(parent)
     , m_queue(queue)
     , m_settings(settings)
+    , m_updater(&settings)
     , m_mainWindow(std::make_unique<MainWindow>(queue, m_updater, queue.revealer())) {
     m_panels.setParentWindow(m_mainWindow.get());
     queue.setPanels(&m_panels);

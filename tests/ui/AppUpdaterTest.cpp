@@ -2,6 +2,7 @@
 // user check and a background check show, skipping, installing, and the
 // second launch's question. The windows are replaced by a recorder.
 #include "ui/AppUpdater.h"
+#include "app/OstrandSettings.h"
 #include "ui/UpdateDialogs.h"
 #include "update/Ed25519.h"
 #include "update/TestHttpServer.h"
@@ -318,10 +319,14 @@ private:
         config.feedUrl = feedUrl;
         config.publicKey = publicKey;
         config.currentVersion = QStringLiteral("0.1.0");
-        config.store = store();
+        // Loaded afresh, as at a launch; it lives as long as the updater.
+        auto* settings = new OstrandSettings(store());
+        config.settings = settings;
         config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
-        return std::make_unique<AppUpdater>(
+        auto updater = std::make_unique<AppUpdater>(
             std::move(config), prompter ? std::move(prompter) : std::make_unique<Recorder>(m_log));
+        settings->setParent(updater.get());
+        return updater;
     }
 
     // An updater after one user check of `path` has ended.
