@@ -247,6 +247,10 @@ struct Attempt {
     double limiterGainReduction = 0.0;
     std::vector<float> outputLoudness;   // short-term, per frame
     std::vector<float> limiterReduction; // dB, per frame
+    // What it was made with.
+    GainCurve curve;
+    double thresholdDb = 0.0;
+    double plannedTarget = 0.0;
 };
 
 // The plan's gains through a limiter whose threshold is `thresholdDb`.
@@ -465,84 +469,119 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     // file over the ceiling: level it again with the same gains and a lower
     // threshold, so that only the peaks give way. A file under the ceiling
     // but off the target is planned again for a target moved by the miss.
-    // Each retry takes half of the progress still left to retries and reports
-    // at the first pass's pace.
+    // Where the limiter holds the material down, a louder plan comes out only
+    // partly louder, so a later move is scaled by what the last one gave at
+    // the same threshold. A miss beyond the warning is what the ceiling
+    // allows, and is not chased. A retry
+    // can come out worse (a deeper reduction can add peaks of its own): the
+    // best attempt is the one kept. Each retry takes half of the progress
+    // still left to retries and reports at the first pass's pace.
     double thresholdDb = firstThresholdDb;
-    bool replanned = false;
     double progressStart = analysisShare;
     const double firstShare = 1.0 - analysisShare - retryShare;
     double progressShare = firstShare;
-    Attempt attempt =
-        levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare, reportStep);
+    const auto attempt = [&] {
+        Attempt made = levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare,
+                                    reportStep * firstShare / progressShare);
+        made.curve = curve;
+        made.thresholdDb = thresholdDb;
+        made.plannedTarget = planned.targetLoudness;
+        return made;
+    };
+    const auto miss = [&](const LoudnessFigures& figures) {
+        return parameters.targetLoudness - figures.integratedLoudness;
+    };
+    const auto isBetter = [&](const LoudnessFigures& figures, const LoudnessFigures& than) {
+        const bool under = figures.truePeak - truePeakCeiling <= overCeilingDb;
+        if (under != (than.truePeak - truePeakCeiling <= overCeilingDb)) {
+            return under;
+        }
+        return under ? std::fabs(miss(figures)) < std::fabs(miss(than))
+                     : figures.truePeak < than.truePeak;
+    };
+    Attempt best = attempt();
+    LoudnessFigures written = best.output->measured();
+    // The last replan at the present threshold: its target and what it gave.
+    double replanTarget = NAN;
+    double replanLoudness = NAN;
     for (int retry = 0; retry < maxRetries; ++retry) {
-        const LoudnessFigures& written = attempt.output->measured();
         const double excess = written.truePeak - truePeakCeiling;
-        const double miss = parameters.targetLoudness - written.integratedLoudness;
         if (excess > overCeilingDb) {
             thresholdDb -= excess + retryMarginDb;
-        } else if (std::fabs(miss) > replanOffTargetLu && std::fabs(miss) <= offTargetWarningLu &&
+            replanTarget = NAN;
+        } else if (std::fabs(miss(written)) > replanOffTargetLu &&
+                   std::fabs(miss(written)) <= offTargetWarningLu &&
                    written.integratedLoudness > GainCurveBuilder::emptyLoudness) {
+            double response = 1.0;
+            if (std::isfinite(replanTarget)) {
+                response = std::clamp((written.integratedLoudness - replanLoudness) /
+                                          (planned.targetLoudness - replanTarget),
+                                      minReplanResponse, 1.0);
+            }
+            replanTarget = planned.targetLoudness;
+            replanLoudness = written.integratedLoudness;
             // The miss already holds what a lowered threshold took: the plan
             // keeps its first limiter model and moves only its target.
-            planned.targetLoudness += miss;
+            planned.targetLoudness += miss(written) / response;
             curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb,
                                             limiterReleaseMs / 1000.0);
-            replanned = true;
         } else {
             break;
         }
         progressStart += progressShare;
         progressShare = (1.0 - progressStart) / 2.0;
-        attempt = {}; // its files go before the next ones are written
-        attempt = levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare,
-                               reportStep * firstShare / progressShare);
+        Attempt next = attempt();
+        written = next.output->measured();
+        if (isBetter(written, best.output->measured())) {
+            best = std::move(next);
+        }
     }
-    name(attempt, destination);
+    name(best, destination);
     if (progress) {
         progress(LevelingProgress{LevelingPhase::leveling, 1.0});
     }
 
-    const LoudnessFigures& measured = attempt.output->measured();
+    const LoudnessFigures& measured = best.output->measured();
     LevelingReport report;
-    report.outputURL = attempt.output->url();
-    if (attempt.sidecar) {
-        report.audioSidecarURL = attempt.sidecar->url();
+    report.outputURL = best.output->url();
+    if (best.sidecar) {
+        report.audioSidecarURL = best.sidecar->url();
     }
-    report.notes = attempt.output->notes();
-    if (thresholdDb < firstThresholdDb) {
+    report.notes = best.output->notes();
+    if (best.thresholdDb < firstThresholdDb) {
         report.notes.push_back("limiter threshold lowered by " +
-                               tenths(firstThresholdDb - thresholdDb) +
+                               tenths(firstThresholdDb - best.thresholdDb) +
                                " dB to keep the true peak under the ceiling");
     }
-    if (replanned) {
-        report.notes.push_back("planned again for " + tenths(planned.targetLoudness) +
+    if (best.plannedTarget != parameters.targetLoudness) {
+        report.notes.push_back("planned again for " + tenths(best.plannedTarget) +
                                " LUFS to meet the target");
     }
     report.duration = asset.durationSeconds;
-    report.inputLoudness = curve.inputLoudness;
-    report.outputLoudness = attempt.ownLoudness;
-    report.limiterGainReduction = attempt.limiterGainReduction;
-    if (!curve.gainDB.empty()) {
+    report.inputLoudness = best.curve.inputLoudness;
+    report.outputLoudness = best.ownLoudness;
+    report.limiterGainReduction = best.limiterGainReduction;
+    if (!best.curve.gainDB.empty()) {
         const auto [lowest, highest] =
-            std::minmax_element(curve.gainDB.begin(), curve.gainDB.end());
+            std::minmax_element(best.curve.gainDB.begin(), best.curve.gainDB.end());
         report.minGain = *lowest;
         report.maxGain = *highest;
     }
-    report.activeFraction = curve.activeFraction;
+    report.activeFraction = best.curve.activeFraction;
     report.outputTruePeak = measured.truePeak;
     report.outputIntegratedLoudness = measured.integratedLoudness;
-    report.warnings =
-        warnings(report, parameters.targetLoudness, truePeakCeiling, hasSpeech(analysis, curve));
+    report.warnings = warnings(report, parameters.targetLoudness, truePeakCeiling,
+                               hasSpeech(analysis, best.curve));
 
     auto series = std::make_shared<LevelingSeries>();
     series->frameSeconds = frameSeconds;
     series->duration = asset.durationSeconds;
     series->targetLoudness = parameters.targetLoudness;
     series->inputLoudness = Loudness::shortTerm(analysis.kPower);
-    series->outputLoudness = std::move(attempt.outputLoudness);
-    series->gain.assign(curve.gainDB.begin(), curve.gainDB.end());
-    series->limiterReduction = std::move(attempt.limiterReduction);
-    series->active = curve.active;
+    series->outputLoudness = std::move(best.outputLoudness);
+    series->gain.assign(best.curve.gainDB.begin(), best.curve.gainDB.end());
+    series->limiterReduction = std::move(best.limiterReduction);
+    series->active = best.curve.active;
     report.series = std::move(series);
     return report;
 }

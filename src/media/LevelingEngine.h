@@ -38,7 +38,9 @@ inline constexpr double retryMarginDb = 0.1;
 // the plan's limiter model is per frame, the limiter per sample. Both kinds
 // of retry share the maxRetries.
 inline constexpr double replanOffTargetLu = 0.2;
-inline constexpr int maxRetries = 3;
+// A later plan's move is at most this many times its miss.
+inline constexpr double minReplanResponse = 0.5;
+inline constexpr int maxRetries = 4;
 inline constexpr double retryShare = 0.15;
 // Warnings: the output's loudness this far from the target, its true peak
 // further above the ceiling than a figure shown to a tenth can tell.

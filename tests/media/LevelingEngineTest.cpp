@@ -205,6 +205,10 @@ const LevelingCase levelingCases[] = {
      overshootDb, {}},
     {"HotClickySpeechMp3", hotClickySpeech, "a.mp3", "libmp3lame", target, wavToleranceLu,
      overshootDb, {}},
+    // Deeply limited at a low rate, where a lower threshold gives back
+    // loudness that a louder plan wins back only in part.
+    {"DeeplyLimitedSpeech16k", [] { return speechLike(16000.0, 1, 20.0, 11); }, "", nullptr, -12.5,
+     wavToleranceLu, pcmOvershootDb, {}, 10},
     {"SquareWav", [] { return square(44100.0, 1, 10.0, 440.0, 0.1); }, "", nullptr, -3.0,
      wavToleranceLu, pcmOvershootDb, {noSpeech}},
     // The limiter's estimate misses 2 dB of white noise's peaks; lowering its
