@@ -25,6 +25,20 @@ inline constexpr double loudnessToleranceLu = 0.02;
 inline constexpr int maxPredictions = 4;
 inline constexpr double emptyLoudness = -70.0;
 
+// Which frames the plan takes for speech. A frame is active when it lies
+// above an absolute floor (under the loudest 5 % of frames, at most
+// absoluteGate) and no more than relativeGate under the 3 s around it; with
+// noiseAwarePauses, the pauses PauseDetector finds by contrast and frames
+// the room's noise dominates are not, where the room is loud enough to pass
+// those gates (`engaged`). `pause` and `engaged` stay empty without
+// noiseAwarePauses.
+struct Activity {
+    std::vector<unsigned char> active;
+    std::vector<unsigned char> pause;
+    std::vector<unsigned char> engaged;
+};
+Activity findActivity(const FrameAnalysis& analysis, const LevelingParameters& parameters);
+
 GainCurve build(const FrameAnalysis& analysis, const LevelingParameters& parameters,
                 double limiterCeilingDB, double limiterReleaseSeconds);
 
