@@ -11,6 +11,8 @@
 #include "dsp/Loudness.h"
 #include "dsp/LoudnessMeter.h"
 #include "dsp/PauseDetector.h"
+#include "dsp/ProgrammeLevels.h"
+#include "dsp/SpeechGate.h"
 #include "dsp/TruePeakLimiter.h"
 #include "dsp/TruePeakMeter.h"
 #include "dsp/VectorOps.h"
@@ -20,6 +22,7 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -615,22 +618,40 @@ LevelingReport process(const std::filesystem::path& source,
 namespace {
 
 // Meters one programme (a track, or the mix of several) in one read;
-// `series`, when given, receives its short-term loudness every 10 ms.
+// `series`, when given, receives its short-term loudness every 10 ms, and
+// `levels` the figures of the leveler's analysis of the same audio.
 LoudnessFigures meterPass(const MediaAsset& asset, const SourceAudioFormat& format,
                           const std::vector<MediaAsset::AudioTrack>& tracks, PassProgress& pass,
-                          const CancelCheck& isCancelled, LevelingSeries* series = nullptr) {
+                          const CancelCheck& isCancelled, LevelingSeries* series = nullptr,
+                          Measurement* levels = nullptr) {
     LoudnessMeter meter(format.sampleRate, channelWeights(format.channelMask, format.channels));
     if (series) {
         meter.keepShortTermSeries();
     }
+    std::optional<FrameAnalyzer> analyzer;
+    if (levels) {
+        analyzer.emplace(format.sampleRate, format.channels);
+    }
     MixedAudioReader reader(asset, format, tracks, isCancelled);
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
-        meter.append(std::span<const float* const>(planar.data(), planar.size()), count);
+        const std::span<const float* const> samples(planar.data(), planar.size());
+        meter.append(samples, count);
+        if (analyzer) {
+            analyzer->append(samples, count);
+        }
         pass.advance(count);
     });
     if (series) {
         series->inputLoudness = meter.shortTermSeries();
+    }
+    if (levels) {
+        const FrameAnalysis analysis = std::move(*analyzer).analysis();
+        levels->speechLoudness =
+            SpeechGate::loudness(meter.blockPowers(), SpeechGate::speechFrames(analysis),
+                                 analysis.sampleRate, analysis.frameLength);
+        levels->rms = ProgrammeLevels::rmsDb(analysis);
+        levels->noiseFloor = ProgrammeLevels::noiseFloorDb(analysis);
     }
     return meter.figures();
 }
@@ -690,7 +711,7 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
     auto series = std::make_shared<LevelingSeries>();
     series->duration = asset.durationSeconds;
     const LoudnessFigures figures =
-        meterPass(asset, mix, asset.audioTracks, pass, isCancelled, series.get());
+        meterPass(asset, mix, asset.audioTracks, pass, isCancelled, series.get(), &m);
     m.series = std::move(series);
     if (!severalTracks) {
         m.tracks.push_back({asset.audioTracks.front().streamIndex, mixLayout, mix.channels,
