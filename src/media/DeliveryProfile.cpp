@@ -371,7 +371,9 @@ ParsedProfiles parseProfiles(std::string_view text, std::span<const DeliveryProf
         }
     };
     const auto finish = [&] {
-        if (!section) {
+        // A profile already left out needs no more reasons.
+        if (!section || section->faulty) {
+            section.reset();
             return;
         }
         if (const auto missing = incomplete(section->profile, section->given)) {
