@@ -200,18 +200,21 @@ std::vector<double> boxMean(std::span<const double> x, std::int64_t width) {
     return out;
 }
 
+std::size_t percentileRank(std::size_t count, double p) {
+    const double rank = p * static_cast<double>(count - 1);
+    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18,
+                    "percentile rank out of range");
+    return static_cast<std::size_t>(std::clamp<std::int64_t>(static_cast<std::int64_t>(rank), 0,
+                                                             static_cast<std::int64_t>(count) - 1));
+}
+
 double percentile(std::span<const double> x, double p) {
     if (x.empty()) {
         return 0.0;
     }
-    const double rank = p * static_cast<double>(x.size() - 1);
-    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18,
-                    "percentile rank out of range");
-    const auto k = std::clamp<std::int64_t>(static_cast<std::int64_t>(rank), 0,
-                                            static_cast<std::int64_t>(x.size()) - 1);
     // The k-th smallest value is what sorting a copy and indexing would give.
     std::vector<double> copy(x.begin(), x.end());
-    const auto kth = copy.begin() + k;
+    const auto kth = copy.begin() + static_cast<std::ptrdiff_t>(percentileRank(x.size(), p));
     std::nth_element(copy.begin(), kth, copy.end());
     return *kth;
 }

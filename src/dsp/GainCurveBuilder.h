@@ -4,6 +4,7 @@
 #include "GainCurve.h"
 #include "LevelingParameters.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -47,6 +48,8 @@ std::vector<double> boxMean(std::span<const double> x, std::int64_t width);
 
 // Value at rank trunc(p * (n - 1)) of the sorted values; 0 for none.
 double percentile(std::span<const double> x, double p);
+// That rank, trunc(p * (count - 1)), for count > 0.
+std::size_t percentileRank(std::size_t count, double p);
 
 // Normalised Gaussian smoothing (sigma in frames) with the end values held;
 // returns the input for fewer than two values or sigma <= 0.3.

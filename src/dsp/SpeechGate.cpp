@@ -12,17 +12,31 @@ namespace ostrand::SpeechGate {
 
 namespace {
 
-// Whether the frames on both sides of each frame dip like speech.
+// Whether the frames on both sides of each frame dip like speech. The frames
+// around are kept sorted as the window slides, so the loud level is an index.
 std::vector<unsigned char> dipsLikeSpeech(std::span<const double> levelDb) {
     const std::size_t n = levelDb.size();
     const auto reach = static_cast<std::size_t>(reachFrames);
     const std::size_t shortest = reach / 2;
     std::vector<unsigned char> heard(n, 0);
+    std::vector<double> sorted;
+    const auto enter = [&](double db) {
+        sorted.insert(std::upper_bound(sorted.begin(), sorted.end(), db), db);
+    };
+    for (std::size_t k = 0; k < std::min(n, reach); ++k) {
+        enter(levelDb[k]);
+    }
     for (std::size_t i = 0; i < n; ++i) {
         const std::size_t lo = i >= reach ? i - reach : 0;
         const std::size_t hi = std::min(n, i + reach);
-        const std::span<const double> around = levelDb.subspan(lo, hi - lo);
-        const double dipUnder = GainCurveBuilder::percentile(around, loudPercentile) - dipDb;
+        if (i > 0 && hi == i + reach) {
+            enter(levelDb[hi - 1]);
+        }
+        if (i > reach) {
+            sorted.erase(std::lower_bound(sorted.begin(), sorted.end(), levelDb[lo - 1]));
+        }
+        const double dipUnder =
+            sorted[GainCurveBuilder::percentileRank(sorted.size(), loudPercentile)] - dipDb;
         const auto dips = [&](std::size_t from, std::size_t to) {
             return static_cast<double>(
                 std::count_if(levelDb.begin() + static_cast<std::ptrdiff_t>(from),
