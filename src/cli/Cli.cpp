@@ -813,8 +813,8 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     if (!options.quiet && (inputs.files.size() > 1 || skipped > 0 || interrupted)) {
         err << "ostrand-cli: " << (interrupted ? "interrupted; " : "");
         if (options.command == "check") {
-            err << done << " meet " << profile->name << ", " << rejected << " do not, " << failed
-                << " could not be read";
+            err << done << " passed " << profile->name << ", " << rejected << " failed it, "
+                << failed << " could not be read";
         } else {
             const char* verb = options.command == "measure" ? "measured"
                                : options.dryRun             ? "to level"

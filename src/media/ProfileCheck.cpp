@@ -152,7 +152,10 @@ std::vector<Result> check(const DeliveryProfile& profile,
             result.verdict = Verdict::reported;
         } else {
             constexpr double open = std::numeric_limits<double>::infinity();
-            const double value = *reading.value;
+            // Judged as shown: a difference a figure rounded to its last
+            // digit cannot tell (the leveler's overCeilingDb) is no fault.
+            const double scale = std::pow(10.0, wordsOf(criterion.quantity).decimals);
+            const double value = std::round(*reading.value * scale) / scale;
             const Limits& limits = criterion.limits;
             result.margin = std::min(limits.min ? value - *limits.min : open,
                                      limits.max ? *limits.max - value : open);
@@ -227,9 +230,7 @@ std::string marginText(const Result& r) {
         return {};
     }
     const QuantityWords& w = wordsOf(r.criterion.quantity);
-    // A hundredth where a tenth would read as no margin at all.
-    const int decimals = std::fabs(r.margin) < 0.1 && w.decimals > 0 ? 2 : w.decimals;
-    const std::string amount = formatted(std::fabs(r.margin), decimals, w.differenceUnit);
+    const std::string amount = formatted(std::fabs(r.margin), w.decimals, w.differenceUnit);
     if (r.verdict == Verdict::pass) {
         return amount + " to spare";
     }

@@ -43,7 +43,8 @@ struct Result {
     std::optional<double> measured; // in the quantity's unit; empty when not measurable
     Verdict verdict = Verdict::notMeasurable;
     // Distance to the nearest limit in the quantity's unit: positive inside,
-    // negative outside; 0 when not measurable or only reported.
+    // negative outside; 0 when not measurable or only reported. Figures are
+    // judged as they are shown, rounded to a tenth (the sample rate to 1 Hz).
     double margin = 0.0;
     std::string why; // why it could not be measured
 };

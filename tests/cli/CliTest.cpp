@@ -695,7 +695,7 @@ TEST(CliTest, CheckJudgesEachCriterion) {
     const CliRun unreadable =
         run({"check", "--profile", "podcast", (dir / "out.wav").string(), text.string()});
     EXPECT_EQ(unreadable.status, exitFailure);
-    EXPECT_NE(unreadable.err.find("1 meet Apple Podcasts, 0 do not, 1 could not be read"),
+    EXPECT_NE(unreadable.err.find("1 passed Apple Podcasts, 0 failed it, 1 could not be read"),
               std::string::npos)
         << unreadable.err;
 }

@@ -177,8 +177,9 @@ constexpr double none = -std::numeric_limits<double>::infinity();
 INSTANTIATE_TEST_SUITE_P(
     Table, ProfileVerdicts,
     testing::Values(
-        VerdictCase{"InsideTheTolerance", "EBU", measurement(-23.44, -23.0, -1.0, 60.0),
-                    "pass|pass|reported", "0.06 LU to spare"},
+        // Judged as shown, to a tenth.
+        VerdictCase{"AtTheEdgeAsShown", "EBU", measurement(-23.54, -23.0, -0.96, 60.0),
+                    "pass|pass|reported", "0.0 LU to spare"},
         VerdictCase{"TooLoudAndOverTheCeiling", "podcast", measurement(-14.5, -16.0, -0.4, 60.0),
                     "fail|fail", "0.5 LU too loud"},
         VerdictCase{"MeasuredOnSpeech", "ATSC", measurement(-18.0, -25.5, -3.0, 60.0), "pass|pass",
