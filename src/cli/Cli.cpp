@@ -438,6 +438,18 @@ private:
             }
         }();
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+        // The output against the profile it was leveled for: measured anew,
+        // for the figures the writer's meter does not take.
+        std::optional<std::vector<ProfileCheck::Result>> verdict;
+        std::string uncheckedBecause;
+        if (m_profile) {
+            try {
+                verdict = ProfileCheck::check(
+                    *m_profile, LevelingEngine::measure(report.outputURL, {}, cancelCheck()));
+            } catch (const std::exception& error) {
+                uncheckedBecause = errorText(error);
+            }
+        }
         m_console.ended(slot);
         const std::optional<fs::path> plot = drawPlot(report.outputURL, report.series);
         if (!m_options.quiet) {
@@ -476,6 +488,9 @@ private:
             if (plot) {
                 object["plot"] = decoded(*plot);
             }
+            if (verdict) {
+                object["check"] = CliProfiles::checkJson(*m_profile, *verdict);
+            }
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
@@ -483,6 +498,12 @@ private:
                                 ReportText::detailLine(report) + '\n';
             lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
+            if (verdict) {
+                lines += "  " + CliProfiles::verdictLine(*m_profile, *verdict) + '\n';
+            } else if (m_profile) {
+                lines +=
+                    "  not checked against " + m_profile->name + ": " + uncheckedBecause + '\n';
+            }
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
             }

@@ -85,6 +85,26 @@ std::string checkText(const std::string& source, const DeliveryProfile& profile,
     return text;
 }
 
+std::string verdictLine(const DeliveryProfile& profile, const std::vector<Result>& results) {
+    if (ProfileCheck::passed(results)) {
+        return "meets " + profile.name;
+    }
+    std::string line = "does not meet " + profile.name + ":";
+    for (const Result& result : results) {
+        const ProfileCheck::Quantity quantity = result.criterion.quantity;
+        if (result.verdict == Verdict::fail) {
+            line += " " + std::string(ProfileCheck::label(quantity)) + " " +
+                    ProfileCheck::valueText(quantity, *result.measured) + ", " +
+                    ProfileCheck::marginText(result) + ";";
+        } else if (result.verdict == Verdict::notMeasurable) {
+            line += " " + std::string(ProfileCheck::label(quantity)) + " not measurable (" +
+                    result.why + ");";
+        }
+    }
+    line.pop_back();
+    return line;
+}
+
 QJsonObject checkJson(const DeliveryProfile& profile, const std::vector<Result>& results) {
     QJsonArray criteria;
     for (const Result& result : results) {

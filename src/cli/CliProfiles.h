@@ -22,6 +22,11 @@ std::string listing(std::span<const DeliveryProfile> profiles);
 std::string checkText(const std::string& source, const DeliveryProfile& profile,
                       const std::vector<ProfileCheck::Result>& results);
 
+// One line on a leveled file: "meets Apple Podcasts", or "does not meet
+// EBU R128: " and each criterion it failed.
+std::string verdictLine(const DeliveryProfile& profile,
+                        const std::vector<ProfileCheck::Result>& results);
+
 // The same as one JSON object: "source" is for the caller to set.
 QJsonObject checkJson(const DeliveryProfile& profile,
                       const std::vector<ProfileCheck::Result>& results);

@@ -157,8 +157,9 @@ std::vector<Result> check(const DeliveryProfile& profile,
             const double scale = std::pow(10.0, wordsOf(criterion.quantity).decimals);
             const double value = std::round(*reading.value * scale) / scale;
             const Limits& limits = criterion.limits;
-            result.margin = std::min(limits.min ? value - *limits.min : open,
-                                     limits.max ? *limits.max - value : open);
+            const double margin = std::min(limits.min ? value - *limits.min : open,
+                                           limits.max ? *limits.max - value : open);
+            result.margin = std::round(margin * scale) / scale;
             result.verdict = result.margin >= 0.0 ? Verdict::pass : Verdict::fail;
         }
         results.push_back(std::move(result));

@@ -657,9 +657,11 @@ TEST(CliTest, CheckJudgesEachCriterion) {
     const fs::path source = floatWav(dir / "talk.wav", talk);
     const fs::path shortTone = sineFile(dir / "beep.wav", 48000, "mono", 0.3);
     const fs::path text = textFile(dir / "notes.mp4");
-    const CliRun level = run(
-        {"level", "-q", "--profile", "podcast", "-o", (dir / "out.wav").string(), source.string()});
+    // level checks what it wrote.
+    const CliRun level =
+        run({"level", "--profile", "podcast", "-o", (dir / "out.wav").string(), source.string()});
     ASSERT_EQ(level.status, exitSuccess) << level.err;
+    EXPECT_NE(level.out.find(" dBTP\n  meets Apple Podcasts\n"), std::string::npos) << level.out;
 
     const CliRun meets = run({"check", "--profile", "podcast", (dir / "out.wav").string()});
     EXPECT_EQ(meets.status, exitSuccess) << meets.err;
