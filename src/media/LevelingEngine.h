@@ -90,18 +90,20 @@ struct Measurement {
     double loudnessRange = 0.0;      // LU
     double maxMomentary = 0.0;       // LUFS
     double maxShortTerm = 0.0;       // LUFS
-    // The loudness of the speech alone (SpeechGate); -infinity without speech.
+    double duration = 0.0;           // seconds, of the source
+    double sampleRate = 0.0;         // Hz, of the mix
+    std::int64_t channels = 0;       // of the mix
+    std::string layout;              // of the mix
+    std::vector<ProgrammeMeasurement> tracks;
+    std::shared_ptr<const LevelingSeries> series; // the mix's short-term loudness
+
+    // The loudness of the mix's speech alone (SpeechGate); -infinity without
+    // speech.
     double speechLoudness = 0.0; // LUFS
     // Unweighted levels of the mix (ProgrammeLevels); NaN where the programme
     // is too short for them.
-    double rms = 0.0;          // dBFS
-    double noiseFloor = 0.0;   // dBFS, the quietest 500 ms
-    double duration = 0.0;     // seconds, of the source
-    double sampleRate = 0.0;   // Hz, of the mix
-    std::int64_t channels = 0; // of the mix
-    std::string layout;        // of the mix
-    std::vector<ProgrammeMeasurement> tracks;
-    std::shared_ptr<const LevelingSeries> series; // the mix's short-term loudness
+    double rms = 0.0;        // dBFS
+    double noiseFloor = 0.0; // dBFS, the quietest 500 ms
 };
 
 // Reads the source once per track, and once more for the mix of several;
