@@ -94,41 +94,42 @@ constexpr CliOption table[] = {
      {{{HelpPage::level, 2, "true-peak ceiling (default -1)"}}}},
     {'\0', "profile", "NAME", forLevel | forCheck, setProfile,
      {{{HelpPage::level, 3, "the target and ceiling of a profile from \"ostrand-cli\n"
-                            "profiles\" (\"podcast\", \"broadcast\", part of a name...)"},
+                            "profiles\" (\"podcast\", \"broadcast\", part of a name...);\n"
+                            "the output is then checked against it"},
        {HelpPage::check, 1, "the profile to check against, from \"ostrand-cli\n"
                             "profiles\" (\"podcast\", \"EBU\", part of a name...)"}}}},
     {'\0', "preset", "NAME", forLevel | forCheck, setProfile,
-     {{{HelpPage::level, 4, "the earlier name of --profile"}}}},
+     {{{HelpPage::level, 16, "the earlier name of --profile"}}}},
     {'\0', "mono", "", forLevel, setFlag<&CliOptions::mono>,
-     {{{HelpPage::level, 5, "mix the audio down to one channel"}}}},
+     {{{HelpPage::level, 4, "mix the audio down to one channel"}}}},
     {'\0', "noise-aware", "", forLevel,
      [](CliOptions& o, const std::string&) { o.noiseAware = true; },
-     {{{HelpPage::level, 6, "the default: pauses are judged against the recording's\n"
+     {{{HelpPage::level, 5, "the default: pauses are judged against the recording's\n"
                             "own noise floor, so room noise, hum, babble or a music\n"
                             "bed between phrases is not leveled up like speech"}}}},
     // After --noise-aware: given both, the usage error comes later.
     {'\0', "exact", "", forLevel,
      [](CliOptions& o, const std::string&) { o.noiseAware = false; },
-     {{{HelpPage::level, 7, "the original plan, gating pauses against an absolute\n"
+     {{{HelpPage::level, 6, "the original plan, gating pauses against an absolute\n"
                             "floor only: for material with no pauses to protect, or\n"
                             "to reproduce earlier results"}}}},
     {'\0', "wav-sidecar", "", forLevel, setFlag<&CliOptions::wavSidecar>,
-     {{{HelpPage::level, 8, "also write a 24-bit WAV of the leveled audio beside a\n"
+     {{{HelpPage::level, 7, "also write a 24-bit WAV of the leveled audio beside a\n"
                             "leveled video"}}}},
     {'o', "output", "FILE", forLevel, setPath<&CliOptions::output>,
-     {{{HelpPage::level, 9, "write the leveled file exactly here (one input only)"}}}},
+     {{{HelpPage::level, 8, "write the leveled file exactly here (one input only)"}}}},
     {'\0', "output-dir", "DIR", forLevel, setPath<&CliOptions::outputDir>,
-     {{{HelpPage::level, 10, "write the leveled files into DIR (made if missing)"}}}},
+     {{{HelpPage::level, 9, "write the leveled files into DIR (made if missing)"}}}},
     {'\0', "json", "", forAll, setFlag<&CliOptions::json>,
      {{{HelpPage::general, 6, "one JSON object per file (JSON Lines)"}}}},
     {'\0', "plot", "FILE", forBoth, setPath<&CliOptions::plot>,
-     {{{HelpPage::level, 14, "also draw the loudness of input and output over time,\n"
+     {{{HelpPage::level, 13, "also draw the loudness of input and output over time,\n"
                              "the gain, the limiter and the pauses: a PNG or SVG\n"
                              "picture by FILE's extension (one input only)"},
        {HelpPage::measure, 1, "also draw the short-term loudness over time: a PNG or\n"
                               "SVG picture by FILE's extension (one input only)"}}}},
     {'\0', "plot-dir", "DIR", forBoth, setPath<&CliOptions::plotDir>,
-     {{{HelpPage::level, 15, "draw a PNG picture of each file into DIR (made if\n"
+     {{{HelpPage::level, 14, "draw a PNG picture of each file into DIR (made if\n"
                              "missing), named after its output: \"NAME leveled.png\""},
        {HelpPage::measure, 2, "draw a PNG picture of each file into DIR (made if\n"
                               "missing), named after the file: \"NAME.png\"; a name\n"
@@ -146,15 +147,15 @@ constexpr CliOption table[] = {
      {{{HelpPage::general, 5, "also take files named \"... leveled.EXT\" that a folder\n"
                               "or a list brings, which are skipped otherwise"}}}},
     {'f', "force", "", forBoth, setFlag<&CliOptions::force>,
-     {{{HelpPage::level, 11, "replace an existing output or picture instead of\n"
+     {{{HelpPage::level, 10, "replace an existing output or picture instead of\n"
                              "numbering the new one (or, with --output or --plot,\n"
                              "instead of failing)"},
        {HelpPage::measure, 3, "replace an existing picture instead of numbering the\n"
                               "new one (or, with --plot, instead of failing)"}}}},
     {'\0', "skip-existing", "", forLevel, setFlag<&CliOptions::skipExisting>,
-     {{{HelpPage::level, 12, "skip a file whose output name is already taken"}}}},
+     {{{HelpPage::level, 11, "skip a file whose output name is already taken"}}}},
     {'n', "dry-run", "", forLevel, setFlag<&CliOptions::dryRun>,
-     {{{HelpPage::level, 13, "print what would be written, write nothing"}}}},
+     {{{HelpPage::level, 12, "print what would be written, write nothing"}}}},
     {'q', "quiet", "", forAll, setFlag<&CliOptions::quiet>,
      {{{HelpPage::general, 7, "only errors and JSON; no progress, notes or summary"}}}},
     {'v', "verbose", "", forAll, setFlag<&CliOptions::verbose>,
