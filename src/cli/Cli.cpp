@@ -442,7 +442,7 @@ private:
         // for the figures the writer's meter does not take.
         std::optional<std::vector<ProfileCheck::Result>> verdict;
         std::string uncheckedBecause;
-        if (m_profile) {
+        if (m_profile && (m_options.json || !m_options.quiet)) {
             try {
                 verdict = ProfileCheck::check(
                     *m_profile, LevelingEngine::measure(report.outputURL, {}, cancelCheck()));
@@ -500,7 +500,7 @@ private:
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (verdict) {
                 lines += "  " + CliProfiles::verdictLine(*m_profile, *verdict) + '\n';
-            } else if (m_profile) {
+            } else if (!uncheckedBecause.empty()) {
                 lines +=
                     "  not checked against " + m_profile->name + ": " + uncheckedBecause + '\n';
             }
@@ -764,7 +764,7 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
                 err << escapedText("ostrand-cli: " + problem + '\n');
             }
             if (listsProfiles) {
-                return answer(CliProfiles::listing(profiles.all));
+                return answer(escapedText(CliProfiles::listing(profiles.all)));
             }
             const DeliveryProfile* found = findProfile(profiles.all, *options.profile);
             if (found == nullptr) {
