@@ -178,8 +178,8 @@ BENCHMARK(BM_GainCurveBuildOneHour)
 void BM_SpeechFramesOneHour(benchmark::State& state) {
     const FrameAnalysis hour = oneHour(noisyProgramme());
     for (auto _ : state) {
-        const std::vector<unsigned char> speech = SpeechGate::speechFrames(hour);
-        benchmark::DoNotOptimize(speech.data());
+        const SpeechGate::Speech speech = SpeechGate::findSpeech(hour);
+        benchmark::DoNotOptimize(speech.frames.data());
     }
 }
 BENCHMARK(BM_SpeechFramesOneHour)->Unit(benchmark::kMillisecond);

@@ -62,13 +62,15 @@ std::vector<unsigned char> dipsLikeSpeech(std::span<const double> levelDb) {
 
 } // namespace
 
-std::vector<unsigned char> speechFrames(const FrameAnalysis& analysis) {
+Speech findSpeech(const FrameAnalysis& analysis) {
     const std::size_t n = analysis.meanSquare.size();
     std::vector<double> levelDb(n);
     for (std::size_t i = 0; i < n; ++i) {
         levelDb[i] = 10.0 * std::log10(analysis.meanSquare[i] + GainCurveBuilder::powerEpsilon);
     }
-    std::vector<unsigned char> speech = dipsLikeSpeech(levelDb);
+    Speech found;
+    found.frames = dipsLikeSpeech(levelDb);
+    std::vector<unsigned char>& speech = found.frames;
     LevelingParameters parameters;
     parameters.noiseAwarePauses = true;
     const std::vector<unsigned char> active =
@@ -88,7 +90,19 @@ std::vector<unsigned char> speechFrames(const FrameAnalysis& analysis) {
                       speech.begin() + static_cast<std::ptrdiff_t>(i), 1);
         }
     }
-    return speech;
+    const auto seconds = [&analysis](std::int64_t samples) {
+        return static_cast<double>(samples) / analysis.sampleRate;
+    };
+    const auto first = std::find(active.begin(), active.end(), 1);
+    if (first == active.end()) {
+        found.headSeconds = found.tailSeconds = seconds(analysis.totalSamples);
+        return found;
+    }
+    const auto last = std::find(active.rbegin(), active.rend(), 1);
+    found.headSeconds = seconds((first - active.begin()) * analysis.frameLength);
+    found.tailSeconds =
+        seconds(analysis.totalSamples - (active.rend() - last) * analysis.frameLength);
+    return found;
 }
 
 double loudness(std::span<const double> blockPowers, std::span<const unsigned char> speech,

@@ -38,15 +38,23 @@ inline constexpr double dipDb = 12.0;
 // ... and speech dips for at least this share of each side (80 ms a second).
 inline constexpr double minDipShare = 0.08;
 
-// 1 where frame i of `analysis` is speech or a pause next to it, 0 where it
-// is other programme.
-std::vector<unsigned char> speechFrames(const FrameAnalysis& analysis);
+// What the gate finds in a programme.
+struct Speech {
+    // 1 where frame i is speech or a pause next to it, 0 where it is other
+    // programme.
+    std::vector<unsigned char> frames;
+    // Seconds before the first frame the leveler finds active and after the
+    // last: the room tone at the ends (all of the programme when none is).
+    double headSeconds = 0.0;
+    double tailSeconds = 0.0;
+};
+Speech findSpeech(const FrameAnalysis& analysis);
 
 // The loudness in LUFS of the speech: the gating blocks of a LoudnessMeter
 // (its blockPowers(), block k from 0.1 k s to 0.1 k + 0.4 s) whose frames
 // are all speech, gated as LoudnessMeter::integratedOf gates; -infinity when
-// none is. `speech` holds speechFrames() of an analysis at `sampleRate` in
-// frames of `frameLength` samples.
+// none is. `speech` holds the frames findSpeech() found in an analysis at
+// `sampleRate` in frames of `frameLength` samples.
 double loudness(std::span<const double> blockPowers, std::span<const unsigned char> speech,
                 double sampleRate, std::int64_t frameLength);
 

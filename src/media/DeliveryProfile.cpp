@@ -232,7 +232,8 @@ std::optional<std::string> incomplete(const DeliveryProfile& p,
     }
     const bool checksSomething = p.target || p.truePeak || p.samplePeak || p.loudnessRange.any() ||
                                  p.reportsLoudnessRange || p.rms.any() || p.noiseFloor ||
-                                 p.maxMinutes || p.sampleRate;
+                                 p.maxMinutes || p.sampleRate || p.headRoomTone.any() ||
+                                 p.tailRoomTone.any();
     if (!checksSomething) {
         return "the profile sets nothing to check";
     }
@@ -295,11 +296,11 @@ const std::vector<DeliveryProfile>& builtInProfiles() {
          .noiseFloor = -60.0,
          .maxMinutes = 120.0,
          .sampleRate = 44100.0,
+         .headRoomTone = {0.5, 1.0},
+         .tailRoomTone = {1.0, 5.0},
          .codec = "mp3",
          .bitRate = 192.0,
-         .constantBitRate = true,
-         .headRoomTone = {0.5, 1.0},
-         .tailRoomTone = {1.0, 5.0}},
+         .constantBitRate = true},
     };
     return table;
 }

@@ -40,12 +40,13 @@ struct DeliveryProfile {
     std::optional<double> noiseFloor{}; // dBFS, the highest allowed
     std::optional<double> maxMinutes{}; // running time
     std::optional<double> sampleRate{}; // Hz, exactly
+    Limits headRoomTone{};              // seconds of room tone before the first words
+    Limits tailRoomTone{};              // seconds after the last
     // Rules for a leveled output that checking a file does not measure.
     std::string codec{};             // FFmpeg's name, e.g. "mp3"
     std::optional<double> bitRate{}; // kbit/s, at least
     bool constantBitRate = false;
-    Limits headRoomTone{}; // seconds of room tone before the first words
-    Limits tailRoomTone{}; // seconds after the last
+
     bool userDefined = false;
 
     friend bool operator==(const DeliveryProfile&, const DeliveryProfile&) = default;

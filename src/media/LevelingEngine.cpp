@@ -647,9 +647,11 @@ LoudnessFigures meterPass(const MediaAsset& asset, const SourceAudioFormat& form
     }
     if (levels) {
         const FrameAnalysis analysis = std::move(*analyzer).analysis();
-        levels->speechLoudness =
-            SpeechGate::loudness(meter.blockPowers(), SpeechGate::speechFrames(analysis),
-                                 analysis.sampleRate, analysis.frameLength);
+        const SpeechGate::Speech speech = SpeechGate::findSpeech(analysis);
+        levels->speechLoudness = SpeechGate::loudness(meter.blockPowers(), speech.frames,
+                                                      analysis.sampleRate, analysis.frameLength);
+        levels->headRoomTone = speech.headSeconds;
+        levels->tailRoomTone = speech.tailSeconds;
         levels->rms = ProgrammeLevels::rmsDb(analysis);
         levels->noiseFloor = ProgrammeLevels::noiseFloorDb(analysis);
     }

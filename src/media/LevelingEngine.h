@@ -104,6 +104,10 @@ struct Measurement {
     // is too short for them.
     double rms = 0.0;        // dBFS
     double noiseFloor = 0.0; // dBFS, the quietest 500 ms
+    // Seconds before the first sound the leveler takes as active and after
+    // the last (SpeechGate).
+    double headRoomTone = 0.0;
+    double tailRoomTone = 0.0;
 };
 
 // Reads the source once per track, and once more for the mix of several;

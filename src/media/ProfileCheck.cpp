@@ -31,6 +31,10 @@ constexpr QuantityWords words[] = {
      "too narrow", 1},
     {Quantity::rms, "rms", "RMS level", "dBFS", "dB", "too loud", "too quiet", 1},
     {Quantity::noiseFloor, "noiseFloor", "noise floor", "dBFS", "dB", "too high", "too low", 1},
+    {Quantity::headRoomTone, "headRoomTone", "room tone at the head", "s", "s", "too long",
+     "too short", 1},
+    {Quantity::tailRoomTone, "tailRoomTone", "room tone at the tail", "s", "s", "too long",
+     "too short", 1},
     {Quantity::duration, "duration", "running time", "min", "min", "too long", "too short", 1},
     {Quantity::sampleRate, "sampleRate", "sample rate", "Hz", "Hz", "too high", "too low", 0},
 };
@@ -96,6 +100,10 @@ Reading read(Quantity quantity, const LevelingEngine::Measurement& m) {
         return known(m.rms, "shorter than 10 ms");
     case Quantity::noiseFloor:
         return known(m.noiseFloor, "shorter than 500 ms");
+    case Quantity::headRoomTone:
+        return known(m.headRoomTone, "no samples");
+    case Quantity::tailRoomTone:
+        return known(m.tailRoomTone, "no samples");
     case Quantity::duration:
         return m.duration > 0.0 ? Reading{m.duration / 60.0, {}}
                                 : Reading{std::nullopt, "running time unknown"};
@@ -130,6 +138,12 @@ std::vector<Criterion> criteria(const DeliveryProfile& p) {
         out.push_back({Quantity::rms, p.rms, std::nullopt});
     }
     atMost(Quantity::noiseFloor, p.noiseFloor);
+    for (const auto& [quantity, limits] : {std::pair{Quantity::headRoomTone, p.headRoomTone},
+                                           std::pair{Quantity::tailRoomTone, p.tailRoomTone}}) {
+        if (limits.any()) {
+            out.push_back({quantity, limits, std::nullopt});
+        }
+    }
     atMost(Quantity::duration, p.maxMinutes);
     if (p.sampleRate) {
         out.push_back({Quantity::sampleRate, {p.sampleRate, p.sampleRate}, std::nullopt});
@@ -256,12 +270,6 @@ std::vector<std::string> describe(const DeliveryProfile& p) {
             rule += (rule.back() == ':' ? " " : ", ") + std::string("constant bit rate");
         }
         lines.push_back(rule);
-    }
-    for (const auto& [limits, where] : {std::pair{p.headRoomTone, "before the first words"},
-                                        std::pair{p.tailRoomTone, "after the last words"}}) {
-        if (limits.any()) {
-            lines.push_back("room tone " + limitsText(limits, 1, "s") + " " + where);
-        }
     }
     return lines;
 }

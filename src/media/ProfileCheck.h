@@ -21,6 +21,8 @@ enum class Quantity {
     loudnessRange,
     rms,
     noiseFloor,
+    headRoomTone,
+    tailRoomTone,
     duration,
     sampleRate,
 };

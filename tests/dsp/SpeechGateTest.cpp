@@ -34,7 +34,7 @@ Readings measured(const PlanarAudio& audio) {
     });
     FrameAnalysis analysis = std::move(analyzer).analysis();
     const double speech =
-        SpeechGate::loudness(meter.blockPowers(), SpeechGate::speechFrames(analysis),
+        SpeechGate::loudness(meter.blockPowers(), SpeechGate::findSpeech(analysis).frames,
                              audio.sampleRate, analysis.frameLength);
     return {meter.figures().integratedLoudness, speech, std::move(analysis)};
 }
