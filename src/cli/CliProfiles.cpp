@@ -64,9 +64,7 @@ std::string checkText(const std::string& source, const DeliveryProfile& profile,
         const ProfileCheck::Quantity quantity = result.criterion.quantity;
         std::string line = "  " + padded(std::string(ProfileCheck::label(quantity)), labelColumns) +
                            padded(ProfileCheck::requiredText(result.criterion), requiredColumns);
-        line += padded(result.measured ? ProfileCheck::valueText(quantity, *result.measured)
-                                       : std::string("-"),
-                       measuredColumns);
+        line += padded(ProfileCheck::measuredText(result), measuredColumns);
         if (result.verdict != Verdict::reported) {
             line += ProfileCheck::verdictText(result.verdict);
         }
@@ -94,8 +92,9 @@ std::string verdictLine(const DeliveryProfile& profile, const std::vector<Result
         const ProfileCheck::Quantity quantity = result.criterion.quantity;
         if (result.verdict == Verdict::fail) {
             line += " " + std::string(ProfileCheck::label(quantity)) + " " +
-                    ProfileCheck::valueText(quantity, *result.measured) + ", " +
-                    ProfileCheck::marginText(result) + ";";
+                    ProfileCheck::measuredText(result) +
+                    (result.measuredText.empty() ? ", " + ProfileCheck::marginText(result) : "") +
+                    ";";
         } else if (result.verdict == Verdict::notMeasurable) {
             line += " " + std::string(ProfileCheck::label(quantity)) + " not measurable (" +
                     result.why + ");";
@@ -116,7 +115,9 @@ QJsonObject checkJson(const DeliveryProfile& profile, const std::vector<Result>&
             {"required", QString::fromStdString(ProfileCheck::requiredText(c))},
             {"min", number(c.limits.min)},
             {"max", number(c.limits.max)},
-            {"measured", number(result.measured)},
+            {"measured", result.measuredText.empty()
+                             ? number(result.measured)
+                             : QJsonValue(QString::fromStdString(result.measuredText))},
             {"result", text(ProfileCheck::verdictKey(result.verdict))},
             {"margin", margined ? number(result.margin) : QJsonValue(QJsonValue::Null)},
         };

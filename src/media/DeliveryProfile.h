@@ -42,7 +42,8 @@ struct DeliveryProfile {
     std::optional<double> sampleRate{}; // Hz, exactly
     Limits headRoomTone{};              // seconds of room tone before the first words
     Limits tailRoomTone{};              // seconds after the last
-    // Rules for a leveled output that checking a file does not measure.
+    // The audio format a delivered file has: the codec and the bit rate are
+    // checked; a constant bit rate is a rule for leveled files only.
     std::string codec{};             // FFmpeg's name, e.g. "mp3"
     std::optional<double> bitRate{}; // kbit/s, at least
     bool constantBitRate = false;

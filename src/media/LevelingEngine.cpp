@@ -730,6 +730,8 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
     m.sampleRate = mix.sampleRate;
     m.channels = mix.channels;
     m.layout = mixLayout;
+    m.codec = asset.audioTracks.front().codec;
+    m.bitRate = asset.audioTracks.front().bitRate;
     return m;
 }
 

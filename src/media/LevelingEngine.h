@@ -108,6 +108,9 @@ struct Measurement {
     // the last (SpeechGate).
     double headRoomTone = 0.0;
     double tailRoomTone = 0.0;
+    // The first audio track's codec and bit rate, as the file states them.
+    std::string codec;
+    double bitRate = 0.0; // bit/s; 0 when the file does not say
 };
 
 // Reads the source once per track, and once more for the mix of several;

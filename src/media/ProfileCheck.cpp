@@ -37,6 +37,8 @@ constexpr QuantityWords words[] = {
      "too short", 1},
     {Quantity::duration, "duration", "running time", "min", "min", "too long", "too short", 1},
     {Quantity::sampleRate, "sampleRate", "sample rate", "Hz", "Hz", "too high", "too low", 0},
+    {Quantity::codec, "codec", "codec", "", "", "", "", 0},
+    {Quantity::bitRate, "bitRate", "bit rate", "kb/s", "kb/s", "too high", "too low", 0},
 };
 
 const QuantityWords& wordsOf(Quantity quantity) {
@@ -110,6 +112,11 @@ Reading read(Quantity quantity, const LevelingEngine::Measurement& m) {
     case Quantity::sampleRate:
         return m.sampleRate > 0.0 ? Reading{m.sampleRate, {}}
                                   : Reading{std::nullopt, "sample rate unknown"};
+    case Quantity::bitRate:
+        return m.bitRate > 0.0 ? Reading{m.bitRate / 1000.0, {}}
+                               : Reading{std::nullopt, "the file does not state it"};
+    case Quantity::codec:
+        break;
     }
     return {};
 }
@@ -148,6 +155,12 @@ std::vector<Criterion> criteria(const DeliveryProfile& p) {
     if (p.sampleRate) {
         out.push_back({Quantity::sampleRate, {p.sampleRate, p.sampleRate}, std::nullopt});
     }
+    if (!p.codec.empty()) {
+        out.push_back({Quantity::codec, {}, std::nullopt, p.codec});
+    }
+    if (p.bitRate) {
+        out.push_back({Quantity::bitRate, {p.bitRate, std::nullopt}, std::nullopt});
+    }
     return out;
 }
 
@@ -157,6 +170,15 @@ std::vector<Result> check(const DeliveryProfile& profile,
     for (const Criterion& criterion : criteria(profile)) {
         Result result;
         result.criterion = criterion;
+        if (criterion.quantity == Quantity::codec) {
+            result.measuredText = measurement.codec;
+            result.verdict = measurement.codec.empty()             ? Verdict::notMeasurable
+                             : measurement.codec == criterion.text ? Verdict::pass
+                                                                   : Verdict::fail;
+            result.why = measurement.codec.empty() ? "unknown" : "";
+            results.push_back(std::move(result));
+            continue;
+        }
         Reading reading = read(criterion.quantity, measurement);
         result.measured = reading.value;
         if (!reading.value) {
@@ -222,6 +244,9 @@ std::string_view verdictKey(Verdict verdict) {
 }
 
 std::string requiredText(const Criterion& c) {
+    if (c.quantity == Quantity::codec) {
+        return c.text;
+    }
     const QuantityWords& w = wordsOf(c.quantity);
     if (c.target && c.limits.max) {
         char text[96];
@@ -237,11 +262,18 @@ std::string valueText(Quantity quantity, double value) {
     return formatted(value, w.decimals, w.unit);
 }
 
+std::string measuredText(const Result& r) {
+    if (!r.measuredText.empty()) {
+        return r.measuredText;
+    }
+    return r.measured ? valueText(r.criterion.quantity, *r.measured) : "-";
+}
+
 std::string marginText(const Result& r) {
     const Limits& limits = r.criterion.limits;
     const bool exact = limits.min && limits.max && *limits.min == *limits.max;
     if ((r.verdict != Verdict::pass && r.verdict != Verdict::fail) || !std::isfinite(r.margin) ||
-        (exact && r.verdict == Verdict::pass)) {
+        (exact && r.verdict == Verdict::pass) || r.criterion.quantity == Quantity::codec) {
         return {};
     }
     const QuantityWords& w = wordsOf(r.criterion.quantity);
@@ -258,18 +290,8 @@ std::vector<std::string> describe(const DeliveryProfile& p) {
     for (const Criterion& c : criteria(p)) {
         lines.push_back(std::string(label(c.quantity)) + " " + requiredText(c));
     }
-    if (!p.codec.empty() || p.bitRate || p.constantBitRate) {
-        std::string rule = "leveled files:";
-        if (!p.codec.empty()) {
-            rule += " " + p.codec;
-        }
-        if (p.bitRate) {
-            rule += (rule.back() == ':' ? " " : ", ") + formatted(*p.bitRate, 0, "kb/s or more");
-        }
-        if (p.constantBitRate) {
-            rule += (rule.back() == ':' ? " " : ", ") + std::string("constant bit rate");
-        }
-        lines.push_back(rule);
+    if (p.constantBitRate) {
+        lines.emplace_back("constant bit rate (for leveled files; not measured)");
     }
     return lines;
 }

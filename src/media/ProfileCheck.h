@@ -25,6 +25,8 @@ enum class Quantity {
     tailRoomTone,
     duration,
     sampleRate,
+    codec,
+    bitRate,
 };
 
 // One thing a profile asks: a figure within limits, around a target where
@@ -33,6 +35,7 @@ struct Criterion {
     Quantity quantity = Quantity::integratedLoudness;
     Limits limits;
     std::optional<double> target;
+    std::string text{}; // the codec asked for, which is a name, not a figure
 };
 
 // The criteria of a profile in the order they are shown.
@@ -43,6 +46,7 @@ enum class Verdict { pass, fail, notMeasurable, reported };
 struct Result {
     Criterion criterion;
     std::optional<double> measured; // in the quantity's unit; empty when not measurable
+    std::string measuredText;       // the codec found
     Verdict verdict = Verdict::notMeasurable;
     // Distance to the nearest limit in the quantity's unit: positive inside,
     // negative outside; 0 when not measurable or only reported. Figures are
@@ -80,6 +84,9 @@ std::string_view verdictKey(Verdict verdict);
 std::string requiredText(const Criterion& criterion);
 // "-16.3 LUFS".
 std::string valueText(Quantity quantity, double value);
+// What was measured as the text shows it: valueText, the codec's name, or
+// "-" when nothing was.
+std::string measuredText(const Result& result);
 // "0.7 LU to spare", "1.2 dB too high"; empty when there is no margin.
 std::string marginText(const Result& result);
 
