@@ -125,7 +125,7 @@ struct Mistake {
 
 double number(std::string_view key, std::string_view text, const NumberRule& rule) {
     std::string spelled(trimmed(text));
-    // A typographic minus, as pasted from a specification.
+    // A typographic minus, as pasted from a broadcaster's document.
     if (spelled.rfind("\u2212", 0) == 0) {
         spelled.replace(0, 3, "-");
     }
