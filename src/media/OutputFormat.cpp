@@ -173,6 +173,10 @@ bool holdsChapters(Container container) noexcept {
     return false;
 }
 
+bool isLossy(AudioCodec codec) noexcept {
+    return codec == AudioCodec::aac || codec == AudioCodec::opus;
+}
+
 std::int64_t bitRate(AudioCodec codec, std::int64_t channels) noexcept {
     const bool stereo = channels >= 2;
     switch (codec) {

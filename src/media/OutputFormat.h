@@ -49,6 +49,7 @@ const char* muxerName(Container container) noexcept;
 const char* displayName(Container container) noexcept;
 bool holdsChapters(Container container) noexcept;
 
+bool isLossy(AudioCodec codec) noexcept;
 // Bit rate of the lossy codecs, by channel count; 0 for lossless ones.
 std::int64_t bitRate(AudioCodec codec, std::int64_t channels) noexcept;
 // The sample rate to encode at: the source's when the codec takes it, else
