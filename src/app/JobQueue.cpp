@@ -4,12 +4,12 @@
 #include "DBusSleepInhibitor.h"
 #include "FilePaths.h"
 #include "media/OstrandError.h"
+#include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
-#include <QMimeDatabase>
 #include <QPointer>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
@@ -42,21 +42,6 @@ struct JobQueue::ProgressMailbox {
 };
 
 namespace {
-
-bool isAudioVisual(const QMimeType& type) {
-    const auto audioOrVideo = [](const QString& name) {
-        return name.startsWith(QLatin1String("audio/")) || name.startsWith(QLatin1String("video/"));
-    };
-    const QStringList ancestors = type.allAncestors();
-    return audioOrVideo(type.name()) ||
-           std::any_of(ancestors.begin(), ancestors.end(), audioOrVideo);
-}
-
-// The one rule for what the queue takes, by a file's name alone.
-bool hasMediaExtension(const QString& fileName) {
-    const QMimeType type = QMimeDatabase().mimeTypeForFile(fileName, QMimeDatabase::MatchExtension);
-    return type.isValid() && !type.isDefault() && isAudioVisual(type);
-}
 
 // Runs on the worker thread. Everything the engine throws becomes an outcome
 // here, so no exception crosses the thread pool.
@@ -142,17 +127,9 @@ JobQueue& JobQueue::shared() {
 const QStringList& JobQueue::acceptedPatterns() {
     static const QStringList patterns = [] {
         QStringList list;
-        for (const QMimeType& type : QMimeDatabase().allMimeTypes()) {
-            for (const QString& suffix : type.suffixes()) {
-                // A suffix that another type claims first is left out, as
-                // the drop leaves it out.
-                if (hasMediaExtension(QStringLiteral("x.") + suffix)) {
-                    list << QStringLiteral("*.") + suffix;
-                }
-            }
+        for (const std::string& extension : OutputFormat::sourceExtensions()) {
+            list << QStringLiteral("*.") + QString::fromStdString(extension);
         }
-        list.sort();
-        list.removeDuplicates();
         return list;
     }();
     return patterns;
@@ -163,7 +140,8 @@ bool JobQueue::isAcceptable(const QUrl& file) {
         return false;
     }
     const QFileInfo info(file.toLocalFile());
-    return !info.isDir() && hasMediaExtension(info.fileName());
+    return !info.isDir() &&
+           OutputFormat::isKnownSource(QFile::encodeName(info.fileName()).toStdString());
 }
 
 std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
@@ -186,8 +164,7 @@ std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem:
             }
             continue;
         }
-        if (it->is_regular_file(error) &&
-            hasMediaExtension(QFile::decodeName(QByteArray::fromStdString(name)))) {
+        if (it->is_regular_file(error) && OutputFormat::isKnownSource(it->path())) {
             files.push_back(it->path());
         }
     }

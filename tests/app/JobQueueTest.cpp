@@ -2,9 +2,11 @@
 #include "AppTestSupport.h"
 
 #include "app/JobQueue.h"
+#include "media/OutputFormat.h"
 #include "support/MediaFixtures.h"
 #include "support/Signals.h"
 
+#include <QFile>
 #include <QPointer>
 #include <QTest>
 #include <QTimer>
@@ -69,6 +71,24 @@ class JobQueueTest : public QObject {
     Q_OBJECT
 
 private slots:
+    // The desktop offers the app the files its queue takes, and no others.
+    void desktopFileListsTheTypesTheQueueTakes() {
+        QFile file(QStringLiteral(OSTRAND_DESKTOP_FILE));
+        QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
+        QStringList listed;
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            if (line.startsWith("MimeType=")) {
+                listed = QString::fromUtf8(line.mid(9)).split(u';', Qt::SkipEmptyParts);
+            }
+        }
+        listed.sort();
+        QStringList types;
+        for (const std::string& type : OutputFormat::sourceMimeTypes()) {
+            types << QString::fromStdString(type);
+        }
+        QCOMPARE(listed, types);
+    }
+
     void runsTheListInOrderOneAtATimeOffTheMainThread() {
         World w;
         w.t.settings.setExportWAVWithVideo(true);

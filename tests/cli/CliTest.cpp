@@ -2,6 +2,7 @@
 #include "cli/CliConsole.h"
 #include "cli/CliOptions.h"
 #include "media/AtomicFile.h"
+#include "media/OutputFormat.h"
 
 #include "support/MediaFixtures.h"
 #include "support/NamedCases.h"
@@ -633,6 +634,26 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     const CliRun verbose = run(
         {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
     EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
+}
+
+// The man page's formats are the table's, every extension once.
+TEST(CliTest, ManPageListsTheFormatTable) {
+    std::ifstream page(OSTRAND_CLI_MAN_PAGE);
+    ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
+    std::vector<std::string> listed;
+    bool inFormats = false;
+    for (std::string line, previous; std::getline(page, line); previous = line) {
+        if (line.rfind(".SH", 0) == 0) {
+            inFormats = line == ".SH FORMATS";
+        } else if (inFormats && previous == ".TP") {
+            std::istringstream words(line.substr(line.find(' ') + 1));
+            for (std::string word; std::getline(words >> std::ws, word, ',');) {
+                listed.push_back(word);
+            }
+        }
+    }
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(listed, OutputFormat::sourceExtensions());
 }
 
 // The man page names the options of the table, and no others, on the

@@ -151,11 +151,13 @@ private slots:
         QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
                                               << QStringList{} << true << QStringList{"talk.wav"};
         QTest::newRow("only unsupported")
-            << QStringList{"folder.wav", "notes.txt"} << QStringList{} << false << QStringList{};
+            << QStringList{"folder.wav", "notes.txt", "song.mid", "list.m3u"} << QStringList{}
+            << false << QStringList{};
         QTest::newRow("no extension")
             << QStringList{"recording"} << QStringList{} << false << QStringList{};
-        QTest::newRow("video and audio in order") << QStringList{"b.mov", "a.mp3"} << QStringList{}
-                                                  << true << QStringList{"b.mov", "a.mp3"};
+        QTest::newRow("video and audio in order")
+            << QStringList{"b.mov", "a.mp3", "C.FLAC"} << QStringList{} << true
+            << QStringList{"b.mov", "a.mp3", "C.FLAC"};
         QTest::newRow("folder and its subfolders, not hidden or leveled")
             << QStringList{"folder show", "c.wav"}
             << QStringList{"folder show/sub/a.mkv", "folder show/b.flac",
