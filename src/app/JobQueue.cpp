@@ -8,7 +8,6 @@
 
 #include <QCoreApplication>
 #include <QFile>
-#include <QFileInfo>
 #include <QMimeDatabase>
 #include <QPointer>
 #include <QThreadPool>
@@ -82,10 +81,11 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
         if (error.kind() == OstrandError::Kind::cancelled) {
             outcome.kind = EngineOutcome::Kind::cancelled;
         } else {
-            outcome.message = QString::fromStdString(error.errorDescription());
+            // The message may hold the file's name, which need not be UTF-8.
+            outcome.message = FilePaths::shown(error.errorDescription());
         }
     } catch (const std::exception& error) {
-        outcome.message = QString::fromLocal8Bit(error.what());
+        outcome.message = FilePaths::shown(error.what());
     } catch (...) {
         outcome.message = JobQueue::tr("An unexpected error stopped the leveling.");
     }
@@ -162,8 +162,10 @@ bool JobQueue::isAcceptable(const QUrl& file) {
     if (!file.isLocalFile()) {
         return false;
     }
-    const QFileInfo info(file.toLocalFile());
-    return !info.isDir() && hasMediaExtension(info.fileName());
+    const std::filesystem::path path = FilePaths::toPath(file);
+    std::error_code error;
+    return !std::filesystem::is_directory(path, error) &&
+           hasMediaExtension(QFile::decodeName(path.filename().c_str()));
 }
 
 std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
@@ -198,7 +200,8 @@ std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem:
 QList<QUrl> JobQueue::withFolderContents(const QList<QUrl>& items) {
     QList<QUrl> files;
     for (const QUrl& item : items) {
-        if (!item.isLocalFile() || !QFileInfo(item.toLocalFile()).isDir()) {
+        std::error_code error;
+        if (!item.isLocalFile() || !std::filesystem::is_directory(FilePaths::toPath(item), error)) {
             files << item;
             continue;
         }
