@@ -67,10 +67,11 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
         if (error.kind() == OstrandError::Kind::cancelled) {
             outcome.kind = EngineOutcome::Kind::cancelled;
         } else {
-            outcome.message = QString::fromStdString(error.errorDescription());
+            // The message may hold the file's name, which need not be UTF-8.
+            outcome.message = FilePaths::shown(error.errorDescription());
         }
     } catch (const std::exception& error) {
-        outcome.message = QString::fromLocal8Bit(error.what());
+        outcome.message = FilePaths::shown(error.what());
     } catch (...) {
         outcome.message = JobQueue::tr("An unexpected error stopped the leveling.");
     }
@@ -139,9 +140,9 @@ bool JobQueue::isAcceptable(const QUrl& file) {
     if (!file.isLocalFile()) {
         return false;
     }
-    const QFileInfo info(file.toLocalFile());
-    return !info.isDir() &&
-           OutputFormat::isKnownSource(QFile::encodeName(info.fileName()).toStdString());
+    const std::filesystem::path path = FilePaths::toPath(file);
+    std::error_code error;
+    return !std::filesystem::is_directory(path, error) && OutputFormat::isKnownSource(path);
 }
 
 std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
@@ -175,7 +176,8 @@ std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem:
 QList<QUrl> JobQueue::withFolderContents(const QList<QUrl>& items) {
     QList<QUrl> files;
     for (const QUrl& item : items) {
-        if (!item.isLocalFile() || !QFileInfo(item.toLocalFile()).isDir()) {
+        std::error_code error;
+        if (!item.isLocalFile() || !std::filesystem::is_directory(FilePaths::toPath(item), error)) {
             files << item;
             continue;
         }

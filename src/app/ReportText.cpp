@@ -1,10 +1,9 @@
 #include "ReportText.h"
 
+#include "FilePaths.h"
 #include "LevelingJob.h"
 
-#include <QByteArray>
 #include <QCoreApplication>
-#include <QFile>
 #include <QStringList>
 
 #include <cmath>
@@ -57,12 +56,10 @@ QString notesText(const LevelingReport& report) {
 }
 
 QString detail(const LevelingReport& report) {
-    QString text =
-        figures(report) +
-        QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
+    QString text = figures(report) + FilePaths::shown(report.outputURL.filename().string());
     if (report.audioSidecarURL) {
-        text += QStringLiteral(" + ") + QFile::decodeName(QByteArray::fromStdString(
-                                            report.audioSidecarURL->filename().string()));
+        text +=
+            QStringLiteral(" + ") + FilePaths::shown(report.audioSidecarURL->filename().string());
     }
     return text;
 }

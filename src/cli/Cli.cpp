@@ -2,6 +2,7 @@
 
 #include "CliConsole.h"
 #include "CliOptions.h"
+#include "app/FilePaths.h"
 #include "app/JobQueue.h"
 #include "app/LevelingJob.h"
 #include "app/ReportText.h"
@@ -57,8 +58,19 @@ using Clock = std::chrono::steady_clock;
 // The desktop application's default ceiling.
 constexpr double defaultCeilingDb = -1.0;
 
-QString decoded(const fs::path& path) {
-    return QFile::decodeName(QByteArray::fromStdString(path.string()));
+// JSON text must be UTF-8. Text that is not is given as the terminal shows
+// it ("caf\xe9.wav").
+QString jsonText(const std::string& text) {
+    return FilePaths::isUtf8(text) ? QString::fromStdString(text) : FilePaths::shown(text);
+}
+
+// A path under `key` (null when there is none); one that is not UTF-8 also
+// as its exact bytes in base64 under key + "Bytes", for scripts to reach it.
+void putPath(QJsonObject& object, const QString& key, const std::optional<fs::path>& path) {
+    object[key] = path ? QJsonValue(jsonText(path->string())) : QJsonValue();
+    if (path && !FilePaths::isUtf8(path->string())) {
+        object[key + "Bytes"] = QString::fromLatin1(QByteArray(path->c_str()).toBase64());
+    }
 }
 
 QJsonValue jsonNumber(double value) {
@@ -371,8 +383,8 @@ private:
             m_console.message(source.string() + ": " + message + '\n');
             if (m_options.json) {
                 QJsonObject object;
-                object["source"] = decoded(source);
-                object["error"] = QString::fromStdString(message);
+                putPath(object, "source", source);
+                object["error"] = jsonText(message);
                 m_console.report(jsonLine(object));
             }
             return Outcome::failed;
@@ -391,8 +403,8 @@ private:
             }
             if (m_options.json) {
                 QJsonObject object;
-                object["source"] = decoded(source);
-                object["skipped"] = QString::fromStdString(plan.skipped);
+                putPath(object, "source", source);
+                object["skipped"] = jsonText(plan.skipped);
                 m_console.report(jsonLine(object));
             }
             return Outcome::skipped;
@@ -446,11 +458,9 @@ private:
         }
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
-            object["outputURL"] = decoded(report.outputURL);
-            object["audioSidecarURL"] = report.audioSidecarURL
-                                            ? QJsonValue(decoded(*report.audioSidecarURL))
-                                            : QJsonValue();
+            putPath(object, "source", source);
+            putPath(object, "outputURL", report.outputURL);
+            putPath(object, "audioSidecarURL", report.audioSidecarURL);
             object["duration"] = jsonNumber(report.duration);
             object["inputLoudness"] = jsonNumber(report.inputLoudness);
             object["outputLoudness"] = jsonNumber(report.outputLoudness);
@@ -466,7 +476,7 @@ private:
             }
             object["warnings"] = warnings;
             if (plot) {
-                object["plot"] = decoded(*plot);
+                putPath(object, "plot", plot);
             }
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
@@ -492,10 +502,9 @@ private:
                               fs::exists(plan.destination, error);
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
-            object["outputURL"] = decoded(plan.destination);
-            object["audioSidecarURL"] =
-                plan.sidecar ? QJsonValue(decoded(*plan.sidecar)) : QJsonValue();
+            putPath(object, "source", source);
+            putPath(object, "outputURL", plan.destination);
+            putPath(object, "audioSidecarURL", plan.sidecar);
             object["replaces"] = replaces;
             object["dryRun"] = true;
             m_console.report(jsonLine(object));
@@ -517,9 +526,9 @@ private:
         const std::optional<fs::path> plot = drawPlot(source, m.series);
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
+            putPath(object, "source", source);
             if (plot) {
-                object["plot"] = decoded(*plot);
+                putPath(object, "plot", plot);
             }
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
             object["truePeak"] = jsonNumber(m.truePeak);
@@ -599,8 +608,8 @@ private:
                                  QFileDevice::DontCloseHandle) ||
                     !LoudnessPlot::write(
                         device, QString::fromStdString(OutputFormat::lowerExtension(*first)),
-                        series, plotSize, LoudnessPlot::Theme::light, decoded(file.filename()),
-                        &error) ||
+                        series, plotSize, LoudnessPlot::Theme::light,
+                        FilePaths::shown(file.filename().string()), &error) ||
                     !device.flush()) {
                     throw failed(*first, error.isEmpty() ? device.errorString().toStdString()
                                                          : error.toStdString());

@@ -139,7 +139,8 @@ constexpr CliOption table[] = {
     {'\0', "output-dir", "DIR", forLevel, setPath<&CliOptions::outputDir>,
      {{{HelpPage::level, 9, "write the leveled files into DIR (made if missing)"}}}},
     {'\0', "json", "", forBoth, setFlag<&CliOptions::json>,
-     {{{HelpPage::general, 6, "one JSON object per file (JSON Lines)"}}}},
+     {{{HelpPage::general, 6, "one JSON object per file (JSON Lines); a path that is\n"
+                              "not UTF-8 also comes as base64 bytes in KEYBytes"}}}},
     {'\0', "plot", "FILE", forBoth, setPath<&CliOptions::plot>,
      {{{HelpPage::level, 13, "also draw the loudness of input and output over time,\n"
                              "the gain, the limiter and the pauses: a PNG or SVG\n"

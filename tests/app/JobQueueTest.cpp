@@ -2,6 +2,7 @@
 #include "AppTestSupport.h"
 
 #include "app/JobQueue.h"
+#include "app/ReportText.h"
 #include "media/OutputFormat.h"
 #include "support/MediaFixtures.h"
 #include "support/Signals.h"
@@ -146,12 +147,16 @@ private slots:
     // ends its activity and every access it started once, before the next
     // job starts.
     void everyRunEndsWhatItStarted_data() {
-        QTest::addColumn<QString>("file"); // "bad.wav" is text, "speech.wav" lasts
+        QTest::addColumn<QByteArray>("file"); // "bad.wav" is text, "speech.wav" lasts
         QTest::addColumn<QString>("how");
-        QTest::addColumn<QString>("status"); // part of the job's text
+        QTest::addColumn<QString>("status"); // part of the job's text and, when done, its detail
         const auto row = [](const char* name, const char* file, const char* how,
-                            const char* status) { QTest::newRow(name) << file << how << status; };
+                            const char* status) {
+            QTest::newRow(name) << QByteArray(file) << QString(how) << QString(status);
+        };
         row("success", "a.wav", "", " LUFS \u00b7 ");
+        // Bytes from an old Latin-1 disk: leveled, and shown as the command line shows them.
+        row("name not UTF-8", "caf\xe9.wav", "", "dB \u00b7 caf\\xe9 leveled.wav");
         row("not media", "bad.wav", "", "Couldn't read the file: ");
         row("cancelled while running", "speech.wav", "cancel", "Cancelled");
         row("removed while running", "speech.wav", "remove", "");
@@ -160,7 +165,7 @@ private slots:
     }
 
     void everyRunEndsWhatItStarted() {
-        QFETCH(QString, file);
+        QFETCH(QByteArray, file);
         QFETCH(QString, how);
         QFETCH(QString, status);
         World w;
@@ -184,8 +189,15 @@ private slots:
         }
         QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
         QTRY_VERIFY(first.isNull() == (how == "remove")); // released once its run ended
-        const QString text = first ? first->statusText() : status;
+        const std::optional<LevelingReport> report = first ? first->report() : std::nullopt;
+        const QString text = !first   ? status
+                             : report ? first->statusText() + '\n' + ReportText::detail(*report)
+                                      : first->statusText();
         QVERIFY2(text.contains(status), qPrintable(text));
+        if (report) { // named after the source, byte for byte
+            QVERIFY(std::filesystem::exists(path.parent_path() /
+                                            (path.stem().string() + " leveled.wav")));
+        }
         if (!ask) { // the next job ran, with the settings never chosen
             QVERIFY(w.seen == std::pair(LevelingParameters::forTarget(-16.0, true), -1.0));
         }

@@ -484,6 +484,19 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
     EXPECT_EQ(listing(dir / "out"), c.outputs);
     EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
     EXPECT_EQ(fileBytes(latin1), latin1Bytes);
+    // A path JSON cannot hold as text comes as its bytes too, beside the text shown.
+    for (const QJsonObject& o : std::find(given.begin(), given.end(), "--json") != given.end()
+                                    ? jsonLines(r.out)
+                                    : std::vector<QJsonObject>{}) {
+        for (const QString& key : o.keys()) {
+            if (key.endsWith("Bytes")) {
+                const std::string bytes =
+                    QByteArray::fromBase64(o[key].toString().toLatin1()).toStdString();
+                EXPECT_TRUE(fs::exists(bytes)) << key.toStdString();
+                EXPECT_EQ(o[key.chopped(5)].toString().toStdString(), escapedText(bytes));
+            }
+        }
+    }
 }
 
 const InputCase inputs[] = {
@@ -512,6 +525,8 @@ const InputCase inputs[] = {
      "dB \u00b7 caf\\xe9 leveled.wav\n"},
     {"NameNotUtf8Measured", "--plot-dir|@\xe9t\xe9|@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "",
      "\\xe9t\\xe9/caf\\xe9.wav: -", "measure"},
+    {"NameNotUtf8Json", "--json|@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "caf\xe9 leveled.wav",
+     "/caf\\\\xe9 leveled.wav\",\"outputURLBytes\":\""},
     {"SameFileTwice", "@season/ep1.wav|@season/../season/ep1.wav", "", exitSuccess,
      "ep1 leveled.wav"}};
 
