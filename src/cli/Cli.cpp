@@ -54,9 +54,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// The desktop application's default ceiling.
-constexpr double defaultCeilingDb = -1.0;
-
 QString decoded(const fs::path& path) {
     return QFile::decodeName(QByteArray::fromStdString(path.string()));
 }
@@ -405,19 +402,25 @@ private:
             m_console.message(source.string() + ": leveling into " + plan.destination.string() +
                               '\n');
         }
-        const double target = m_options.target.value_or(
-            m_options.preset ? m_options.preset->loudness : LevelingParameters{}.targetLoudness);
-        const double ceiling = m_options.ceiling.value_or(
-            m_options.preset ? m_options.preset->ceiling : defaultCeilingDb);
+        const LevelingRequest request{
+            .source = source,
+            .destination = plan.destination,
+            .existing = plan.existing,
+            .parameters = LevelingParameters::forTarget(
+                m_options.targetLufs.value_or(m_options.preset ? m_options.preset->loudness
+                                                               : LevelingParameters{}.targetLufs),
+                m_options.noiseAware),
+            .ceilingDb = m_options.ceilingDb.value_or(
+                m_options.preset ? m_options.preset->ceiling : LevelingRequest{}.ceilingDb),
+            .mono = m_options.mono,
+            .sidecar = plan.sidecar};
 
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
         const LevelingReport report = [&] {
             try {
                 return LevelingEngine::process(
-                    source, plan.destination, plan.existing,
-                    LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
-                    m_options.mono, plan.sidecar,
+                    request,
                     [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
                     cancelCheck());
             } catch (const OstrandError& error) {

@@ -30,11 +30,11 @@ struct LevelingSeries {
     // Short-term (3 s) loudness of the source, LUFS.
     std::vector<float> inputLoudness;
     // The rest only for a leveled file; empty for a measurement.
-    std::vector<float> outputLoudness;    // short-term loudness of the written audio, LUFS
-    std::vector<float> gain;              // the planned gain, dB
-    std::vector<float> limiterReduction;  // deepest reduction of the limiter, dB (0 or more)
-    std::vector<unsigned char> active;    // 1 where the plan found speech, 0 in pauses
-    std::optional<double> targetLoudness; // LUFS
+    std::vector<float> outputLoudness;   // short-term loudness of the written audio, LUFS
+    std::vector<float> gain;             // the planned gain, dB
+    std::vector<float> limiterReduction; // deepest reduction of the limiter, dB (0 or more)
+    std::vector<unsigned char> active;   // 1 where the plan found speech, 0 in pauses
+    std::optional<double> targetLufs;
 
     bool isLeveled() const noexcept { return !gain.empty(); }
     std::size_t frames() const noexcept { return inputLoudness.size(); }
