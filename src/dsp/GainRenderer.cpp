@@ -46,7 +46,6 @@ GainRenderer::Block GainRenderer::flush() {
     for (auto& channel : m_tail) {
         std::fill(channel.begin(), channel.end(), 0.0f);
     }
-    m_held = 0;
     return output(m_tailPointers, m_limiter.latency());
 }
 

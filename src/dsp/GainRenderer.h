@@ -11,8 +11,9 @@ namespace ostrand {
 
 // The leveling pass's signal path: the plan's gains ramped per sample
 // (fillGainRamp), then the true-peak limiter, with the limiter's delay taken
-// out, so that output sample i is input sample i. Every sample goes through
-// the same operations in the same order whatever the block size. A value type; one owner, one
+// out, so that output sample i is input sample i and the output is as long
+// as the input. Every sample goes through the same operations in the same
+// order whatever the block size. A value type; one owner, one
 // thread. The plan's gains are not copied: the curve must outlive the renderer. Scratch grows to
 // the largest block; append() does not allocate after that.
 class GainRenderer {
