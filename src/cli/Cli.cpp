@@ -476,7 +476,7 @@ private:
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report) + '\n';
-            lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
+            lines += "  output " + loudness(report.outputIntegratedLoudness) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
@@ -633,18 +633,18 @@ private:
     }
 
     static std::string loudnessText(double integrated, double truePeak, double samplePeak) {
-        return figure("%.1f LUFS", integrated) + " \u00b7 true peak " +
-               figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
-               figure("%.1f dBFS", samplePeak);
+        return loudness(integrated) + " \u00b7 true peak " + figure("%.1f dBTP", truePeak) +
+               " \u00b7 sample peak " + figure("%.1f dBFS", samplePeak);
     }
 
     static std::string rangeText(double range, double maxMomentary, double maxShortTerm) {
         return "range " + figure("%.1f LU", range) + " \u00b7 max momentary " +
-               figure("%.1f LUFS", maxMomentary) + " \u00b7 max short-term " +
-               figure("%.1f LUFS", maxShortTerm);
+               loudness(maxMomentary) + " \u00b7 max short-term " + loudness(maxShortTerm);
     }
 
-    // A figure with its unit; "-inf" where there is nothing to measure.
+    static std::string loudness(double lufs) { return ReportText::loudness(lufs).toStdString(); }
+
+    // A figure with its unit; "-inf" for the peak of digital silence.
     static std::string figure(const char* format, double value) {
         char text[64];
         std::snprintf(text, sizeof text, format, value);

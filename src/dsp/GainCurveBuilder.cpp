@@ -283,8 +283,8 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceil
     GainCurve curve;
     curve.frameLength = a.frameLength;
     if (n == 0) {
-        curve.inputLoudness = emptyLoudness;
-        curve.predictedOutputLoudness = emptyLoudness;
+        curve.inputLoudness = Loudness::silence;
+        curve.predictedOutputLoudness = Loudness::silence;
         curve.activeFraction = 0.0;
         return curve;
     }
@@ -374,10 +374,13 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceil
         for (int prediction = 1;; ++prediction) {
             predictPowers(a, g, ceiling, decay, predictedPower);
             predicted = Loudness::integrated(predictedPower);
-            if (std::fabs(p.targetLufs - predicted) < loudnessToleranceLu) {
+            // Silence steers as if it sat at the gate: a finite step up.
+            const double delta =
+                p.targetLufs -
+                (predicted == Loudness::silence ? Loudness::absoluteGateLufs : predicted);
+            if (std::fabs(delta) < loudnessToleranceLu) {
                 break;
             }
-            const double delta = p.targetLufs - predicted;
             for (double& gain : g) {
                 gain = clampGain(gain + delta, p);
             }

@@ -23,7 +23,6 @@ inline constexpr double minTrackingWeight = 0.05;
 inline constexpr double levelWithoutActivityDb = -30.0;
 inline constexpr double loudnessToleranceLu = 0.02;
 inline constexpr int maxPredictions = 4;
-inline constexpr double emptyLoudness = -70.0;
 
 // ceilingDb: where GainRenderer's limiter will be set, dBTP; the plan
 // predicts what it takes away.

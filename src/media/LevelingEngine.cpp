@@ -452,7 +452,7 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
             replanTarget = NAN;
         } else if (std::fabs(miss(written)) > replanOffTargetLu &&
                    std::fabs(miss(written)) <= offTargetWarningLu &&
-                   written.integratedLoudness > GainCurveBuilder::emptyLoudness) {
+                   !Loudness::isSilent(written.integratedLoudness)) {
             double response = 1.0;
             if (std::isfinite(replanTarget)) {
                 response = std::clamp((written.integratedLoudness - replanLoudness) /

@@ -44,7 +44,9 @@ struct LevelingSeries {
 struct LevelingReport {
     std::filesystem::path outputURL;
     std::optional<std::filesystem::path> audioSidecarURL;
-    double duration = 0.0;             // seconds, of the source
+    double duration = 0.0; // seconds, of the source
+    // Loudness figures are Loudness::silence where nothing rises above the
+    // absolute gate.
     double inputLoudness = 0.0;        // LUFS, as the plan measured it
     double outputLoudness = 0.0;       // LUFS, measured on the written audio
     double limiterGainReduction = 0.0; // dB, deepest reduction of the limiter

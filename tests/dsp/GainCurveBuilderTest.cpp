@@ -96,12 +96,12 @@ INSTANTIATE_TEST_SUITE_P(Sigmas, GaussianFilter, testing::Values(0.31, 15.0, 90.
 TEST(GainCurveBuild, EmptyAndSilentAnalyses) {
     const GainCurve empty = plan(FrameAnalysis{});
     EXPECT_TRUE(empty.gainDB.empty());
-    EXPECT_EQ(empty.inputLoudness, -70.0);
-    EXPECT_EQ(empty.predictedOutputLoudness, -70.0);
+    EXPECT_EQ(empty.inputLoudness, Loudness::silence);
+    EXPECT_EQ(empty.predictedOutputLoudness, Loudness::silence);
 
     const GainCurve quiet = plan(analyse(silence(48000.0, 2, 2.0)));
     EXPECT_EQ(quiet.activeFraction, 1.0); // -140 dB is above the floor of -170
-    EXPECT_EQ(quiet.predictedOutputLoudness, -70.0);
+    EXPECT_EQ(quiet.predictedOutputLoudness, Loudness::silence);
     EXPECT_TRUE(
         std::all_of(quiet.gainDB.begin(), quiet.gainDB.end(), [](double g) { return g == 24.0; }));
     EXPECT_DOUBLE_EQ(plan(analyse(silence(48000.0, 1, 0.3))).inputLoudness, -200.691);
