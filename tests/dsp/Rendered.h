@@ -3,10 +3,6 @@
 #include "dsp/GainRenderer.h"
 #include "support/Signals.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <vector>
-
 namespace ostrand::test {
 
 // `audio` through `renderer` in blocks of `block` frames, the tail flushed:

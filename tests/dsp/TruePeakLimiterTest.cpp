@@ -23,13 +23,9 @@ float amplitude(double db) {
 }
 
 TEST(TruePeakLimiter, LookaheadInterpolatorAndTruePeak) {
-    const auto latency = [](double rate) {
-        return TruePeakLimiter(2, rate, -1.0, GainRenderer::lookaheadMs, GainRenderer::releaseMs)
-            .latency();
-    };
-    EXPECT_EQ(latency(48000.0), 246);
-    EXPECT_EQ(latency(44100.0), 220 + TruePeakLimiter::firDelay);
-    EXPECT_EQ(latency(1000.0), TruePeakLimiter::minLookahead + TruePeakLimiter::firDelay);
+    EXPECT_EQ(TruePeakLimiter(2, 48000.0, -1.0, 5.0, 200.0).latency(), 246);
+    EXPECT_EQ(TruePeakLimiter(2, 44100.0, -1.0, 5.0, 200.0).latency(), 226);
+    EXPECT_EQ(TruePeakLimiter(1, 1000.0, -1.0, 5.0, 200.0).latency(), 14); // 8 samples ahead
     const float phase1[] = {-0.00008f, 0.00293f,  -0.01468f, 0.04789f,  -0.13199f, 0.44931f,
                             0.77121f,  -0.17081f, 0.06217f,  -0.02027f, 0.00469f,  -0.00036f};
     const auto& phases = TruePeakMeter::reversedPhases();
@@ -50,7 +46,7 @@ TEST(TruePeakLimiter, LookaheadInterpolatorAndTruePeak) {
     TruePeakMeter meter(2);
     std::vector<float> peaks(static_cast<std::size_t>(input.frames()));
     meter.process(input.constPointers(), input.frames(), peaks);
-    EXPECT_NEAR(meter.truePeak(), 0.980f, 0.002f);
+    EXPECT_NEAR(*std::max_element(peaks.begin(), peaks.end()), 0.980f, 0.002f);
 }
 
 TEST(GainRenderer, QuietSignalWithoutAPlanComesOutBitExact) {
@@ -58,7 +54,6 @@ TEST(GainRenderer, QuietSignalWithoutAPlanComesOutBitExact) {
     const GainCurve unity;
     GainRenderer renderer(unity, 2, 48000.0, -1.0);
     EXPECT_EQ(rendered(renderer, input, 1024).channels, input.channels);
-    EXPECT_EQ(renderer.maxGainReduction(), 0.0);
     // Shorter than the limiter's delay: none of its own silence comes out.
     for (auto& channel : input.channels) {
         channel.resize(100);
