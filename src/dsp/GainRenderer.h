@@ -13,9 +13,9 @@ namespace ostrand {
 // (fillGainRamp), then the true-peak limiter, with the limiter's delay taken
 // out, so that output sample i is input sample i and the output is as long
 // as the input. Every sample goes through the same operations in the same
-// order whatever the block size. A value type; one owner, one
-// thread. The plan's gains are not copied: the curve must outlive the renderer. Scratch grows to
-// the largest block; append() does not allocate after that.
+// order whatever the block size. A value type; one owner, one thread. The
+// plan's gains are not copied: the curve must outlive the renderer. Scratch
+// grows to the largest block; append() does not allocate after that.
 class GainRenderer {
 public:
     // The limiter's tuning for speech; the planner models the same release.
