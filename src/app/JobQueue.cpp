@@ -45,11 +45,7 @@ namespace {
 
 // Runs on the worker thread. Everything the engine throws becomes an outcome
 // here, so no exception crosses the thread pool.
-EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesystem::path& source,
-                            const std::filesystem::path& destination,
-                            OutputNaming::ExistingFile existing,
-                            const LevelingParameters& parameters, double truePeakCeiling,
-                            bool forceMono, const std::optional<std::filesystem::path>& sidecar,
+EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const LevelingRequest& request,
                             const LevelingEngine::ProgressHandler& progress,
                             const LevelingEngine::CancelCheck& isCancelled) {
     EngineOutcome outcome;
@@ -57,11 +53,10 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
         // A save panel lets the user pick the source itself; writing there
         // would delete the source before it is read.
         std::error_code error;
-        if (std::filesystem::equivalent(source, destination, error)) {
+        if (std::filesystem::equivalent(request.source, request.destination, error)) {
             throw OstrandError::exportFailed("The destination is the source file itself.");
         }
-        outcome.report = engine(source, destination, existing, parameters, truePeakCeiling,
-                                forceMono, sidecar, progress, isCancelled);
+        outcome.report = engine(request, progress, isCancelled);
         outcome.kind = EngineOutcome::Kind::finished;
     } catch (const OstrandError& error) {
         if (error.kind() == OstrandError::Kind::cancelled) {
@@ -315,16 +310,17 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     }
     run.destination = *resolution.destination;
 
-    const auto source = FilePaths::toPath(run.source);
-    const auto destination = FilePaths::toPath(run.destination);
-    std::optional<std::filesystem::path> sidecar;
-    if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(source)) {
-        sidecar = OutputNaming::sidecarLocation(destination);
-    }
-    const auto parameters =
+    LevelingRequest request;
+    request.source = FilePaths::toPath(run.source);
+    request.destination = FilePaths::toPath(run.destination);
+    request.existing = resolution.existing;
+    request.parameters =
         LevelingParameters::forTarget(m_settings.targetLoudness(), m_settings.noiseAwarePauses());
-    const double truePeakCeiling = m_settings.truePeakCeiling();
-    const bool forceMono = m_settings.outputChannels() == OutputChannels::mono;
+    request.ceilingDb = m_settings.truePeakCeiling();
+    request.mono = m_settings.outputChannels() == OutputChannels::mono;
+    if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(request.source)) {
+        request.sidecar = OutputNaming::sidecarLocation(request.destination);
+    }
 
     // Progress goes back by job id: the worker never holds the job itself,
     // so a job removed while it runs is never touched. One queued call
@@ -345,14 +341,12 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     LevelingEngine::CancelCheck isCancelled = [token = run.cancelToken] {
         return token->isCancelled();
     };
-    m_engineWatcher->setFuture(QtConcurrent::run(
-        QThreadPool::globalInstance(),
-        [engine = m_services.engine, source, destination, existing = resolution.existing,
-         parameters, truePeakCeiling, forceMono, sidecar, progress = std::move(progress),
-         isCancelled = std::move(isCancelled)] {
-            return levelOnWorker(engine, source, destination, existing, parameters, truePeakCeiling,
-                                 forceMono, sidecar, progress, isCancelled);
-        }));
+    m_engineWatcher->setFuture(
+        QtConcurrent::run(QThreadPool::globalInstance(),
+                          [engine = m_services.engine, request = std::move(request),
+                           progress = std::move(progress), isCancelled = std::move(isCancelled)] {
+                              return levelOnWorker(engine, request, progress, isCancelled);
+                          }));
 }
 
 void JobQueue::engineFinished() {

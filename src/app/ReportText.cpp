@@ -2,6 +2,7 @@
 
 #include "FilePaths.h"
 #include "LevelingJob.h"
+#include "dsp/Loudness.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -11,16 +12,26 @@
 
 namespace ostrand::ReportText {
 
+QString loudness(double lufs) {
+    return Loudness::isSilent(lufs) ? QCoreApplication::translate("ReportText", "silent")
+                                    : QString::asprintf("%.1f LUFS", lufs);
+}
+
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds) {
-    const QString input = QString::asprintf("%.1f", report.inputLoudness);
-    const QString output = QString::asprintf("%.1f", report.outputLoudness);
+    const double input = report.inputLoudness;
+    const double output = report.outputLoudness;
+    const QString arrow = QStringLiteral(" \u2192 ");
+    // Two figures share their unit.
+    const QString change = Loudness::isSilent(input) || Loudness::isSilent(output)
+                               ? loudness(input) + arrow + loudness(output)
+                               : QString::asprintf("%.1f", input) + arrow + loudness(output);
     const QString duration = LevelingJob::format(report.duration);
     if (!elapsedSeconds) {
-        return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled")
-            .arg(input, output, duration);
+        return QCoreApplication::translate("ReportText", "%1 \u00b7 %2 leveled")
+            .arg(change, duration);
     }
-    return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled in %4")
-        .arg(input, output, duration, LevelingJob::format(*elapsedSeconds));
+    return QCoreApplication::translate("ReportText", "%1 \u00b7 %2 leveled in %3")
+        .arg(change, duration, LevelingJob::format(*elapsedSeconds));
 }
 
 namespace {

@@ -12,8 +12,13 @@
 namespace ostrand::ReportText {
 
 // "-23.4 → -16.0 LUFS · 3:25 leveled in 42s"; without an elapsed time the
-// " in …" suffix is left out.
+// " in …" suffix is left out. Silence reads "silent": "silent → silent · 5s
+// leveled".
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds);
+
+// A loudness figure with its unit, "-23.4 LUFS", or "silent" below the
+// absolute gate (Loudness::isSilent).
+QString loudness(double lufs);
 
 // "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov", with the name's
 // bytes as the file system holds them, which need not be UTF-8: for a

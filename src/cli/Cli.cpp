@@ -55,9 +55,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// The desktop application's default ceiling.
-constexpr double defaultCeilingDb = -1.0;
-
 // JSON text must be UTF-8. Text that is not is given as the terminal shows
 // it ("caf\xe9.wav").
 QString jsonText(const std::string& text) {
@@ -417,19 +414,25 @@ private:
             m_console.message(source.string() + ": leveling into " + plan.destination.string() +
                               '\n');
         }
-        const double target = m_options.target.value_or(
-            m_options.preset ? m_options.preset->loudness : LevelingParameters{}.targetLoudness);
-        const double ceiling = m_options.ceiling.value_or(
-            m_options.preset ? m_options.preset->ceiling : defaultCeilingDb);
+        const LevelingRequest request{
+            .source = source,
+            .destination = plan.destination,
+            .existing = plan.existing,
+            .parameters = LevelingParameters::forTarget(
+                m_options.targetLufs.value_or(m_options.preset ? m_options.preset->loudness
+                                                               : LevelingParameters{}.targetLufs),
+                m_options.noiseAware),
+            .ceilingDb = m_options.ceilingDb.value_or(
+                m_options.preset ? m_options.preset->ceiling : LevelingRequest{}.ceilingDb),
+            .mono = m_options.mono,
+            .sidecar = plan.sidecar};
 
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
         const LevelingReport report = [&] {
             try {
                 return LevelingEngine::process(
-                    source, plan.destination, plan.existing,
-                    LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
-                    m_options.mono, plan.sidecar,
+                    request,
                     [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
                     cancelCheck());
             } catch (const OstrandError& error) {
@@ -483,7 +486,7 @@ private:
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report) + '\n';
-            lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
+            lines += "  output " + loudness(report.outputIntegratedLoudness) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
@@ -639,18 +642,18 @@ private:
     }
 
     static std::string loudnessText(double integrated, double truePeak, double samplePeak) {
-        return figure("%.1f LUFS", integrated) + " \u00b7 true peak " +
-               figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
-               figure("%.1f dBFS", samplePeak);
+        return loudness(integrated) + " \u00b7 true peak " + figure("%.1f dBTP", truePeak) +
+               " \u00b7 sample peak " + figure("%.1f dBFS", samplePeak);
     }
 
     static std::string rangeText(double range, double maxMomentary, double maxShortTerm) {
         return "range " + figure("%.1f LU", range) + " \u00b7 max momentary " +
-               figure("%.1f LUFS", maxMomentary) + " \u00b7 max short-term " +
-               figure("%.1f LUFS", maxShortTerm);
+               loudness(maxMomentary) + " \u00b7 max short-term " + loudness(maxShortTerm);
     }
 
-    // A figure with its unit; "-inf" where there is nothing to measure.
+    static std::string loudness(double lufs) { return ReportText::loudness(lufs).toStdString(); }
+
+    // A figure with its unit; "-inf" for the peak of digital silence.
     static std::string figure(const char* format, double value) {
         char text[64];
         std::snprintf(text, sizeof text, format, value);

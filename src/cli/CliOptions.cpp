@@ -106,12 +106,12 @@ constexpr CliOption table[] = {
     {'\0', "version", "", answersAlone, setFlag<&CliOptions::version>, {}},
     {'\0', "target", "LUFS", forLevel,
      [](CliOptions& o, const std::string& text) {
-         o.target = number("--target", text, minTargetLufs, maxTargetLufs);
+         o.targetLufs = number("--target", text, minTargetLufs, maxTargetLufs);
      },
      {{{HelpPage::level, 1, "integrated loudness to reach (default -16)"}}}},
     {'\0', "ceiling", "DBTP", forLevel,
      [](CliOptions& o, const std::string& text) {
-         o.ceiling = number("--ceiling", text, minCeilingDb, maxCeilingDb);
+         o.ceilingDb = number("--ceiling", text, minCeilingDb, maxCeilingDb);
      },
      {{{HelpPage::level, 2, "true-peak ceiling (default -1)"}}}},
     {'\0', "preset", "NAME", forLevel,

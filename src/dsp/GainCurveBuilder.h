@@ -23,10 +23,11 @@ inline constexpr double minTrackingWeight = 0.05;
 inline constexpr double levelWithoutActivityDb = -30.0;
 inline constexpr double loudnessToleranceLu = 0.02;
 inline constexpr int maxPredictions = 4;
-inline constexpr double emptyLoudness = -70.0;
 
+// ceilingDb: where GainRenderer's limiter will be set, dBTP; the plan
+// predicts what it takes away.
 GainCurve build(const FrameAnalysis& analysis, const LevelingParameters& parameters,
-                double limiterCeilingDB, double limiterReleaseSeconds);
+                double ceilingDb);
 
 // Centred moving average of `width` frames, clipped at the ends.
 std::vector<double> boxMean(std::span<const double> x, std::int64_t width);

@@ -17,7 +17,7 @@ constexpr double lraRelativeGateLu = -20.0;
 constexpr double minusInfinity = -std::numeric_limits<double>::infinity();
 
 double loudness(double power) {
-    return power > 0.0 ? 10.0 * std::log10(power) + Loudness::offsetDb : minusInfinity;
+    return power > 0.0 ? 10.0 * std::log10(power) + Loudness::offsetDb : Loudness::silence;
 }
 
 double decibels(double amplitude) {
@@ -31,7 +31,7 @@ double gatedMean(const std::vector<double>& powers, double gate) {
 double integratedOf(const std::vector<double>& powers) {
     const double absolute = gatedMean(powers, Loudness::absoluteGateLufs);
     if (absolute <= 0.0) {
-        return minusInfinity;
+        return Loudness::silence;
     }
     return loudness(gatedMean(powers, loudness(absolute) + Loudness::relativeGateLu));
 }

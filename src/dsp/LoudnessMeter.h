@@ -16,8 +16,9 @@ namespace ostrand {
 enum class ChannelWeight { front, surround, excluded };
 
 // The figures a loudness meter in EBU Mode reports for a whole programme.
-// Loudness values are -infinity when there is nothing to measure (a programme
-// shorter than the window, or every block below the absolute gate).
+// Loudness values are Loudness::silence when there is nothing to measure (a
+// programme shorter than the window, or every block below the absolute
+// gate); the peaks of digital silence are -infinity.
 struct LoudnessFigures {
     double integratedLoudness; // LUFS, gated
     double loudnessRange;      // LU

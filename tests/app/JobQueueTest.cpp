@@ -38,19 +38,16 @@ public:
 // the settings it was given.
 struct World {
     World()
-        : queue(t.settings,
-                {[this](const std::filesystem::path& source, const auto& destination, auto existing,
-                        const auto& parameters, double ceiling, bool mono, const auto& sidecar,
-                        const auto& progress, const auto& isCancelled) {
-                     seen = {parameters, ceiling};
-                     const auto pausing = [&progress](const LevelingProgress& value) {
-                         progress(value);
-                         std::this_thread::sleep_for(std::chrono::milliseconds(3));
-                     };
-                     return LevelingEngine::process(source, destination, existing, parameters,
-                                                    ceiling, mono, sidecar, pausing, isCancelled);
-                 },
-                 &inhibitor, &revealer, &panels}) {}
+        : queue(t.settings, {[this](const LevelingRequest& request, const auto& progress,
+                                    const auto& isCancelled) {
+                                 seen = {request.parameters, request.ceilingDb};
+                                 const auto pausing = [&progress](const LevelingProgress& value) {
+                                     progress(value);
+                                     std::this_thread::sleep_for(std::chrono::milliseconds(3));
+                                 };
+                                 return LevelingEngine::process(request, pausing, isCancelled);
+                             },
+                             &inhibitor, &revealer, &panels}) {}
     LevelingJob* job(int index) const { return queue.jobs().at(index); }
     auto files() const {
         const std::filesystem::directory_iterator all(media.path());

@@ -106,11 +106,15 @@ TEST(CliTest, WarningsGoToStandardErrorAndJson) {
     EXPECT_EQ(text.status, exitSuccess);
     EXPECT_NE(text.err.find(silence.string() + ": warning: " + warning + "\n"), std::string::npos)
         << text.err;
+    // The programme meter's silence reads as the leveler's does.
+    EXPECT_NE(text.out.find(": silent \u2192 silent \u00b7 "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("\n  output silent \u00b7 "), std::string::npos) << text.out;
     const CliRun json = run({"level", "--json", "--force", silence.string()});
     EXPECT_EQ(json.status, exitSuccess);
     const std::vector<QJsonObject> lines = jsonLines(json.out);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0]["warnings"].toArray(), QJsonArray{QString::fromStdString(warning)});
+    EXPECT_TRUE(lines[0]["inputLoudness"].isNull());
 }
 
 TEST(CliTest, OneFailureDoesNotStopTheOthers) {
