@@ -70,6 +70,10 @@
         <source>%1 · %2 leveled in %3</source>
         <translation>%1 · %2 angeglichen in %3</translation>
     </message>
+    <message>
+        <source>too short to measure</source>
+        <translation>zu kurz zum Messen</translation>
+    </message>
 </context>
 <context>
     <name>UpdateDialogs</name>

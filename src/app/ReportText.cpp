@@ -12,9 +12,13 @@
 
 namespace ostrand::ReportText {
 
-QString loudness(double lufs) {
-    return Loudness::isSilent(lufs) ? QCoreApplication::translate("ReportText", "silent")
-                                    : QString::asprintf("%.1f LUFS", lufs);
+QString loudness(double lufs, double seconds) {
+    if (!Loudness::isSilent(lufs)) {
+        return QString::asprintf("%.1f LUFS", lufs);
+    }
+    return seconds < Loudness::shortestMeasurableSeconds
+               ? QCoreApplication::translate("ReportText", "too short to measure")
+               : QCoreApplication::translate("ReportText", "silent");
 }
 
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds) {
@@ -22,9 +26,10 @@ QString finishedLine(const LevelingReport& report, std::optional<double> elapsed
     const double output = report.outputLoudness;
     const QString arrow = QStringLiteral(" \u2192 ");
     // Two figures share their unit.
-    const QString change = Loudness::isSilent(input) || Loudness::isSilent(output)
-                               ? loudness(input) + arrow + loudness(output)
-                               : QString::asprintf("%.1f", input) + arrow + loudness(output);
+    const QString change =
+        Loudness::isSilent(input) || Loudness::isSilent(output)
+            ? loudness(input, report.duration) + arrow + loudness(output, report.duration)
+            : QString::asprintf("%.1f", input) + arrow + loudness(output);
     const QString duration = LevelingJob::format(report.duration);
     if (!elapsedSeconds) {
         return QCoreApplication::translate("ReportText", "%1 \u00b7 %2 leveled")

@@ -486,7 +486,7 @@ private:
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report) + '\n';
-            lines += "  output " + loudness(report.outputIntegratedLoudness) +
+            lines += "  output " + loudness(report.outputIntegratedLoudness, report.duration) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
@@ -564,19 +564,21 @@ private:
         } else if (!m_options.quiet) {
             std::ostringstream text;
             text << source.string() << ": "
-                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak) << " \u00b7 "
-                 << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
+                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak, m.duration)
+                 << " \u00b7 " << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
                  << static_cast<long long>(m.sampleRate) << " Hz " << m.layout;
             if (m.tracks.size() > 1) {
                 text << ", mix of " << m.tracks.size() << " tracks";
             }
-            text << "\n  " << rangeText(m.loudnessRange, m.maxMomentary, m.maxShortTerm) << '\n';
+            text << "\n  " << rangeText(m.loudnessRange, m.maxMomentary, m.maxShortTerm, m.duration)
+                 << '\n';
             for (std::size_t i = 0; m.tracks.size() > 1 && i < m.tracks.size(); ++i) {
                 const LevelingEngine::ProgrammeMeasurement& track = m.tracks[i];
                 const LoudnessFigures& f = track.loudness;
-                text << "  track " << i + 1 << " (" << track.layout
-                     << "): " << loudnessText(f.integratedLoudness, f.truePeak, f.samplePeak)
-                     << " \u00b7 " << rangeText(f.loudnessRange, f.maxMomentary, f.maxShortTerm)
+                text << "  track " << i + 1 << " (" << track.layout << "): "
+                     << loudnessText(f.integratedLoudness, f.truePeak, f.samplePeak, m.duration)
+                     << " \u00b7 "
+                     << rangeText(f.loudnessRange, f.maxMomentary, f.maxShortTerm, m.duration)
                      << '\n';
             }
             m_console.report(text.str());
@@ -641,17 +643,23 @@ private:
         throw failed(*first, "no free name");
     }
 
-    static std::string loudnessText(double integrated, double truePeak, double samplePeak) {
-        return loudness(integrated) + " \u00b7 true peak " + figure("%.1f dBTP", truePeak) +
-               " \u00b7 sample peak " + figure("%.1f dBFS", samplePeak);
+    static std::string loudnessText(double integrated, double truePeak, double samplePeak,
+                                    double seconds) {
+        return loudness(integrated, seconds) + " \u00b7 true peak " +
+               figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
+               figure("%.1f dBFS", samplePeak);
     }
 
-    static std::string rangeText(double range, double maxMomentary, double maxShortTerm) {
+    static std::string rangeText(double range, double maxMomentary, double maxShortTerm,
+                                 double seconds) {
         return "range " + figure("%.1f LU", range) + " \u00b7 max momentary " +
-               loudness(maxMomentary) + " \u00b7 max short-term " + loudness(maxShortTerm);
+               loudness(maxMomentary, seconds) + " \u00b7 max short-term " +
+               loudness(maxShortTerm, seconds);
     }
 
-    static std::string loudness(double lufs) { return ReportText::loudness(lufs).toStdString(); }
+    static std::string loudness(double lufs, double seconds) {
+        return ReportText::loudness(lufs, seconds).toStdString();
+    }
 
     // A figure with its unit; "-inf" for the peak of digital silence.
     static std::string figure(const char* format, double value) {

@@ -28,6 +28,10 @@ constexpr bool isSilent(double lufs) noexcept {
     return lufs < absoluteGateLufs;
 }
 
+// A programme shorter than one gating block (400 ms) has no loudness at all:
+// its figure reads as silence, and is shown as too short to measure.
+inline constexpr double shortestMeasurableSeconds = 0.4;
+
 // Loudness in LUFS of a K-weighted power relative to full scale squared.
 double loudnessOf(double power) noexcept;
 

@@ -49,6 +49,8 @@ private slots:
         // Nothing above the absolute gate reads as silence.
         row("silent", ReportText::finishedLine({{}, {}, 5.0, Loudness::silence, -200.7}, {}),
             "silent \u2192 silent \u00b7 5s leveled");
+        row("too short", ReportText::finishedLine({{}, {}, 0.3, Loudness::silence, -200.7}, {}),
+            "too short to measure \u2192 too short to measure \u00b7 0s leveled");
         row("silent in", ReportText::finishedLine({{}, {}, 5.0, -70.01, -56.04}, 2.0),
             "silent \u2192 -56.0 LUFS \u00b7 5s leveled in 2s");
         row("failed", statusOf(JobState::failed("No audio."), 0.4), "No audio.");
