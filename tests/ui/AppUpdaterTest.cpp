@@ -16,9 +16,7 @@
 #include <QTextBrowser>
 
 using namespace ostrand;
-using ostrand::test::feed;
-using ostrand::test::item;
-using ostrand::test::TestHttpServer;
+using namespace ostrand::test;
 
 namespace {
 
@@ -67,7 +65,7 @@ private slots:
     void initTestCase() {
         m_keys = *ed25519::generate();
         m_package = QByteArray("!<arch>\n") + QByteArray(20'000, 'd');
-        m_signature = signatureOf(m_keys.seed, QStringLiteral("0.2.0"));
+        m_signature = signatureOf(m_keys.seed, QStringLiteral("0.2.0"), m_package);
     }
 
     void init() {
@@ -84,7 +82,7 @@ private slots:
         m_server->serve(QStringLiteral("/current.xml"), feed(current));
         m_server->serve(QStringLiteral("/newer.xml"), feed(current + signedBy(m_signature)));
         m_server->serve(QStringLiteral("/forged.xml"),
-                        feed(signedBy(signatureOf(ed25519::generate()->seed, "0.2.0"))));
+                        feed(signedBy(signatureOf(ed25519::generate()->seed, "0.2.0", m_package))));
         m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"), m_package);
     }
 
@@ -203,9 +201,9 @@ private slots:
         QFETCH(QString, last);
         m_log.answer = UpdatePrompter::Choice::Install;
         m_log.cancel = cancel;
-        if (cancel) {
+        if (cancel) { // held open until it is cancelled
             m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"),
-                            {200, m_package.left(100), {}, m_package.size()});
+                            {200, m_package, {}, -1, 1});
         }
         auto updater = checked(path);
         QVERIFY(updater->canCheckForUpdates());
@@ -217,9 +215,7 @@ private slots:
         const QDir downloads(QDir(m_dir->path()).filePath(QStringLiteral("downloads")));
         if (last == u"open") {
             QCOMPARE(m_log.opened, downloads.filePath(QStringLiteral("ostrand_0.2.0_amd64.deb")));
-            QFile package(m_log.opened);
-            QVERIFY(package.open(QIODevice::ReadOnly));
-            QCOMPARE(package.readAll(), m_package);
+            QCOMPARE(contentsOf(m_log.opened), m_package);
         } else {
             QVERIFY(downloads.isEmpty());
         }
@@ -349,12 +345,6 @@ private:
     QByteArray m_package;
     QString m_signature;
 
-    QString signatureOf(const QByteArray& seed, const QString& version) const {
-        ed25519::Sha256 hash;
-        hash.add(m_package);
-        return QString::fromLatin1(
-            ed25519::sign(seed, ed25519::releaseMessage(version, hash.result())).toBase64());
-    }
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<TestHttpServer> m_server;
     Recorder::Log m_log;
