@@ -26,7 +26,6 @@ struct Recorder : UpdatePrompter {
         Choice answer = Choice::Later;
         bool agree = true;
         bool cancel = false; // a download is cancelled as soon as it starts
-        QString opened;
     };
     explicit Recorder(Log& log)
         : m_log(log) {}
@@ -49,10 +48,7 @@ struct Recorder : UpdatePrompter {
     }
     void downloadProgress(qint64, qint64) override {}
     void downloadEnded() override { m_log.calls << QStringLiteral("ended"); }
-    void open(const QString& path) override {
-        m_log.calls << QStringLiteral("open");
-        m_log.opened = path;
-    }
+    void open(const QString& path) override { m_log.calls << "open: " + path; }
     Log& m_log;
 };
 
@@ -117,105 +113,75 @@ private slots:
         QVERIFY(m_log.calls.isEmpty());
     }
 
-    // A user check says what it found; a background check only ever offers.
-    // Which update is offered, and every way a fetch fails, the feed's own
-    // tests pin; one failure stands for them here.
-    void checkOutcome_data() {
+    // A user check says what it found, a background check only ever offers.
+    // A skipped version is not offered again, even after a restart; "later"
+    // offers it at the next check. Whichever way a download ends, the check
+    // ends with it; only a package that verifies is opened, and nothing else
+    // stays behind. Which update is offered, and every way a fetch or a
+    // download fails, the feed's own tests pin; one failure of each stands
+    // for them here.
+    void checks_data() {
         QTest::addColumn<QString>("path");
         QTest::addColumn<bool>("background");
-        QTest::addColumn<QString>("expected"); // a prefix of the one call; empty: none
-        struct Row {
-            const char* name;
-            const char* path;
-            const char* user;
-            bool offered;
+        QTest::addColumn<QString>("answer"); // to every offer; "cancel": install, then cancel
+        QTest::addColumn<int>("launches");   // each with one check
+        QTest::addColumn<QString>("calls");  // a prefix of each call, "|" between
+        const auto row = [](const char* name, const char* path, bool background, const char* answer,
+                            int launches, const QString& calls) {
+            QTest::newRow(name) << path << background << answer << launches << calls;
         };
-        const Row rows[] = {
-            {"up to date", "/current.xml",
-             "upToDate: Ostrand 0.1.0 is the newest version available.", false},
-            {"newer offered", "/newer.xml", "offer: 0.2.0", true},
-            {"HTTP 404", "/gone.xml",
-             "failed: The update feed could not be read: the server answered HTTP 404", false},
-        };
-        for (const Row& row : rows) {
-            QTest::addRow("user: %s", row.name) << row.path << false << row.user;
-            QTest::addRow("background: %s", row.name)
-                << row.path << true << (row.offered ? row.user : "");
-        }
+        const QString upToDate = "upToDate: Ostrand 0.1.0 is the newest version available.";
+        const QString gone = "failed: The update feed could not be read: the server answered "
+                             "HTTP 404";
+        const QString downloaded = "offer: 0.2.0|started|ended";
+        row("user: up to date", "/current.xml", false, "later", 1, upToDate);
+        row("background: up to date", "/current.xml", true, "later", 1, "");
+        row("user: HTTP 404", "/gone.xml", false, "later", 1, gone);
+        row("background: HTTP 404", "/gone.xml", true, "later", 1, "");
+        row("background: later", "/newer.xml", true, "later", 2, "offer: 0.2.0|offer: 0.2.0");
+        row("skip", "/newer.xml", false, "skip", 2, "offer: 0.2.0|upToDate");
+        row("install", "/newer.xml", false, "install", 1, downloaded + "|open: ");
+        row("install, signed by another key", "/forged.xml", false, "install", 1,
+            downloaded + "|failed: The download's signature does not verify");
+        row("install, cancelled", "/newer.xml", false, "cancel", 1, downloaded);
     }
-    void checkOutcome() {
+    void checks() {
         QFETCH(QString, path);
         QFETCH(bool, background);
-        QFETCH(QString, expected);
-        auto updater = make(m_server->url(path).toString(), key());
-        QTRY_VERIFY(updater->canCheckForUpdates());
-        QSignalSpy changes(updater.get(), &AppUpdater::canCheckForUpdatesChanged);
-        QSignalSpy idle(updater.get(), &AppUpdater::idle);
-        background ? updater->checkInBackground() : updater->checkForUpdates();
-        // Both items are off while the check runs.
-        QVERIFY(!updater->canCheckForUpdates());
-        QVERIFY(idle.wait(10'000));
-        QVERIFY(updater->canCheckForUpdates());
-        QCOMPARE(changes.count(), 2);
-        if (expected.isEmpty()) {
-            QCOMPARE(m_log.calls, QStringList());
-        } else {
-            QCOMPARE(m_log.calls.size(), 1);
-            QVERIFY2(m_log.calls.first().startsWith(expected), qPrintable(m_log.calls.first()));
-        }
-    }
-
-    // A skipped version is not offered again, even after a restart; "later"
-    // offers it at the next check.
-    void answerDecidesTheNextCheck_data() {
-        QTest::addColumn<int>("answer");
-        QTest::addColumn<QString>("next");
-        QTest::newRow("skip") << int(UpdatePrompter::Choice::Skip) << "upToDate";
-        QTest::newRow("later") << int(UpdatePrompter::Choice::Later) << "offer: 0.2.0";
-    }
-    void answerDecidesTheNextCheck() {
-        QFETCH(int, answer);
-        QFETCH(QString, next);
-        m_log.answer = UpdatePrompter::Choice(answer);
-        checked(QStringLiteral("/newer.xml"));
-        checked(QStringLiteral("/newer.xml"));
-        QCOMPARE(m_log.calls.size(), 2);
-        QCOMPARE(m_log.calls.first(), QStringLiteral("offer: 0.2.0"));
-        QVERIFY2(m_log.calls.last().startsWith(next), qPrintable(m_log.calls.last()));
-    }
-
-    // Whichever way a download ends, the check ends with it; only a package
-    // that verifies is opened, and nothing else stays behind.
-    void installOpensOnlyAVerifiedPackage_data() {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<bool>("cancel");
-        QTest::addColumn<QString>("last"); // part of the call after "ended"; empty: none
-        QTest::newRow("verifies") << "/newer.xml" << false << "open";
-        QTest::newRow("signed by another key")
-            << "/forged.xml" << false << "failed: The download's signature does not verify";
-        QTest::newRow("cancelled") << "/newer.xml" << true << "";
-    }
-    void installOpensOnlyAVerifiedPackage() {
-        QFETCH(QString, path);
-        QFETCH(bool, cancel);
-        QFETCH(QString, last);
-        m_log.answer = UpdatePrompter::Choice::Install;
-        m_log.cancel = cancel;
-        if (cancel) { // held open until it is cancelled
+        QFETCH(QString, answer);
+        QFETCH(int, launches);
+        QFETCH(QString, calls);
+        using Choice = UpdatePrompter::Choice;
+        m_log.answer = answer == u"skip"    ? Choice::Skip
+                       : answer == u"later" ? Choice::Later
+                                            : Choice::Install;
+        m_log.cancel = answer == u"cancel";
+        if (m_log.cancel) { // held open until it is cancelled
             m_server->serve(QStringLiteral("/ostrand_0.2.0_amd64.deb"),
                             {200, m_package, {}, -1, 1});
         }
-        auto updater = checked(path);
-        QVERIFY(updater->canCheckForUpdates());
-        QCOMPARE(m_log.calls.mid(0, 3),
-                 QStringList({QStringLiteral("offer: 0.2.0"), QStringLiteral("started"),
-                              QStringLiteral("ended")}));
-        QCOMPARE(m_log.calls.size(), last.isEmpty() ? 3 : 4);
-        QVERIFY2(m_log.calls.last().startsWith(last), qPrintable(m_log.calls.last()));
+        for (int launch = 0; launch < launches; ++launch) {
+            auto updater = make(m_server->url(path).toString(), key());
+            QTRY_VERIFY(updater->canCheckForUpdates());
+            QSignalSpy changes(updater.get(), &AppUpdater::canCheckForUpdatesChanged);
+            QSignalSpy idle(updater.get(), &AppUpdater::idle);
+            background ? updater->checkInBackground() : updater->checkForUpdates();
+            // Both items are off while the check runs.
+            QVERIFY(!updater->canCheckForUpdates());
+            QVERIFY(idle.wait(10'000));
+            QVERIFY(updater->canCheckForUpdates());
+            QCOMPARE(changes.count(), 2);
+        }
+        const QStringList expected = calls.split(u'|', Qt::SkipEmptyParts);
+        QCOMPARE(m_log.calls.size(), expected.size());
+        for (qsizetype i = 0; i < expected.size(); ++i) {
+            QVERIFY2(m_log.calls[i].startsWith(expected[i]), qPrintable(m_log.calls[i]));
+        }
         const QDir downloads(QDir(m_dir->path()).filePath(QStringLiteral("downloads")));
-        if (last == u"open") {
-            QCOMPARE(m_log.opened, downloads.filePath(QStringLiteral("ostrand_0.2.0_amd64.deb")));
-            QCOMPARE(contentsOf(m_log.opened), m_package);
+        const QString package = downloads.filePath(QStringLiteral("ostrand_0.2.0_amd64.deb"));
+        if (calls.endsWith(u"open: ")) {
+            QCOMPARE(m_log.calls.last(), "open: " + package);
+            QCOMPARE(contentsOf(package), m_package);
         } else {
             QVERIFY(downloads.isEmpty());
         }
@@ -232,8 +198,8 @@ private slots:
         QFETCH(bool, agree);
         m_log.agree = agree;
         const int checks = agree ? 1 : 0;
-        const QString feed = m_server->url(QStringLiteral("/current.xml")).toString();
         const QString fetches = QStringLiteral("/current.xml");
+        const QString feed = m_server->url(fetches).toString();
         store()->clear();
         {
             auto first = make(feed, key());
@@ -275,8 +241,6 @@ private slots:
         QTest::newRow("skip") << false << "skip" << int(UpdatePrompter::Choice::Skip);
         QTest::newRow("later") << false << "later" << int(UpdatePrompter::Choice::Later);
         QTest::newRow("closed") << false << "" << int(UpdatePrompter::Choice::Later);
-        QTest::newRow("critical: install")
-            << true << "install" << int(UpdatePrompter::Choice::Install);
         QTest::newRow("critical: closed") << true << "" << int(UpdatePrompter::Choice::Later);
     }
     void offerDialogAnswers() {
@@ -313,38 +277,20 @@ private:
             QDir(m_dir->path()).filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
     }
 
-    std::unique_ptr<AppUpdater> make(const QString& feedUrl, const QString& publicKey,
-                                     std::unique_ptr<UpdatePrompter> prompter = {}) {
-        AppUpdater::Configuration config;
-        config.feedUrl = feedUrl;
-        config.publicKey = publicKey;
-        config.currentVersion = QStringLiteral("0.1.0");
+    std::unique_ptr<AppUpdater> make(const QString& feedUrl, const QString& publicKey) {
         // Loaded afresh, as at a launch; it lives as long as the updater.
         auto* settings = new OstrandSettings(store());
-        config.settings = settings;
-        config.downloadFolder = QDir(m_dir->path()).filePath(QStringLiteral("downloads"));
         auto updater = std::make_unique<AppUpdater>(
-            std::move(config), prompter ? std::move(prompter) : std::make_unique<Recorder>(m_log));
+            AppUpdater::Configuration{feedUrl, publicKey, QStringLiteral("0.1.0"), settings,
+                                      QDir(m_dir->path()).filePath(QStringLiteral("downloads")), 0},
+            std::make_unique<Recorder>(m_log));
         settings->setParent(updater.get());
-        return updater;
-    }
-
-    // An updater after one user check of `path` has ended.
-    std::unique_ptr<AppUpdater> checked(const QString& path) {
-        auto updater = make(m_server->url(path).toString(), key());
-        if (!QTest::qWaitFor([&] { return updater->canCheckForUpdates(); }, 5000)) {
-            return updater;
-        }
-        QSignalSpy idle(updater.get(), &AppUpdater::idle);
-        updater->checkForUpdates();
-        idle.wait(10'000);
         return updater;
     }
 
     ed25519::KeyPair m_keys;
     QByteArray m_package;
     QString m_signature;
-
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<TestHttpServer> m_server;
     Recorder::Log m_log;
