@@ -20,14 +20,14 @@ namespace {
 
 constexpr QSize size{900, 360};
 
-enum class Color { input, output, gain, limiter };
+using Colors = LoudnessPlot::Colors;
 
 // A value to find in the picture: at `at` of the way through, `value` in its
 // lane's unit, drawn in `color`.
 struct Probe {
     double at;
     double value;
-    Color color;
+    QColor Colors::*color;
 };
 
 struct PlotCase {
@@ -85,19 +85,16 @@ TEST_P(PlotFileTest, CurvesLieWhereTheDataSays) {
     const QImage image = readBack(path);
     ASSERT_EQ(image.size(), size);
     const LoudnessPlot plot(series, size, c.theme);
-    const LoudnessPlot::Colors colors = LoudnessPlot::colors(c.theme);
+    const Colors colors = LoudnessPlot::colors(c.theme);
     EXPECT_LT(distance(image.pixelColor(2, 2), colors.background), 8);
     for (const Probe& probe : c.probes) {
         const double x = plot.xFor(probe.at * series->duration);
-        const bool gainLane = probe.color == Color::gain || probe.color == Color::limiter;
+        const bool gainLane = probe.color == &Colors::gain || probe.color == &Colors::limiter;
         const double y = gainLane ? plot.yForGain(probe.value) : plot.yForLoudness(probe.value);
-        const QColor color = probe.color == Color::input    ? colors.input
-                             : probe.color == Color::output ? colors.output
-                             : probe.color == Color::gain   ? colors.gain
-                                                            : colors.limiter;
+        const QColor color = colors.*probe.color;
         SCOPED_TRACE(testing::Message() << "probe at " << probe.at << ", " << probe.value);
         EXPECT_LT(nearest(image, x, y, 2, color), 80);
-        if (probe.color != Color::limiter) {
+        if (probe.color != &Colors::limiter) {
             // Only there: 10 px off it, no trace of that colour.
             EXPECT_GT(nearest(image, x, y - 12, 2, color), 80);
         }
@@ -113,10 +110,10 @@ TEST_P(PlotFileTest, CurvesLieWhereTheDataSays) {
     }
 }
 
-const std::vector<Probe> talkProbes{{0.23, -30.0, Color::input},  {0.83, -20.0, Color::input},
-                                    {0.23, -14.0, Color::output}, {0.83, -14.0, Color::output},
-                                    {0.23, 16.0, Color::gain},    {0.83, 6.0, Color::gain},
-                                    {0.343, -1.5, Color::limiter}};
+const std::vector<Probe> talkProbes{{0.23, -30.0, &Colors::input},  {0.83, -20.0, &Colors::input},
+                                    {0.23, -14.0, &Colors::output}, {0.83, -14.0, &Colors::output},
+                                    {0.23, 16.0, &Colors::gain},    {0.83, 6.0, &Colors::gain},
+                                    {0.343, -1.5, &Colors::limiter}};
 
 const PlotCase plotCases[] = {
     {"Minute", [] { return talkSeries(60.0); }, LoudnessPlot::Theme::light, talkProbes, true},
@@ -126,14 +123,14 @@ const PlotCase plotCases[] = {
     {"DigitalSilence",
      [] { return talkSeries(30.0, true); },
      LoudnessPlot::Theme::light,
-     {{0.23, -60.0, Color::output}, {0.23, 16.0, Color::gain}},
+     {{0.23, -60.0, &Colors::output}, {0.23, 16.0, &Colors::gain}},
      false},
     {"ThreeHoursDark", [] { return talkSeries(3 * 3600.0); }, LoudnessPlot::Theme::dark, talkProbes,
      true},
     {"Measurement",
      [] { return measuredSeries(40.0, -23.0f); },
      LoudnessPlot::Theme::light,
-     {{0.53, -23.0, Color::output}},
+     {{0.53, -23.0, &Colors::output}},
      false},
 };
 
