@@ -199,35 +199,32 @@ private slots:
         m_log.agree = agree;
         const int checks = agree ? 1 : 0;
         const QString fetches = QStringLiteral("/current.xml");
-        const QString feed = m_server->url(fetches).toString();
+        // A launch, once a check it started has ended.
+        const auto launch = [&] {
+            auto updater = make(m_server->url(fetches).toString(), key());
+            QTest::qWait(200);
+            (void)QTest::qWaitFor([&] { return updater->canCheckForUpdates(); }, 10'000);
+            return updater;
+        };
         store()->clear();
-        {
-            auto first = make(feed, key());
-            QTest::qWait(200);
-            QCOMPARE(m_log.calls, QStringList());
-            QCOMPARE(m_server->requests(fetches), 0);
-            QVERIFY(!first->automaticallyChecksForUpdates());
-        }
-        {
-            auto second = make(feed, key());
-            QTRY_COMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
-            QTRY_VERIFY(second->canCheckForUpdates()); // a check has ended
-            QCOMPARE(m_server->requests(fetches), checks);
-            QCOMPARE(second->automaticallyChecksForUpdates(), agree);
-        }
-        {
-            auto third = make(feed, key());
-            QTest::qWait(200);
-            QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
-            QCOMPARE(m_server->requests(fetches), checks); // checked less than a day ago
-            QCOMPARE(third->automaticallyChecksForUpdates(), agree);
-            third->setAutomaticallyChecksForUpdates(false);
-        }
+        QVERIFY(!launch()->automaticallyChecksForUpdates());
+        QCOMPARE(m_log.calls, QStringList());
+        QCOMPARE(m_server->requests(fetches), 0);
+        auto second = launch();
+        QVERIFY(second->canCheckForUpdates()); // its check has ended
+        QCOMPARE(second->automaticallyChecksForUpdates(), agree);
+        QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
+        QCOMPARE(m_server->requests(fetches), checks);
+        second.reset();
+        auto third = launch();
+        QCOMPARE(third->automaticallyChecksForUpdates(), agree);
+        QCOMPARE(m_log.calls, QStringList{QStringLiteral("ask")});
+        QCOMPARE(m_server->requests(fetches), checks); // checked less than a day ago
+        third->setAutomaticallyChecksForUpdates(false);
+        third.reset();
         store()->setValue(QStringLiteral("updates/lastCheck"),
                           QDateTime::currentDateTimeUtc().addDays(-2));
-        auto fourth = make(feed, key());
-        QTest::qWait(200);
-        QVERIFY(!fourth->automaticallyChecksForUpdates());
+        QVERIFY(!launch()->automaticallyChecksForUpdates());
         QCOMPARE(m_server->requests(fetches), checks); // off: no check, however long ago
     }
 
@@ -248,7 +245,6 @@ private slots:
         QFETCH(QString, button);
         QFETCH(int, expected);
         AppcastItem item;
-        item.version = QStringLiteral("0.2.0");
         item.shortVersion = QStringLiteral("0.2");
         item.critical = critical;
         item.releaseNotes = QStringLiteral("<p>Now with <b>bold</b> notes</p><script>x</script>");
