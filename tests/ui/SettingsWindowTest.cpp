@@ -23,13 +23,10 @@ class SettingsWindowTest : public QObject {
 
 private slots:
     void init() {
+        m_window.reset(); // before the settings it shows
         m_settings = std::make_unique<TestSettings>();
         m_window = std::make_unique<SettingsWindow>(m_settings->settings, m_updater);
         m_window->show();
-    }
-    void cleanup() {
-        m_window.reset();
-        m_settings.reset();
     }
 
     // Each control writes its setting at once (that it reaches the file, the
