@@ -47,13 +47,10 @@ private:
     }
 
     void answer(QTcpSocket* socket) {
-        QByteArray& request = m_pending[socket];
-        request += socket->readAll();
-        if (!request.contains("\r\n\r\n")) {
-            return;
+        if (!socket->peek(1 << 16).contains("\r\n\r\n")) {
+            return; // until the whole request is there
         }
-        const QString path = QString::fromLatin1(request.split(' ').value(1));
-        m_pending.remove(socket);
+        const QString path = QString::fromLatin1(socket->readAll().split(' ').value(1));
         ++m_counts[path];
         const Response r = m_routes.value(path, Response{404, "not here", {}, -1, 0});
         // Only a failure's reason phrase is ever shown.
@@ -82,7 +79,6 @@ private:
     QTcpServer m_server;
     QHash<QString, Response> m_routes;
     QHash<QString, int> m_counts;
-    QHash<QTcpSocket*, QByteArray> m_pending;
 };
 
 // One appcast <item>; `extra` goes inside the item.
