@@ -93,7 +93,6 @@ private slots:
         };
         const char* https = "https://example.com/appcast.xml";
         const QByteArray key = QByteArray(32, 'k').toBase64();
-        row("neither", "", "");
         row("no key", https, "");
         row("no feed", "", key);
         row("key not base64", https, "not*base64!");
