@@ -193,7 +193,6 @@ private slots:
         const QByteArray package = QByteArray("!<arch>\n") + QByteArray(100'000, 'p');
         AppcastItem update;
         update.version = QStringLiteral("0.2.0");
-        update.os = QStringLiteral("linux");
         update.length = package.size();
         update.edSignature = signatureOf(m_keys.seed, update.version, package);
         update.url = m_server.url(QStringLiteral("/ostrand_0.2.0_amd64.deb"));
@@ -226,7 +225,6 @@ private slots:
         }
 
         const auto updates = make(m_server.url(QStringLiteral("/appcast.xml")));
-        updates->setDownloadFolder(m_downloads.path());
         QSignalSpy done(updates.get(), &UpdateFeed::downloaded);
         QSignalSpy failed(updates.get(), &UpdateFeed::downloadFailed);
         QSignalSpy cancelled(updates.get(), &UpdateFeed::downloadCancelled);
@@ -262,6 +260,7 @@ private:
         auto updates = std::make_unique<UpdateFeed>(url, m_keys.publicKey, QStringLiteral("0.1.0"));
         updates->setDeadlines(
             {std::chrono::milliseconds(1000), std::chrono::milliseconds(1000), 1'000'000});
+        updates->setDownloadFolder(m_downloads.path());
         return updates;
     }
 
