@@ -88,7 +88,8 @@ inline QByteArray item(const QString& version, const QString& os = QStringLitera
                        qint64 length = 10, const QString& signature = QStringLiteral("c2ln")) {
     return QStringLiteral(
                "<item><title>Ostrand %1</title><sparkle:version>%1</sparkle:version>"
-               "<description><![CDATA[<p>Notes for <b>%1</b></p>]]></description>%2"
+               "<description><![CDATA[<p>Notes for "
+               "<b>%1</b></p><script>x</script>]]></description>%2"
                "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
                "sparkle:os=\"%5\" sparkle:edSignature=\"%6\"/></item>")
         .arg(version, extra, url)

@@ -87,7 +87,7 @@ private slots:
         const AppcastItem sparkle{"Ostrand 0.2.0",
                                   "0.2.0",
                                   "0.2",
-                                  "<p>Notes for <b>0.2.0</b></p>",
+                                  "<p>Notes for <b>0.2.0</b></p><script>x</script>",
                                   QDateTime(QDate(2026, 11, 23), QTime(16, 0), Qt::UTC),
                                   false,
                                   QUrl("https://example.com/a b.deb"),
