@@ -4,6 +4,7 @@
 
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
+#include "dsp/GainRenderer.h"
 #include "dsp/KWeightingFilter.h"
 #include "dsp/LoudnessMeter.h"
 #include "dsp/SpeechGate.h"
@@ -82,7 +83,8 @@ void BM_TruePeakLimiter(benchmark::State& state) {
         state.PauseTiming();
         work.channels = audio.channels;
         state.ResumeTiming();
-        TruePeakLimiter limiter(channels, sampleRate, -1.0, 5.0, 200.0);
+        TruePeakLimiter limiter(channels, sampleRate, -1.0, GainRenderer::lookaheadMs,
+                                GainRenderer::releaseMs);
         std::vector<float*> pointers = work.pointers();
         for (std::int64_t start = 0; start < work.frames(); start += block) {
             const std::int64_t n = std::min(block, work.frames() - start);
@@ -162,7 +164,7 @@ void BM_GainCurveBuildOneHour(benchmark::State& state) {
     const FrameAnalysis hour = oneHour(state.range(1) != 0 ? noisyProgramme() : programme());
     const auto parameters = LevelingParameters::forTarget(-16.0, state.range(0) != 0);
     for (auto _ : state) {
-        const GainCurve curve = GainCurveBuilder::build(hour, parameters, -1.0, 0.2);
+        const GainCurve curve = GainCurveBuilder::build(hour, parameters, -1.0);
         benchmark::DoNotOptimize(curve.gainDB.data());
     }
     state.counters["frames"] = static_cast<double>(hour.meanSquare.size());

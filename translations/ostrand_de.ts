@@ -55,16 +55,24 @@
 <context>
     <name>ReportText</name>
     <message>
-        <source>%1 → %2 LUFS · %3 leveled</source>
-        <translation>%1 → %2 LUFS · %3 angeglichen</translation>
-    </message>
-    <message>
-        <source>%1 → %2 LUFS · %3 leveled in %4</source>
-        <translation>%1 → %2 LUFS · %3 angeglichen in %4</translation>
-    </message>
-    <message>
         <source>gain %1 to %2 dB · limiter %3 dB</source>
         <translation>Verstärkung %1 bis %2 dB · Limiter %3 dB</translation>
+    </message>
+    <message>
+        <source>silent</source>
+        <translation>still</translation>
+    </message>
+    <message>
+        <source>%1 · %2 leveled</source>
+        <translation>%1 · %2 angeglichen</translation>
+    </message>
+    <message>
+        <source>%1 · %2 leveled in %3</source>
+        <translation>%1 · %2 angeglichen in %3</translation>
+    </message>
+    <message>
+        <source>too short to measure</source>
+        <translation>zu kurz zum Messen</translation>
     </message>
 </context>
 <context>

@@ -624,11 +624,10 @@ double planDeviationDb(const Recipe& r, const std::vector<float>& interleaved, d
     analyzer.append(pointers, static_cast<std::int64_t>(frames));
     const FrameAnalysis analysis = std::move(analyzer).analysis();
     constexpr double ceilingDb = -1.0;
-    constexpr double releaseSeconds = 0.2;
-    const GainCurve exact = GainCurveBuilder::build(
-        analysis, LevelingParameters::forTarget(target, false), ceilingDb, releaseSeconds);
-    const GainCurve aware = GainCurveBuilder::build(
-        analysis, LevelingParameters::forTarget(target, true), ceilingDb, releaseSeconds);
+    const GainCurve exact =
+        GainCurveBuilder::build(analysis, LevelingParameters::forTarget(target, false), ceilingDb);
+    const GainCurve aware =
+        GainCurveBuilder::build(analysis, LevelingParameters::forTarget(target, true), ceilingDb);
     double worst = 0.0;
     for (std::size_t i = 0; i < std::min(exact.gainDB.size(), aware.gainDB.size()); ++i) {
         worst = std::max(worst, std::abs(aware.gainDB[i] - exact.gainDB[i]));

@@ -1,7 +1,14 @@
 #include "FolderAccess.h"
 
+#include "FilePaths.h"
+
 #include <QDir>
 #include <QFileInfo>
+
+#include <filesystem>
+#include <system_error>
+
+#include <unistd.h>
 
 namespace ostrand {
 
@@ -28,8 +35,9 @@ bool FolderAccess::startAccessing(const QUrl& item) {
     if (!item.isLocalFile()) {
         return false;
     }
-    const QFileInfo info(item.toLocalFile());
-    return info.isDir() ? info.isWritable() : info.isReadable();
+    const std::filesystem::path path = FilePaths::toPath(item);
+    std::error_code error;
+    return ::access(path.c_str(), std::filesystem::is_directory(path, error) ? W_OK : R_OK) == 0;
 }
 
 void FolderAccess::stopAccessing(const QUrl&) {}
@@ -38,8 +46,9 @@ bool FolderAccess::isWritable(const QUrl& folder) {
     if (!folder.isLocalFile()) {
         return false;
     }
-    const QFileInfo info(folder.toLocalFile());
-    return info.isDir() && info.isWritable();
+    const std::filesystem::path path = FilePaths::toPath(folder);
+    std::error_code error;
+    return std::filesystem::is_directory(path, error) && ::access(path.c_str(), W_OK) == 0;
 }
 
 } // namespace ostrand

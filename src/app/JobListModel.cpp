@@ -1,8 +1,7 @@
 #include "JobListModel.h"
 
+#include "FilePaths.h"
 #include "ReportText.h"
-
-#include <QFileInfo>
 
 namespace ostrand {
 
@@ -41,9 +40,9 @@ QVariant JobListModel::data(const QModelIndex& index, int role) const {
     switch (role) {
     case Qt::DisplayRole:
     case Qt::AccessibleTextRole:
-        return QFileInfo(job->sourceURL().toLocalFile()).fileName();
+        return FilePaths::shownName(job->sourceURL());
     case Qt::ToolTipRole:
-        return job->sourceURL().toLocalFile();
+        return FilePaths::shown(FilePaths::toPath(job->sourceURL()).string());
     case StatusTextRole:
         return job->statusText();
     case Qt::AccessibleDescriptionRole:

@@ -4,12 +4,12 @@
 #include "DBusSleepInhibitor.h"
 #include "FilePaths.h"
 #include "media/OstrandError.h"
+#include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
-#include <QMimeDatabase>
 #include <QPointer>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
@@ -43,28 +43,9 @@ struct JobQueue::ProgressMailbox {
 
 namespace {
 
-bool isAudioVisual(const QMimeType& type) {
-    const auto audioOrVideo = [](const QString& name) {
-        return name.startsWith(QLatin1String("audio/")) || name.startsWith(QLatin1String("video/"));
-    };
-    const QStringList ancestors = type.allAncestors();
-    return audioOrVideo(type.name()) ||
-           std::any_of(ancestors.begin(), ancestors.end(), audioOrVideo);
-}
-
-// The one rule for what the queue takes, by a file's name alone.
-bool hasMediaExtension(const QString& fileName) {
-    const QMimeType type = QMimeDatabase().mimeTypeForFile(fileName, QMimeDatabase::MatchExtension);
-    return type.isValid() && !type.isDefault() && isAudioVisual(type);
-}
-
 // Runs on the worker thread. Everything the engine throws becomes an outcome
 // here, so no exception crosses the thread pool.
-EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesystem::path& source,
-                            const std::filesystem::path& destination,
-                            OutputNaming::ExistingFile existing,
-                            const LevelingParameters& parameters, double truePeakCeiling,
-                            bool forceMono, const std::optional<std::filesystem::path>& sidecar,
+EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const LevelingRequest& request,
                             const LevelingEngine::ProgressHandler& progress,
                             const LevelingEngine::CancelCheck& isCancelled) {
     EngineOutcome outcome;
@@ -72,20 +53,20 @@ EngineOutcome levelOnWorker(const JobQueue::Engine& engine, const std::filesyste
         // A save panel lets the user pick the source itself; writing there
         // would delete the source before it is read.
         std::error_code error;
-        if (std::filesystem::equivalent(source, destination, error)) {
+        if (std::filesystem::equivalent(request.source, request.destination, error)) {
             throw OstrandError::exportFailed("The destination is the source file itself.");
         }
-        outcome.report = engine(source, destination, existing, parameters, truePeakCeiling,
-                                forceMono, sidecar, progress, isCancelled);
+        outcome.report = engine(request, progress, isCancelled);
         outcome.kind = EngineOutcome::Kind::finished;
     } catch (const OstrandError& error) {
         if (error.kind() == OstrandError::Kind::cancelled) {
             outcome.kind = EngineOutcome::Kind::cancelled;
         } else {
-            outcome.message = QString::fromStdString(error.errorDescription());
+            // The message may hold the file's name, which need not be UTF-8.
+            outcome.message = FilePaths::shown(error.errorDescription());
         }
     } catch (const std::exception& error) {
-        outcome.message = QString::fromLocal8Bit(error.what());
+        outcome.message = FilePaths::shown(error.what());
     } catch (...) {
         outcome.message = JobQueue::tr("An unexpected error stopped the leveling.");
     }
@@ -142,17 +123,9 @@ JobQueue& JobQueue::shared() {
 const QStringList& JobQueue::acceptedPatterns() {
     static const QStringList patterns = [] {
         QStringList list;
-        for (const QMimeType& type : QMimeDatabase().allMimeTypes()) {
-            for (const QString& suffix : type.suffixes()) {
-                // A suffix that another type claims first is left out, as
-                // the drop leaves it out.
-                if (hasMediaExtension(QStringLiteral("x.") + suffix)) {
-                    list << QStringLiteral("*.") + suffix;
-                }
-            }
+        for (const std::string& extension : OutputFormat::sourceExtensions()) {
+            list << QStringLiteral("*.") + QString::fromStdString(extension);
         }
-        list.sort();
-        list.removeDuplicates();
         return list;
     }();
     return patterns;
@@ -162,8 +135,9 @@ bool JobQueue::isAcceptable(const QUrl& file) {
     if (!file.isLocalFile()) {
         return false;
     }
-    const QFileInfo info(file.toLocalFile());
-    return !info.isDir() && hasMediaExtension(info.fileName());
+    const std::filesystem::path path = FilePaths::toPath(file);
+    std::error_code error;
+    return !std::filesystem::is_directory(path, error) && OutputFormat::isKnownSource(path);
 }
 
 std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem::path& folder) {
@@ -186,8 +160,7 @@ std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem:
             }
             continue;
         }
-        if (it->is_regular_file(error) &&
-            hasMediaExtension(QFile::decodeName(QByteArray::fromStdString(name)))) {
+        if (it->is_regular_file(error) && OutputFormat::isKnownSource(it->path())) {
             files.push_back(it->path());
         }
     }
@@ -198,7 +171,8 @@ std::vector<std::filesystem::path> JobQueue::mediaFilesIn(const std::filesystem:
 QList<QUrl> JobQueue::withFolderContents(const QList<QUrl>& items) {
     QList<QUrl> files;
     for (const QUrl& item : items) {
-        if (!item.isLocalFile() || !QFileInfo(item.toLocalFile()).isDir()) {
+        std::error_code error;
+        if (!item.isLocalFile() || !std::filesystem::is_directory(FilePaths::toPath(item), error)) {
             files << item;
             continue;
         }
@@ -336,16 +310,17 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     }
     run.destination = *resolution.destination;
 
-    const auto source = FilePaths::toPath(run.source);
-    const auto destination = FilePaths::toPath(run.destination);
-    std::optional<std::filesystem::path> sidecar;
-    if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(source)) {
-        sidecar = OutputNaming::sidecarLocation(destination);
-    }
-    const auto parameters =
+    LevelingRequest request;
+    request.source = FilePaths::toPath(run.source);
+    request.destination = FilePaths::toPath(run.destination);
+    request.existing = resolution.existing;
+    request.parameters =
         LevelingParameters::forTarget(m_settings.targetLoudness(), m_settings.noiseAwarePauses());
-    const double truePeakCeiling = m_settings.truePeakCeiling();
-    const bool forceMono = m_settings.outputChannels() == OutputChannels::mono;
+    request.ceilingDb = m_settings.truePeakCeiling();
+    request.mono = m_settings.outputChannels() == OutputChannels::mono;
+    if (m_settings.exportWAVWithVideo() && OutputNaming::isVideoSource(request.source)) {
+        request.sidecar = OutputNaming::sidecarLocation(request.destination);
+    }
 
     // Progress goes back by job id: the worker never holds the job itself,
     // so a job removed while it runs is never touched. One queued call
@@ -366,14 +341,12 @@ void JobQueue::destinationSettled(DestinationResolution resolution) {
     LevelingEngine::CancelCheck isCancelled = [token = run.cancelToken] {
         return token->isCancelled();
     };
-    m_engineWatcher->setFuture(QtConcurrent::run(
-        QThreadPool::globalInstance(),
-        [engine = m_services.engine, source, destination, existing = resolution.existing,
-         parameters, truePeakCeiling, forceMono, sidecar, progress = std::move(progress),
-         isCancelled = std::move(isCancelled)] {
-            return levelOnWorker(engine, source, destination, existing, parameters, truePeakCeiling,
-                                 forceMono, sidecar, progress, isCancelled);
-        }));
+    m_engineWatcher->setFuture(
+        QtConcurrent::run(QThreadPool::globalInstance(),
+                          [engine = m_services.engine, request = std::move(request),
+                           progress = std::move(progress), isCancelled = std::move(isCancelled)] {
+                              return levelOnWorker(engine, request, progress, isCancelled);
+                          }));
 }
 
 void JobQueue::engineFinished() {

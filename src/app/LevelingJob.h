@@ -33,7 +33,8 @@ struct JobState {
     friend bool operator==(const JobState&, const JobState&) = default;
 };
 
-// One input file on its way through the queue. Main thread only, except the
+// One input file on its way through the queue; its source URL holds the
+// file name's bytes (FilePaths::toPath). Main thread only, except the
 // cancel token, which the engine's worker reads. The queue writes the state,
 // progress, report and dates; views read them and are notified through the
 // change signals, which stay silent when a value is assigned again

@@ -5,7 +5,6 @@
 #include "media/OutputNaming.h"
 
 #include <QFile>
-#include <QFileInfo>
 #include <QMimeDatabase>
 #include <QPointer>
 
@@ -13,10 +12,9 @@ namespace ostrand {
 
 namespace {
 
-QUrl uniqueIn(const QUrl& folder, const QString& name, const QString& extension) {
+QUrl uniqueIn(const QUrl& folder, const std::string& name, const QString& extension) {
     return FilePaths::toUrl(OutputNaming::uniqueLocation(
-        FilePaths::toPath(folder), QFile::encodeName(name).toStdString(),
-        QFile::encodeName(extension).toStdString()));
+        FilePaths::toPath(folder), name, QFile::encodeName(extension).toStdString()));
 }
 
 QString mimeTypeForExtension(const QString& extension) {
@@ -57,7 +55,8 @@ void OutputDestination::resolveDestination(const QUrl& source, QList<QUrl> scope
     const auto sourcePath = FilePaths::toPath(source);
     const QString extension =
         QFile::decodeName(LevelingEngine::outputExtension(sourcePath).c_str());
-    const QString name = QFile::decodeName(OutputNaming::leveledName(sourcePath).c_str());
+    // Bytes: the output keeps the source's name even where it is not UTF-8.
+    const std::string name = OutputNaming::leveledName(sourcePath);
     const QUrl sourceDir = FilePaths::parentFolder(source);
 
     switch (m_settings.saveMode()) {
@@ -77,7 +76,7 @@ void OutputDestination::resolveDestination(const QUrl& source, QList<QUrl> scope
 }
 
 void OutputDestination::resolveBesideSource(const QUrl& source, const QUrl& sourceDir,
-                                            const QString& name, const QString& extension,
+                                            const std::string& name, const QString& extension,
                                             QList<QUrl> scopes, Resolved done) {
     FolderAccess& access = m_settings.folderAccess();
     if (access.isWritable(sourceDir)) {
@@ -89,7 +88,7 @@ void OutputDestination::resolveBesideSource(const QUrl& source, const QUrl& sour
         done({uniqueIn(sourceDir, name, extension), std::move(scopes)});
         return;
     }
-    const QString fileName = QFileInfo(source.toLocalFile()).fileName();
+    const QString fileName = FilePaths::shownName(source);
     askForFolder(
         sourceDir, permissionMessage(fileName),
         [this, sourceDir, name, extension, scopes = std::move(scopes),
@@ -113,7 +112,7 @@ void OutputDestination::resolveBesideSource(const QUrl& source, const QUrl& sour
         });
 }
 
-void OutputDestination::resolveInFixedFolder(const QString& name, const QString& extension,
+void OutputDestination::resolveInFixedFolder(const std::string& name, const QString& extension,
                                              QList<QUrl> scopes, Resolved done) {
     if (const auto folder = m_settings.resolveFixedFolder()) {
         scopes.append(*folder);
@@ -134,7 +133,7 @@ void OutputDestination::resolveInFixedFolder(const QString& name, const QString&
                  });
 }
 
-void OutputDestination::askForFile(const QString& name, const QString& extension,
+void OutputDestination::askForFile(const std::string& name, const QString& extension,
                                    const QUrl& folder, Answer answer) {
     if (!m_panels) {
         answer(std::nullopt);
@@ -142,7 +141,8 @@ void OutputDestination::askForFile(const QString& name, const QString& extension
     }
     const SavePanelRequest request{
         savePanelTitle(),
-        uniqueIn(folder, name, extension).fileName(),
+        // Text to edit: a name that is not UTF-8 cannot be offered as it is.
+        QFile::decodeName(FilePaths::toPath(uniqueIn(folder, name, extension)).filename().c_str()),
         folder,
         extension,
         mimeTypeForExtension(extension),

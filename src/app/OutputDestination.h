@@ -11,6 +11,7 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 
 namespace ostrand {
 
@@ -48,8 +49,9 @@ public:
     // before returning) with it and `scopes` plus the folders it started
     // access to.
     void resolveDestination(const QUrl& source, QList<QUrl> scopes, Resolved done);
-    // The save panel in `folder`, offering the unique "name.extension" there.
-    void askForFile(const QString& name, const QString& extension, const QUrl& folder,
+    // The save panel in `folder`, offering the unique "name.extension" there
+    // (`name` in the file system's bytes).
+    void askForFile(const std::string& name, const QString& extension, const QUrl& folder,
                     Answer answer);
     // A folder chooser with an "Allow" button and the given message.
     void askForFolder(const std::optional<QUrl>& startingAt, const QString& message, Answer answer);
@@ -59,9 +61,9 @@ public:
     static QString savePanelTitle();
 
 private:
-    void resolveBesideSource(const QUrl& source, const QUrl& sourceDir, const QString& name,
+    void resolveBesideSource(const QUrl& source, const QUrl& sourceDir, const std::string& name,
                              const QString& extension, QList<QUrl> scopes, Resolved done);
-    void resolveInFixedFolder(const QString& name, const QString& extension, QList<QUrl> scopes,
+    void resolveInFixedFolder(const std::string& name, const QString& extension, QList<QUrl> scopes,
                               Resolved done);
     // Wraps an answer so that it is dropped if this object is gone by then.
     Answer guarded(Answer answer);

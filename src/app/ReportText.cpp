@@ -1,10 +1,10 @@
 #include "ReportText.h"
 
+#include "FilePaths.h"
 #include "LevelingJob.h"
+#include "dsp/Loudness.h"
 
-#include <QByteArray>
 #include <QCoreApplication>
-#include <QFile>
 #include <QStringList>
 
 #include <cmath>
@@ -12,16 +12,31 @@
 
 namespace ostrand::ReportText {
 
+QString loudness(double lufs, double seconds) {
+    if (!Loudness::isSilent(lufs)) {
+        return QString::asprintf("%.1f LUFS", lufs);
+    }
+    return seconds < Loudness::shortestMeasurableSeconds
+               ? QCoreApplication::translate("ReportText", "too short to measure")
+               : QCoreApplication::translate("ReportText", "silent");
+}
+
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds) {
-    const QString input = QString::asprintf("%.1f", report.inputLoudness);
-    const QString output = QString::asprintf("%.1f", report.outputLoudness);
+    const double input = report.inputLoudness;
+    const double output = report.outputLoudness;
+    const QString arrow = QStringLiteral(" \u2192 ");
+    // Two figures share their unit.
+    const QString change =
+        Loudness::isSilent(input) || Loudness::isSilent(output)
+            ? loudness(input, report.duration) + arrow + loudness(output, report.duration)
+            : QString::asprintf("%.1f", input) + arrow + loudness(output);
     const QString duration = LevelingJob::format(report.duration);
     if (!elapsedSeconds) {
-        return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled")
-            .arg(input, output, duration);
+        return QCoreApplication::translate("ReportText", "%1 \u00b7 %2 leveled")
+            .arg(change, duration);
     }
-    return QCoreApplication::translate("ReportText", "%1 \u2192 %2 LUFS \u00b7 %3 leveled in %4")
-        .arg(input, output, duration, LevelingJob::format(*elapsedSeconds));
+    return QCoreApplication::translate("ReportText", "%1 \u00b7 %2 leveled in %3")
+        .arg(change, duration, LevelingJob::format(*elapsedSeconds));
 }
 
 namespace {
@@ -57,12 +72,10 @@ QString notesText(const LevelingReport& report) {
 }
 
 QString detail(const LevelingReport& report) {
-    QString text =
-        figures(report) +
-        QFile::decodeName(QByteArray::fromStdString(report.outputURL.filename().string()));
+    QString text = figures(report) + FilePaths::shown(report.outputURL.filename().string());
     if (report.audioSidecarURL) {
-        text += QStringLiteral(" + ") + QFile::decodeName(QByteArray::fromStdString(
-                                            report.audioSidecarURL->filename().string()));
+        text +=
+            QStringLiteral(" + ") + FilePaths::shown(report.audioSidecarURL->filename().string());
     }
     return text;
 }

@@ -4,6 +4,8 @@
 
 #include <QString>
 
+#include <limits>
+
 #include <optional>
 #include <string>
 
@@ -12,8 +14,14 @@
 namespace ostrand::ReportText {
 
 // "-23.4 → -16.0 LUFS · 3:25 leveled in 42s"; without an elapsed time the
-// " in …" suffix is left out.
+// " in …" suffix is left out. Silence reads "silent": "silent → silent · 5s
+// leveled".
 QString finishedLine(const LevelingReport& report, std::optional<double> elapsedSeconds);
+
+// A loudness figure with its unit, "-23.4 LUFS", or "silent" below the
+// absolute gate (Loudness::isSilent), or "too short to measure" for a
+// programme of `seconds` shorter than one gating block.
+QString loudness(double lufs, double seconds = std::numeric_limits<double>::infinity());
 
 // "gain -3.2 to +6.5 dB · limiter 1.4 dB · talk leveled.mov", with the name's
 // bytes as the file system holds them, which need not be UTF-8: for a

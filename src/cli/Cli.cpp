@@ -3,10 +3,12 @@
 #include "CliConsole.h"
 #include "CliOptions.h"
 #include "CliProfiles.h"
+#include "app/FilePaths.h"
 #include "app/JobQueue.h"
 #include "app/LevelingJob.h"
 #include "app/ReportText.h"
 #include "app/UserProfiles.h"
+#include "dsp/Loudness.h"
 #include "media/AtomicFile.h"
 #include "media/LevelingEngine.h"
 #include "media/OstrandError.h"
@@ -57,11 +59,13 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// The desktop application's default ceiling.
-constexpr double defaultCeilingDb = -1.0;
-
-QString decoded(const fs::path& path) {
-    return QFile::decodeName(QByteArray::fromStdString(path.string()));
+// A path under `key` (null when there is none); one that is not UTF-8 also
+// as its exact bytes in base64 under key + "Bytes", for scripts to reach it.
+void putPath(QJsonObject& object, const QString& key, const std::optional<fs::path>& path) {
+    object[key] = path ? QJsonValue(jsonText(path->string())) : QJsonValue();
+    if (path && !FilePaths::isUtf8(path->string())) {
+        object[key + "Bytes"] = QString::fromLatin1(QByteArray(path->c_str()).toBase64());
+    }
 }
 
 QJsonValue jsonNumber(double value) {
@@ -379,8 +383,8 @@ private:
             m_console.message(source.string() + ": " + message + '\n');
             if (m_options.json) {
                 QJsonObject object;
-                object["source"] = decoded(source);
-                object["error"] = QString::fromStdString(message);
+                putPath(object, "source", source);
+                object["error"] = jsonText(message);
                 m_console.report(jsonLine(object));
             }
             return Outcome::failed;
@@ -399,8 +403,8 @@ private:
             }
             if (m_options.json) {
                 QJsonObject object;
-                object["source"] = decoded(source);
-                object["skipped"] = QString::fromStdString(plan.skipped);
+                putPath(object, "source", source);
+                object["skipped"] = jsonText(plan.skipped);
                 m_console.report(jsonLine(object));
             }
             return Outcome::skipped;
@@ -413,19 +417,25 @@ private:
             m_console.message(source.string() + ": leveling into " + plan.destination.string() +
                               '\n');
         }
-        const double target = m_options.target.value_or(m_profile && m_profile->target
-                                                            ? *m_profile->target
-                                                            : LevelingParameters{}.targetLoudness);
-        const double ceiling = m_options.ceiling.value_or(profileCeiling());
+        const LevelingRequest request{
+            .source = source,
+            .destination = plan.destination,
+            .existing = plan.existing,
+            .parameters = LevelingParameters::forTarget(
+                m_options.targetLufs.value_or(m_profile && m_profile->target
+                                                  ? *m_profile->target
+                                                  : LevelingParameters{}.targetLufs),
+                m_options.noiseAware),
+            .ceilingDb = m_options.ceilingDb.value_or(profileCeiling()),
+            .mono = m_options.mono,
+            .sidecar = plan.sidecar};
 
         m_console.started(slot, source.filename().string());
         const auto started = Clock::now();
         const LevelingReport report = [&] {
             try {
                 return LevelingEngine::process(
-                    source, plan.destination, plan.existing,
-                    LevelingParameters::forTarget(target, m_options.noiseAware), ceiling,
-                    m_options.mono, plan.sidecar,
+                    request,
                     [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
                     cancelCheck());
             } catch (const OstrandError& error) {
@@ -466,11 +476,9 @@ private:
         }
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
-            object["outputURL"] = decoded(report.outputURL);
-            object["audioSidecarURL"] = report.audioSidecarURL
-                                            ? QJsonValue(decoded(*report.audioSidecarURL))
-                                            : QJsonValue();
+            putPath(object, "source", source);
+            putPath(object, "outputURL", report.outputURL);
+            putPath(object, "audioSidecarURL", report.audioSidecarURL);
             object["duration"] = jsonNumber(report.duration);
             object["inputLoudness"] = jsonNumber(report.inputLoudness);
             object["outputLoudness"] = jsonNumber(report.outputLoudness);
@@ -486,7 +494,7 @@ private:
             }
             object["warnings"] = warnings;
             if (plot) {
-                object["plot"] = decoded(*plot);
+                putPath(object, "plot", plot);
             }
             if (verdict) {
                 object["check"] = CliProfiles::checkJson(*m_profile, *verdict);
@@ -496,7 +504,7 @@ private:
             std::string lines = source.string() + ": " +
                                 ReportText::finishedLine(report, elapsed).toStdString() + "\n  " +
                                 ReportText::detailLine(report) + '\n';
-            lines += "  output " + figure("%.1f LUFS", report.outputIntegratedLoudness) +
+            lines += "  output " + loudness(report.outputIntegratedLoudness, report.duration) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
             if (verdict) {
                 lines += "  " + CliProfiles::verdictLine(*m_profile, *verdict) + '\n';
@@ -521,10 +529,9 @@ private:
                               fs::exists(plan.destination, error);
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
-            object["outputURL"] = decoded(plan.destination);
-            object["audioSidecarURL"] =
-                plan.sidecar ? QJsonValue(decoded(*plan.sidecar)) : QJsonValue();
+            putPath(object, "source", source);
+            putPath(object, "outputURL", plan.destination);
+            putPath(object, "audioSidecarURL", plan.sidecar);
             object["replaces"] = replaces;
             object["dryRun"] = true;
             m_console.report(jsonLine(object));
@@ -546,9 +553,9 @@ private:
         const std::optional<fs::path> plot = drawPlot(source, m.series);
         if (m_options.json) {
             QJsonObject object;
-            object["source"] = decoded(source);
+            putPath(object, "source", source);
             if (plot) {
-                object["plot"] = decoded(*plot);
+                putPath(object, "plot", plot);
             }
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
             object["speechLoudness"] = jsonNumber(m.speechLoudness);
@@ -584,19 +591,22 @@ private:
         } else if (!m_options.quiet) {
             std::ostringstream text;
             text << source.string() << ": "
-                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak, m.speechLoudness)
+                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak, m.duration,
+                                 m.speechLoudness)
                  << " \u00b7 " << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
                  << static_cast<long long>(m.sampleRate) << " Hz " << m.layout;
             if (m.tracks.size() > 1) {
                 text << ", mix of " << m.tracks.size() << " tracks";
             }
-            text << "\n  " << rangeText(m.loudnessRange, m.maxMomentary, m.maxShortTerm) << '\n';
+            text << "\n  " << rangeText(m.loudnessRange, m.maxMomentary, m.maxShortTerm, m.duration)
+                 << '\n';
             for (std::size_t i = 0; m.tracks.size() > 1 && i < m.tracks.size(); ++i) {
                 const LevelingEngine::ProgrammeMeasurement& track = m.tracks[i];
                 const LoudnessFigures& f = track.loudness;
-                text << "  track " << i + 1 << " (" << track.layout
-                     << "): " << loudnessText(f.integratedLoudness, f.truePeak, f.samplePeak)
-                     << " \u00b7 " << rangeText(f.loudnessRange, f.maxMomentary, f.maxShortTerm)
+                text << "  track " << i + 1 << " (" << track.layout << "): "
+                     << loudnessText(f.integratedLoudness, f.truePeak, f.samplePeak, m.duration)
+                     << " \u00b7 "
+                     << rangeText(f.loudnessRange, f.maxMomentary, f.maxShortTerm, m.duration)
                      << '\n';
             }
             m_console.report(text.str());
@@ -612,7 +622,7 @@ private:
         const std::vector<ProfileCheck::Result> results = ProfileCheck::check(*m_profile, m);
         if (m_options.json) {
             QJsonObject object = CliProfiles::checkJson(*m_profile, results);
-            object["source"] = decoded(source);
+            putPath(object, "source", source);
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             m_console.report(CliProfiles::checkText(source.string(), *m_profile, results));
@@ -629,7 +639,7 @@ private:
         if (m_profile && m_profile->samplePeak) {
             return *m_profile->samplePeak;
         }
-        return defaultCeilingDb;
+        return LevelingRequest{}.ceilingDb;
     }
 
     // Draws the picture for `file` (an output, or a measured source), if one
@@ -660,8 +670,8 @@ private:
                                  QFileDevice::DontCloseHandle) ||
                     !LoudnessPlot::write(
                         device, QString::fromStdString(OutputFormat::lowerExtension(*first)),
-                        series, plotSize, LoudnessPlot::Theme::light, decoded(file.filename()),
-                        &error) ||
+                        series, plotSize, LoudnessPlot::Theme::light,
+                        FilePaths::shown(file.filename().string()), &error) ||
                     !device.flush()) {
                     throw failed(*first, error.isEmpty() ? device.errorString().toStdString()
                                                          : error.toStdString());
@@ -692,23 +702,28 @@ private:
 
     // With the speech's own loudness when it is given (the mix's line).
     static std::string loudnessText(double integrated, double truePeak, double samplePeak,
-                                    std::optional<double> speech = std::nullopt) {
-        std::string text = figure("%.1f LUFS", integrated);
+                                    double seconds, std::optional<double> speech = std::nullopt) {
+        std::string text = loudness(integrated, seconds);
         if (speech) {
-            text += std::isfinite(*speech) ? " \u00b7 speech " + figure("%.1f LUFS", *speech)
-                                           : std::string(" \u00b7 no speech found");
+            text += Loudness::isSilent(*speech) ? std::string(" \u00b7 no speech found")
+                                                : " \u00b7 speech " + loudness(*speech, seconds);
         }
         return text + " \u00b7 true peak " + figure("%.1f dBTP", truePeak) +
                " \u00b7 sample peak " + figure("%.1f dBFS", samplePeak);
     }
 
-    static std::string rangeText(double range, double maxMomentary, double maxShortTerm) {
+    static std::string rangeText(double range, double maxMomentary, double maxShortTerm,
+                                 double seconds) {
         return "range " + figure("%.1f LU", range) + " \u00b7 max momentary " +
-               figure("%.1f LUFS", maxMomentary) + " \u00b7 max short-term " +
-               figure("%.1f LUFS", maxShortTerm);
+               loudness(maxMomentary, seconds) + " \u00b7 max short-term " +
+               loudness(maxShortTerm, seconds);
     }
 
-    // A figure with its unit; "-inf" where there is nothing to measure.
+    static std::string loudness(double lufs, double seconds) {
+        return ReportText::loudness(lufs, seconds).toStdString();
+    }
+
+    // A figure with its unit; "-inf" for the peak of digital silence.
     static std::string figure(const char* format, double value) {
         char text[64];
         std::snprintf(text, sizeof text, format, value);
@@ -774,7 +789,7 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
             profile = *found;
         }
         if (options.command == "level" && profile) {
-            if (!profile->target && !options.target) {
+            if (!profile->target && !options.targetLufs) {
                 throw UsageError{"the profile \"" + profile->name +
                                  "\" sets no loudness target to level to; add --target"};
             }

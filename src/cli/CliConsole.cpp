@@ -19,55 +19,10 @@ std::size_t columnsOf(const std::string& text) {
         std::count_if(text.begin(), text.end(), [](char c) { return !isContinuationByte(c); }));
 }
 
-// The length of the UTF-8 sequence at `at`, 0 when it is not one.
-std::size_t sequenceLength(const std::string& text, std::size_t at) {
-    const auto lead = static_cast<unsigned char>(text[at]);
-    const std::size_t length = lead < 0x80                   ? 1
-                               : lead >= 0xC2 && lead < 0xE0 ? 2
-                               : lead >= 0xE0 && lead < 0xF0 ? 3
-                               : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                             : 0;
-    if (length == 0 || at + length > text.size()) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if (!isContinuationByte(text[at + i])) {
-            return 0;
-        }
-    }
-    return length;
-}
-
 } // namespace
 
-std::string escapedText(const std::string& text) {
-    std::string shown;
-    shown.reserve(text.size());
-    const auto escape = [&](std::size_t from, std::size_t count) {
-        for (std::size_t i = from; i < from + count; ++i) {
-            char hex[5];
-            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(text[i]));
-            shown += hex;
-        }
-    };
-    for (std::size_t at = 0; at < text.size();) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        const std::size_t length = sequenceLength(text, at);
-        if (length == 0) {
-            escape(at, 1);
-            at += 1;
-            continue;
-        }
-        const bool c1 =
-            length == 2 && byte == 0xC2 && static_cast<unsigned char>(text[at + 1]) < 0xA0;
-        if ((byte < 0x20 && byte != '\n') || byte == 0x7F || c1) {
-            escape(at, length);
-        } else {
-            shown.append(text, at, length);
-        }
-        at += length;
-    }
-    return shown;
+QString jsonText(const std::string& text) {
+    return FilePaths::isUtf8(text) ? QString::fromStdString(text) : FilePaths::shown(text);
 }
 
 std::string fitToColumns(const std::string& text, std::size_t columns) {

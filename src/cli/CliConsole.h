@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/FilePaths.h"
 #include "media/LevelingReport.h"
 
 #include <functional>
@@ -56,10 +57,12 @@ private:
     bool m_outputFailed = false;
 };
 
-// `text` safe to show on a terminal: control characters (C0 but the line
-// feed, DEL, C1 in UTF-8) and bytes that are not UTF-8 are written as \xNN,
-// so a file name cannot move the cursor, recolour or retitle the terminal.
-std::string escapedText(const std::string& text);
+// `text` safe to show on a terminal, as the window shows names.
+using FilePaths::escapedText;
+
+// JSON text must be UTF-8. Text that is not is given as the terminal shows
+// it ("caf\xe9.wav").
+QString jsonText(const std::string& text);
 
 // The first `columns` characters of `text` (UTF-8), ending in "…" when cut.
 std::string fitToColumns(const std::string& text, std::size_t columns);

@@ -84,12 +84,12 @@ constexpr CliOption table[] = {
     {'\0', "version", "", answersAlone, setFlag<&CliOptions::version>, {}},
     {'\0', "target", "LUFS", forLevel,
      [](CliOptions& o, const std::string& text) {
-         o.target = number("--target", text, minTargetLufs, maxTargetLufs);
+         o.targetLufs = number("--target", text, minTargetLufs, maxTargetLufs);
      },
      {{{HelpPage::level, 1, "integrated loudness to reach (default -16)"}}}},
     {'\0', "ceiling", "DBTP", forLevel,
      [](CliOptions& o, const std::string& text) {
-         o.ceiling = number("--ceiling", text, minCeilingDb, maxCeilingDb);
+         o.ceilingDb = number("--ceiling", text, minCeilingDb, maxCeilingDb);
      },
      {{{HelpPage::level, 2, "true-peak ceiling (default -1)"}}}},
     {'\0', "profile", "NAME", forLevel | forCheck, setProfile,
@@ -121,7 +121,8 @@ constexpr CliOption table[] = {
     {'\0', "output-dir", "DIR", forLevel, setPath<&CliOptions::outputDir>,
      {{{HelpPage::level, 9, "write the leveled files into DIR (made if missing)"}}}},
     {'\0', "json", "", forAll, setFlag<&CliOptions::json>,
-     {{{HelpPage::general, 6, "one JSON object per file (JSON Lines)"}}}},
+     {{{HelpPage::general, 6, "one JSON object per file (JSON Lines); a path that is\n"
+                              "not UTF-8 also comes as base64 bytes in KEYBytes"}}}},
     {'\0', "plot", "FILE", forBoth, setPath<&CliOptions::plot>,
      {{{HelpPage::level, 13, "also draw the loudness of input and output over time,\n"
                              "the gain, the limiter and the pauses: a PNG or SVG\n"

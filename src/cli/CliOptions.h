@@ -26,8 +26,8 @@ struct CliOptions {
     bool version = false;
     std::optional<std::string> completionShell; // --print-completion SHELL
 
-    std::optional<double> target;
-    std::optional<double> ceiling;
+    std::optional<double> targetLufs;
+    std::optional<double> ceilingDb;
     std::optional<std::string> profile; // --profile or its earlier name --preset
     bool mono = false;
     bool noiseAware = defaultNoiseAwarePauses; // --exact turns it off

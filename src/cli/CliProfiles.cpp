@@ -1,5 +1,7 @@
 #include "CliProfiles.h"
 
+#include "CliConsole.h"
+
 #include <QJsonArray>
 #include <QJsonValue>
 
@@ -112,12 +114,11 @@ QJsonObject checkJson(const DeliveryProfile& profile, const std::vector<Result>&
         QJsonObject criterion{
             {"criterion", text(ProfileCheck::key(c.quantity))},
             {"unit", text(ProfileCheck::unit(c.quantity))},
-            {"required", QString::fromStdString(ProfileCheck::requiredText(c))},
+            {"required", jsonText(ProfileCheck::requiredText(c))},
             {"min", number(c.limits.min)},
             {"max", number(c.limits.max)},
-            {"measured", result.measuredText.empty()
-                             ? number(result.measured)
-                             : QJsonValue(QString::fromStdString(result.measuredText))},
+            {"measured", result.measuredText.empty() ? number(result.measured)
+                                                     : QJsonValue(jsonText(result.measuredText))},
             {"result", text(ProfileCheck::verdictKey(result.verdict))},
             {"margin", margined ? number(result.margin) : QJsonValue(QJsonValue::Null)},
         };
@@ -125,11 +126,11 @@ QJsonObject checkJson(const DeliveryProfile& profile, const std::vector<Result>&
             criterion["target"] = *c.target;
         }
         if (!result.why.empty()) {
-            criterion["why"] = QString::fromStdString(result.why);
+            criterion["why"] = jsonText(result.why);
         }
         criteria.append(criterion);
     }
-    return QJsonObject{{"profile", QString::fromStdString(profile.name)},
+    return QJsonObject{{"profile", jsonText(profile.name)},
                        {"passed", ProfileCheck::passed(results)},
                        {"criteria", criteria}};
 }

@@ -1,6 +1,7 @@
 #include "GainCurveBuilder.h"
 
 #include "Check.h"
+#include "GainRenderer.h"
 #include "Loudness.h"
 #include "PauseDetector.h"
 
@@ -327,14 +328,13 @@ Activity findActivity(const FrameAnalysis& a, const LevelingParameters& p) {
     return activity;
 }
 
-GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limiterCeilingDB,
-                double limiterReleaseSeconds) {
+GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceilingDb) {
     const std::size_t n = a.meanSquare.size();
     GainCurve curve;
     curve.frameLength = a.frameLength;
     if (n == 0) {
-        curve.inputLoudness = emptyLoudness;
-        curve.predictedOutputLoudness = emptyLoudness;
+        curve.inputLoudness = Loudness::silence;
+        curve.predictedOutputLoudness = Loudness::silence;
         curve.activeFraction = 0.0;
         return curve;
     }
@@ -379,18 +379,21 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double limi
     std::vector<double> g = gaussianFilter(raw, p.gainSmoothingSigma * framesPerSecond);
 
     // Shift the whole curve until the predicted loudness meets the target.
-    const double ceiling = amplitude(limiterCeilingDB);
-    const double decay = std::exp(-1.0 / (limiterReleaseSeconds * framesPerSecond));
+    const double ceiling = amplitude(ceilingDb);
+    const double decay = std::exp(-1.0 / (GainRenderer::releaseMs / 1000.0 * framesPerSecond));
     std::vector<double> predictedPower(n);
     const auto meetTarget = [&] {
         double predicted = 0.0;
         for (int prediction = 1;; ++prediction) {
             predictPowers(a, g, ceiling, decay, predictedPower);
             predicted = Loudness::integrated(predictedPower);
-            if (std::fabs(p.targetLoudness - predicted) < loudnessToleranceLu) {
+            // Silence steers as if it sat at the gate: a finite step up.
+            const double delta =
+                p.targetLufs -
+                (predicted == Loudness::silence ? Loudness::absoluteGateLufs : predicted);
+            if (std::fabs(delta) < loudnessToleranceLu) {
                 break;
             }
-            const double delta = p.targetLoudness - predicted;
             for (double& gain : g) {
                 gain = clampGain(gain + delta, p);
             }

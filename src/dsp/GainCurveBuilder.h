@@ -24,7 +24,6 @@ inline constexpr double minTrackingWeight = 0.05;
 inline constexpr double levelWithoutActivityDb = -30.0;
 inline constexpr double loudnessToleranceLu = 0.02;
 inline constexpr int maxPredictions = 4;
-inline constexpr double emptyLoudness = -70.0;
 
 // Which frames the plan takes for speech. A frame is active when it lies
 // above an absolute floor (under the loudest 5 % of frames, at most
@@ -40,8 +39,10 @@ struct Activity {
 };
 Activity findActivity(const FrameAnalysis& analysis, const LevelingParameters& parameters);
 
+// ceilingDb: where GainRenderer's limiter will be set, dBTP; the plan
+// predicts what it takes away.
 GainCurve build(const FrameAnalysis& analysis, const LevelingParameters& parameters,
-                double limiterCeilingDB, double limiterReleaseSeconds);
+                double ceilingDb);
 
 // Centred moving average of `width` frames, clipped at the ends.
 std::vector<double> boxMean(std::span<const double> x, std::int64_t width);

@@ -5,7 +5,7 @@ namespace ostrand {
 // What the gain planner aims for. The target and the pause mode come from the
 // user; the other six are the algorithm's fixed tuning for speech.
 struct LevelingParameters {
-    double targetLoudness = -16.0;    // LUFS
+    double targetLufs = -16.0;        // integrated loudness
     double trackingSigma = 0.9;       // seconds, Gaussian tracking the level of active frames
     double relativeGate = -15.0;      // dB below the local 3 s level a frame may be and stay active
     double absoluteGate = -50.0;      // dBFS, upper bound of the activity floor
@@ -16,9 +16,9 @@ struct LevelingParameters {
     // room or a music bed between phrases is not leveled up like speech.
     bool noiseAwarePauses = false;
 
-    static LevelingParameters forTarget(double targetLoudness, bool noiseAwarePauses = false) {
+    static LevelingParameters forTarget(double targetLufs, bool noiseAwarePauses = false) {
         LevelingParameters parameters;
-        parameters.targetLoudness = targetLoudness;
+        parameters.targetLufs = targetLufs;
         parameters.noiseAwarePauses = noiseAwarePauses;
         return parameters;
     }

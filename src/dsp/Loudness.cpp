@@ -26,7 +26,7 @@ GatedMean gatedMean(std::span<const double> blockPowers, double gate) {
 double integrated(std::span<const double> kPower) {
     const std::size_t n = kPower.size();
     if (n == 0) {
-        return loudnessOf(0.0);
+        return silence;
     }
     constexpr auto block = static_cast<std::size_t>(blockFrames);
     constexpr auto hop = static_cast<std::size_t>(hopFrames);
@@ -59,7 +59,7 @@ double integrated(std::span<const double> kPower) {
 
     const GatedMean absolute = gatedMean(blockPowers, absoluteGateLufs);
     if (absolute.count == 0) {
-        return absoluteGateLufs;
+        return silence;
     }
     const double absoluteLoudness = loudnessOf(absolute.mean);
     // The relative gate picks from the absolutely gated blocks: a block must

@@ -17,7 +17,7 @@ constexpr double lraRelativeGateLu = -20.0;
 constexpr double minusInfinity = -std::numeric_limits<double>::infinity();
 
 double loudness(double power) {
-    return power > 0.0 ? 10.0 * std::log10(power) + Loudness::offsetDb : minusInfinity;
+    return power > 0.0 ? 10.0 * std::log10(power) + Loudness::offsetDb : Loudness::silence;
 }
 
 double decibels(double amplitude) {
@@ -272,7 +272,7 @@ void LoudnessMeter::endSlice() {
 double LoudnessMeter::integratedOf(std::span<const double> blockPowers) {
     const double absolute = gatedMean(blockPowers, Loudness::absoluteGateLufs);
     if (absolute <= 0.0) {
-        return minusInfinity;
+        return Loudness::silence;
     }
     return loudness(gatedMean(blockPowers, loudness(absolute) + Loudness::relativeGateLu));
 }

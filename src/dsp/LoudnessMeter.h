@@ -16,8 +16,9 @@ namespace ostrand {
 enum class ChannelWeight { front, surround, excluded };
 
 // The figures a loudness meter in EBU Mode reports for a whole programme.
-// Loudness values are -infinity when there is nothing to measure (a programme
-// shorter than the window, or every block below the absolute gate).
+// Loudness values are Loudness::silence when there is nothing to measure (a
+// programme shorter than the window, or every block below the absolute
+// gate); the peaks of digital silence are -infinity.
 struct LoudnessFigures {
     double integratedLoudness; // LUFS, gated
     double loudnessRange;      // LU
@@ -63,8 +64,8 @@ public:
     const std::vector<double>& blockPowers() const noexcept { return m_momentary; }
 
     // The integrated loudness of gating blocks: the mean of those above the
-    // absolute gate, then of those above 10 LU under that; -infinity when no
-    // block passes.
+    // absolute gate, then of those above 10 LU under that; Loudness::silence
+    // when no block passes.
     static double integratedOf(std::span<const double> blockPowers);
 
     std::int64_t channels() const noexcept { return static_cast<std::int64_t>(m_weights.size()); }

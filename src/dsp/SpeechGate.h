@@ -52,8 +52,8 @@ Speech findSpeech(const FrameAnalysis& analysis);
 
 // The loudness in LUFS of the speech: the gating blocks of a LoudnessMeter
 // (its blockPowers(), block k from 0.1 k s to 0.1 k + 0.4 s) whose frames
-// are all speech, gated as LoudnessMeter::integratedOf gates; -infinity when
-// none is. `speech` holds the frames findSpeech() found in an analysis at
+// are all speech, gated as LoudnessMeter::integratedOf gates;
+// Loudness::silence when none is. `speech` holds the frames findSpeech() found in an analysis at
 // `sampleRate` in frames of `frameLength` samples.
 double loudness(std::span<const double> blockPowers, std::span<const unsigned char> speech,
                 double sampleRate, std::int64_t frameLength);

@@ -22,11 +22,10 @@ std::int64_t lookaheadSamples(double sampleRate, double lookaheadMs) {
 
 } // namespace
 
-TruePeakLimiter::TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDB,
+TruePeakLimiter::TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDb,
                                  double lookaheadMs, double releaseMs)
     : m_channels(channels)
-    , m_sampleRate(sampleRate)
-    , m_ceiling(static_cast<float>(std::pow(10.0, ceilingDB / 20.0)))
+    , m_ceiling(static_cast<float>(std::pow(10.0, ceilingDb / 20.0)))
     , m_lookahead(lookaheadSamples(sampleRate, lookaheadMs))
     , m_releaseCoeff(std::exp(-1.0 / (sampleRate * releaseMs / 1000.0)))
     , m_meter(std::max<std::int64_t>(channels, 0))

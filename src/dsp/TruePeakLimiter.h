@@ -15,10 +15,10 @@ namespace ostrand {
 // window, its recovery exponential; the gain is applied to a delayed copy and
 // the result hard-clipped at the ceiling. Channels share one gain (linked).
 //
-// Output lags input by latency() = lookahead() + firDelay samples; flush the
-// tail by processing latency() zeros after the last block. A value type; one
-// owner, one thread. Scratch grows to the largest block seen; processing does
-// not allocate after that.
+// Output lags input by latency() = the look-ahead (at least minLookahead
+// samples) + firDelay; GainRenderer takes the delay out and flushes the tail.
+// A value type; one owner, one thread. Scratch grows to the largest block
+// seen; processing does not allocate after that.
 class TruePeakLimiter {
 public:
     static constexpr std::int64_t oversample = TruePeakMeter::oversample;
@@ -26,27 +26,20 @@ public:
     static constexpr std::int64_t firDelay = TruePeakMeter::firDelay;
     static constexpr std::int64_t minLookahead = 8;
 
-    TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDB, double lookaheadMs,
+    TruePeakLimiter(std::int64_t channels, double sampleRate, double ceilingDb, double lookaheadMs,
                     double releaseMs);
 
-    // Replaces the first `count` samples of planar[0 ..< channels()] by the
+    // Replaces the first `count` samples of planar[0 ..< channels] by the
     // limited, delayed output. count < 1 changes nothing.
     void process(std::span<float* const> planar, std::int64_t count);
 
-    std::int64_t channels() const noexcept { return m_channels; }
-    double sampleRate() const noexcept { return m_sampleRate; }
-    float ceiling() const noexcept { return m_ceiling; }
-    std::int64_t lookahead() const noexcept { return m_lookahead; }
     std::int64_t latency() const noexcept { return m_lookahead + firDelay; }
-    double releaseCoeff() const noexcept { return m_releaseCoeff; }
 
     // Deepest reduction applied so far, dB (0 or more).
     double maxGainReduction() const noexcept;
     // The linear gains (1 or less) the last process() applied, one per
     // sample it returned; empty before the first call.
     std::span<const float> gains() const noexcept { return m_gain; }
-    // Highest estimated true peak of the input so far, linear.
-    float inputTruePeak() const noexcept { return m_meter.truePeak(); }
 
 private:
     struct Held {
@@ -58,7 +51,6 @@ private:
     void pushHeld(Held held) noexcept;
 
     std::int64_t m_channels;
-    double m_sampleRate;
     float m_ceiling;
     std::int64_t m_lookahead;
     double m_releaseCoeff;

@@ -133,11 +133,6 @@ void TruePeakMeter::process(std::span<const float* const> planar, std::int64_t c
         accumulatePeaksDispatch(w, n, history - static_cast<std::size_t>(firDelay), phases, peak);
         std::copy_n(w + n, history, m_history[c].begin());
     }
-    float highest = m_truePeak;
-    for (std::size_t i = 0; i < n; ++i) {
-        highest = highest < peak[i] ? peak[i] : highest;
-    }
-    m_truePeak = highest;
 }
 
 } // namespace ostrand

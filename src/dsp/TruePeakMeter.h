@@ -28,16 +28,12 @@ public:
     // (linear, at least `count` long), continuing from the previous block.
     void process(std::span<const float* const> planar, std::int64_t count, std::span<float> peaks);
 
-    // Highest estimate so far, linear.
-    float truePeak() const noexcept { return m_truePeak; }
-
     // The four phases, each stored last tap first for correlation.
     static const PhaseSet& reversedPhases() noexcept;
 
 private:
     std::vector<std::vector<float>> m_history; // per channel, last historyLength inputs
     std::vector<float> m_work;
-    float m_truePeak = 0.0f;
 };
 
 } // namespace ostrand

@@ -2,20 +2,19 @@
 
 #include "AtomicFile.h"
 #include "MediaAsset.h"
+#include "MediaWriter.h"
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
 #include "OutputFormat.h"
 #include "dsp/FrameAnalysis.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
+#include "dsp/GainRenderer.h"
 #include "dsp/Loudness.h"
 #include "dsp/LoudnessMeter.h"
 #include "dsp/PauseDetector.h"
 #include "dsp/ProgrammeLevels.h"
 #include "dsp/SpeechGate.h"
-#include "dsp/TruePeakLimiter.h"
-#include "dsp/TruePeakMeter.h"
-#include "dsp/VectorOps.h"
 
 #include <algorithm>
 #include <cctype>
@@ -100,10 +99,10 @@ struct OpenedSource {
     std::vector<MediaAsset::AudioTrack> tracks;
 };
 
-OpenedSource openSource(const std::filesystem::path& source, bool forceMono,
+OpenedSource openSource(const std::filesystem::path& source, bool mono,
                         const CancelCheck& isCancelled) {
     MediaAsset asset = MediaAsset::open(source, isCancelled);
-    auto [format, tracks] = MixedAudioReader::probe(asset, forceMono);
+    auto [format, tracks] = MixedAudioReader::probe(asset, mono);
     // Slower tracks are resampled to the fastest, which is the rate checked.
     checkSampleRate(format.sampleRate);
     if (!FrameAnalyzer::supportsFormat(format.sampleRate, format.channels)) {
@@ -119,22 +118,6 @@ bool sameFile(const std::filesystem::path& a, const std::filesystem::path& b) {
     return std::filesystem::equivalent(a, b, error) && !error;
 }
 
-// Read-only pointers to a block's channels, advanced past samples already
-// used; one per pass, reused for every block.
-class ChannelView {
-public:
-    std::span<const float* const> of(std::span<float* const> planar, std::int64_t skip) {
-        m_pointers.resize(planar.size());
-        for (std::size_t c = 0; c < planar.size(); ++c) {
-            m_pointers[c] = planar[c] + skip;
-        }
-        return m_pointers;
-    }
-
-private:
-    std::vector<const float*> m_pointers;
-};
-
 // One decimal, as the reports show figures.
 std::string tenths(double value) {
     char text[32];
@@ -142,23 +125,15 @@ std::string tenths(double value) {
     return text;
 }
 
-// The limiter's deepest reduction per frame of the written audio. Its
-// output lags by its latency, which the written audio drops, so output
-// sample j of the limiter is sample j - latency of the file.
+// The limiter's deepest reduction per frame of the written audio.
 class ReductionTrack {
 public:
-    ReductionTrack(std::int64_t frameLength, std::int64_t latency)
-        : m_frameLength(frameLength)
-        , m_position(-latency) {}
+    explicit ReductionTrack(std::int64_t frameLength)
+        : m_frameLength(frameLength) {}
 
     // A frame's stretch at a time: no division per sample.
     void add(std::span<const float> gains) {
         std::size_t i = 0;
-        if (m_position < 0) {
-            const auto skipped = std::min(static_cast<std::size_t>(-m_position), gains.size());
-            i = skipped;
-            m_position += static_cast<std::int64_t>(skipped);
-        }
         while (i < gains.size()) {
             const auto frame = static_cast<std::size_t>(m_position / m_frameLength);
             const auto n =
@@ -186,27 +161,27 @@ public:
 
 private:
     std::int64_t m_frameLength;
-    std::int64_t m_position;
+    std::int64_t m_position = 0;
     std::vector<float> m_lowest; // linear gain
 };
 
 } // namespace
 
-std::vector<std::string> warnings(const LevelingReport& report, double targetLoudness,
-                                  double truePeakCeiling, bool speechFound) {
+std::vector<std::string> warnings(const LevelingReport& report, double targetLufs, double ceilingDb,
+                                  bool speechFound) {
     std::vector<std::string> found;
     if (!speechFound) {
         found.emplace_back("no speech was found, only silence or noise");
     }
-    const double offTarget = report.outputIntegratedLoudness - targetLoudness;
+    const double offTarget = report.outputIntegratedLoudness - targetLufs;
     if (std::isfinite(offTarget) && std::fabs(offTarget) > offTargetWarningLu) {
         found.push_back("the output is " + tenths(std::fabs(offTarget)) + " LU " +
                         (offTarget < 0.0 ? "quieter" : "louder") + " than the target of " +
-                        tenths(targetLoudness) + " LUFS");
+                        tenths(targetLufs) + " LUFS");
     }
-    if (report.outputTruePeak > truePeakCeiling + overCeilingDb) {
+    if (report.outputTruePeak > ceilingDb + overCeilingDb) {
         found.push_back("the output's true peak of " + tenths(report.outputTruePeak) +
-                        " dBTP is above the ceiling of " + tenths(truePeakCeiling) + " dBTP");
+                        " dBTP is above the ceiling of " + tenths(ceilingDb) + " dBTP");
     }
     return found;
 }
@@ -230,12 +205,10 @@ bool hasSpeech(const FrameAnalysis& analysis, const GainCurve& curve) {
 
 // What one file's leveling needs beyond its passes.
 struct Job {
+    const LevelingRequest& request;
     const OpenedSource& opened;
     const OutputFormat::Rule& rule;
     MediaWriter::Encoding encoding;
-    const std::filesystem::path& destination;
-    OutputNaming::ExistingFile existing;
-    const std::optional<std::filesystem::path>& audioSidecar;
     const ProgressHandler& progress;
     const CancelCheck& isCancelled;
     double expectedSamples;
@@ -263,39 +236,39 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCu
     const MediaAsset& asset = job.opened.asset;
     const double rate = job.opened.format.sampleRate;
     const std::int64_t channels = job.opened.format.channels;
+    const LevelingRequest& request = job.request;
     Attempt attempt;
 
     // A failure from here on drops the writers, which removes what they wrote.
     attempt.output =
-        std::make_unique<MediaWriter>(job.destination, job.existing, job.rule.container, rate,
-                                      channels, job.encoding, asset, asset.videoTracks, true);
+        std::make_unique<MediaWriter>(request.destination, request.existing, job.rule.container,
+                                      rate, channels, job.encoding, asset, asset.videoTracks, true);
     MediaWriter& output = *attempt.output;
-    if (!asset.videoTracks.empty() && job.audioSidecar) {
+    if (!asset.videoTracks.empty() && request.sidecar) {
         attempt.sidecar = std::make_unique<MediaWriter>(
-            *job.audioSidecar, OutputNaming::ExistingFile::keepAndNumber, FileType::wave, rate,
+            *request.sidecar, OutputNaming::ExistingFile::keepAndNumber, FileType::wave, rate,
             channels, MediaWriter::Encoding::pcm24, asset, std::vector<MediaAsset::VideoTrack>{});
     }
     MediaWriter* sidecar = attempt.sidecar.get();
-    TruePeakLimiter limiter(channels, rate, thresholdDb, limiterLookaheadMs, limiterReleaseMs);
+    GainRenderer renderer(curve, channels, rate, thresholdDb);
     FrameAnalyzer outputAnalyzer(rate, channels);
-    ReductionTrack reduction(curve.frameLength, limiter.latency());
+    ReductionTrack reduction(curve.frameLength);
 
     const auto timeScale = static_cast<std::int32_t>(rate);
-    std::int64_t position = 0;
     std::int64_t written = 0;
-    std::int64_t skip = limiter.latency();
     std::optional<MediaTime> startTime;
-    std::vector<float> gain;
-    ChannelView view;
-    const auto write = [&](std::span<float* const> planar, std::int64_t from, std::int64_t n) {
-        const std::span<const float* const> block = view.of(planar, from);
-        outputAnalyzer.append(block, n);
-        const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
-        output.appendAudio(block, n, at);
-        if (sidecar) {
-            sidecar->appendAudio(block, n, at);
+    const auto write = [&](const GainRenderer::Block& block) {
+        reduction.add(block.limiterGains);
+        if (block.count == 0) {
+            return;
         }
-        written += n;
+        outputAnalyzer.append(block.planar, block.count);
+        const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
+        output.appendAudio(block.planar, block.count, at);
+        if (sidecar) {
+            sidecar->appendAudio(block.planar, block.count, at);
+        }
+        written += block.count;
     };
 
     PassProgress pass(job.progress, LevelingPhase::leveling, job.expectedSamples, progressStart,
@@ -306,49 +279,17 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCu
         if (!startTime) {
             startTime = time;
         }
-        if (gain.size() < static_cast<std::size_t>(count)) {
-            gain.resize(static_cast<std::size_t>(count), 1.0f);
-        }
-        const std::span<float> blockGain(gain.data(), static_cast<std::size_t>(count));
-        fillGainRamp(curve.gainDB, curve.frameLength, position, blockGain);
-        for (std::size_t c = 0; c < static_cast<std::size_t>(channels); ++c) {
-            float* samples = planar[c];
-            for (std::size_t i = 0; i < blockGain.size(); ++i) {
-                samples[i] *= blockGain[i];
-            }
-        }
-        position += count;
-        limiter.process(planar.first(static_cast<std::size_t>(channels)), count);
-        reduction.add(limiter.gains());
-
-        // The limiter's first output is its own silence, not the source.
-        const std::int64_t dropped = std::min(skip, count);
-        skip -= dropped;
-        if (count > dropped) {
-            write(planar, dropped, count - dropped);
-        }
+        write(renderer.append(planar, count));
         pass.advance(count);
     });
-
-    // The tail: the last samples still in the limiter's delay line.
-    const std::int64_t latency = limiter.latency();
-    std::vector<std::vector<float>> tail(
-        static_cast<std::size_t>(channels),
-        std::vector<float>(static_cast<std::size_t>(latency), 0.0f));
-    std::vector<float*> tailPointers;
-    for (auto& channel : tail) {
-        tailPointers.push_back(channel.data());
-    }
-    limiter.process(tailPointers, latency);
-    reduction.add(limiter.gains());
-    write(tailPointers, 0, latency);
+    write(renderer.flush());
 
     output.complete();
     if (sidecar) {
         sidecar->complete();
     }
     attempt.ownLoudness = Loudness::integrated(outputAnalyzer.kPower());
-    attempt.limiterGainReduction = limiter.maxGainReduction();
+    attempt.limiterGainReduction = renderer.maxGainReduction();
     // The written audio has the source's length, so its frames line up with
     // the plan's; a frame short at the end is left to the plan.
     const std::size_t frames = analysis.kPower.size();
@@ -388,14 +329,12 @@ void name(Attempt& attempt, const std::filesystem::path& destination) {
     }
 }
 
-LevelingReport level(const std::filesystem::path& source, const std::filesystem::path& destination,
-                     OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
-                     double truePeakCeiling, bool forceMono,
-                     const std::optional<std::filesystem::path>& audioSidecar,
-                     const ProgressHandler& progress, const CancelCheck& isCancelled) {
+LevelingReport level(const LevelingRequest& request, const ProgressHandler& progress,
+                     const CancelCheck& isCancelled) {
+    const auto& [source, destination, existing, parameters, ceilingDb, mono, sidecar] = request;
     // Refused before anything is opened, though the writer would never
     // replace the source either.
-    if (sameFile(source, destination) || (audioSidecar && sameFile(source, *audioSidecar))) {
+    if (sameFile(source, destination) || (sidecar && sameFile(source, *sidecar))) {
         throw OstrandError::writerFailed("the destination is the source file itself");
     }
     // A name the file system cannot hold, or a folder that takes no file,
@@ -418,20 +357,20 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     };
     const std::filesystem::path output = likelyName(destination, existing);
     check(output);
-    if (audioSidecar) {
+    if (sidecar) {
         std::filesystem::path beside = output;
         check(likelyName(output == destination
-                             ? *audioSidecar
+                             ? *sidecar
                              : beside.replace_extension(OutputNaming::sidecarExtension),
                          OutputNaming::ExistingFile::keepAndNumber));
     }
     // Whatever front end sent them: a target that is not a number plans
     // silence, a ceiling that is not one lets anything through.
-    if (!std::isfinite(parameters.targetLoudness) || !std::isfinite(truePeakCeiling)) {
+    if (!std::isfinite(parameters.targetLufs) || !std::isfinite(ceilingDb)) {
         throw OstrandError::writerFailed("the loudness target or the ceiling is not a number");
     }
 
-    OpenedSource opened = openSource(source, forceMono, isCancelled);
+    OpenedSource opened = openSource(source, mono, isCancelled);
     const MediaAsset& asset = opened.asset;
     const OutputFormat::Rule rule = OutputFormat::forSource(source);
     const MediaWriter::Encoding encoding = rule.audioFor(!asset.videoTracks.empty());
@@ -440,9 +379,13 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     opened.format.sampleRate = OutputFormat::encodedSampleRate(encoding, opened.format.sampleRate);
     const double rate = opened.format.sampleRate;
     const std::int64_t channels = opened.format.channels;
-    const Job job{opened,      rule,        encoding,
-                  destination, existing,    audioSidecar,
-                  progress,    isCancelled, std::max(rate * asset.durationSeconds, 1.0)};
+    const Job job{request,
+                  opened,
+                  rule,
+                  encoding,
+                  progress,
+                  isCancelled,
+                  std::max(rate * asset.durationSeconds, 1.0)};
 
     // Analysis pass.
     FrameAnalyzer analyzer(rate, channels);
@@ -450,10 +393,9 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
         PassProgress pass(progress, LevelingPhase::analyzing, job.expectedSamples, 0.0,
                           analysisShare);
         MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
-        ChannelView view;
         reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
             checkCancelled(isCancelled);
-            analyzer.append(view.of(planar, 0), count);
+            analyzer.append(std::span<const float* const>(planar.data(), planar.size()), count);
             pass.advance(count);
         });
     }
@@ -463,10 +405,9 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     // A lossy codec adds peaks of its own above the limiter's, so its limiter
     // starts below the ceiling. The plan counts on that threshold.
     const double firstThresholdDb =
-        truePeakCeiling - (MediaWriter::isLossy(encoding) ? lossyHeadroomDb : 0.0);
+        ceilingDb - (MediaWriter::isLossy(encoding) ? lossyHeadroomDb : 0.0);
     LevelingParameters planned = parameters;
-    GainCurve curve =
-        GainCurveBuilder::build(analysis, planned, firstThresholdDb, limiterReleaseMs / 1000.0);
+    GainCurve curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb);
 
     // Peaks the limiter's estimate missed, or the encoder added, take the
     // file over the ceiling: level it again with the same gains and a lower
@@ -488,15 +429,15 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
                                     reportStep * firstShare / progressShare);
         made.curve = curve;
         made.thresholdDb = thresholdDb;
-        made.plannedTarget = planned.targetLoudness;
+        made.plannedTarget = planned.targetLufs;
         return made;
     };
     const auto miss = [&](const LoudnessFigures& figures) {
-        return parameters.targetLoudness - figures.integratedLoudness;
+        return parameters.targetLufs - figures.integratedLoudness;
     };
     const auto isBetter = [&](const LoudnessFigures& figures, const LoudnessFigures& than) {
-        const bool under = figures.truePeak - truePeakCeiling <= overCeilingDb;
-        if (under != (than.truePeak - truePeakCeiling <= overCeilingDb)) {
+        const bool under = figures.truePeak - ceilingDb <= overCeilingDb;
+        if (under != (than.truePeak - ceilingDb <= overCeilingDb)) {
             return under;
         }
         return under ? std::fabs(miss(figures)) < std::fabs(miss(than))
@@ -508,26 +449,25 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     double replanTarget = NAN;
     double replanLoudness = NAN;
     for (int retry = 0; retry < maxRetries; ++retry) {
-        const double excess = written.truePeak - truePeakCeiling;
+        const double excess = written.truePeak - ceilingDb;
         if (excess > overCeilingDb) {
             thresholdDb -= excess + retryMarginDb;
             replanTarget = NAN;
         } else if (std::fabs(miss(written)) > replanOffTargetLu &&
                    std::fabs(miss(written)) <= offTargetWarningLu &&
-                   written.integratedLoudness > GainCurveBuilder::emptyLoudness) {
+                   !Loudness::isSilent(written.integratedLoudness)) {
             double response = 1.0;
             if (std::isfinite(replanTarget)) {
                 response = std::clamp((written.integratedLoudness - replanLoudness) /
-                                          (planned.targetLoudness - replanTarget),
+                                          (planned.targetLufs - replanTarget),
                                       minReplanResponse, 1.0);
             }
-            replanTarget = planned.targetLoudness;
+            replanTarget = planned.targetLufs;
             replanLoudness = written.integratedLoudness;
             // The miss already holds what a lowered threshold took: the plan
             // keeps its first limiter model and moves only its target.
-            planned.targetLoudness += miss(written) / response;
-            curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb,
-                                            limiterReleaseMs / 1000.0);
+            planned.targetLufs += miss(written) / response;
+            curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb);
         } else {
             break;
         }
@@ -556,7 +496,7 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
                                tenths(firstThresholdDb - best.thresholdDb) +
                                " dB to keep the true peak under the ceiling");
     }
-    if (best.plannedTarget != parameters.targetLoudness) {
+    if (best.plannedTarget != parameters.targetLufs) {
         report.notes.push_back("planned again for " + tenths(best.plannedTarget) +
                                " LUFS to meet the target");
     }
@@ -573,13 +513,13 @@ LevelingReport level(const std::filesystem::path& source, const std::filesystem:
     report.activeFraction = best.curve.activeFraction;
     report.outputTruePeak = measured.truePeak;
     report.outputIntegratedLoudness = measured.integratedLoudness;
-    report.warnings = warnings(report, parameters.targetLoudness, truePeakCeiling,
-                               hasSpeech(analysis, best.curve));
+    report.warnings =
+        warnings(report, parameters.targetLufs, ceilingDb, hasSpeech(analysis, best.curve));
 
     auto series = std::make_shared<LevelingSeries>();
     series->frameSeconds = frameSeconds;
     series->duration = asset.durationSeconds;
-    series->targetLoudness = parameters.targetLoudness;
+    series->targetLufs = parameters.targetLufs;
     series->inputLoudness = Loudness::shortTerm(analysis.kPower);
     series->outputLoudness = std::move(best.outputLoudness);
     series->gain.assign(best.curve.gainDB.begin(), best.curve.gainDB.end());
@@ -603,16 +543,9 @@ auto inWords(Work&& work) {
 
 } // namespace
 
-LevelingReport process(const std::filesystem::path& source,
-                       const std::filesystem::path& destination,
-                       OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
-                       double truePeakCeiling, bool forceMono,
-                       const std::optional<std::filesystem::path>& audioSidecar,
-                       const ProgressHandler& progress, const CancelCheck& isCancelled) {
-    return inWords([&] {
-        return level(source, destination, existing, parameters, truePeakCeiling, forceMono,
-                     audioSidecar, progress, isCancelled);
-    });
+LevelingReport process(const LevelingRequest& request, const ProgressHandler& progress,
+                       const CancelCheck& isCancelled) {
+    return inWords([&] { return level(request, progress, isCancelled); });
 }
 
 namespace {

@@ -1,17 +1,13 @@
 #pragma once
 
 #include "LevelingReport.h"
-#include "MediaWriter.h"
-#include "OutputNaming.h"
-#include "dsp/LevelingParameters.h"
+#include "LevelingRequest.h"
 #include "dsp/LoudnessMeter.h"
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,8 +17,6 @@
 // must not be a UI thread; `progress` and `isCancelled` are called from it.
 namespace ostrand::LevelingEngine {
 
-inline constexpr double limiterLookaheadMs = 5.0;
-inline constexpr double limiterReleaseMs = 200.0;
 inline constexpr double analysisShare = 0.3; // of the job's progress
 // Lossy outputs: the limiter's threshold sits this far below the ceiling,
 // for the peaks the encoder adds.
@@ -50,25 +44,21 @@ inline constexpr double overCeilingDb = 0.05;
 using ProgressHandler = std::function<void(const LevelingProgress&)>;
 using CancelCheck = std::function<bool()>;
 
-// Writes the output at `destination`. A file that holds that name by the
-// time the output is complete is replaced, passed over for the next free
-// numbered name, or left alone with a failure, as `existing` says; the report
-// names the file written. The sidecar follows the
-// output's final name. Throws OstrandError (cancelled when isCancelled()
-// turned true). On failure no output and no sidecar is left behind, and no
-// file that was already there is touched.
-LevelingReport process(const std::filesystem::path& source,
-                       const std::filesystem::path& destination,
-                       OutputNaming::ExistingFile existing, const LevelingParameters& parameters,
-                       double truePeakCeiling, bool forceMono,
-                       const std::optional<std::filesystem::path>& audioSidecar,
-                       const ProgressHandler& progress, const CancelCheck& isCancelled);
+// Writes the output at the request's destination. A file that holds that
+// name by the time the output is complete is replaced, passed over for the
+// next free numbered name, or left alone with a failure, as `existing` says;
+// the report names the file written. The sidecar follows the output's final
+// name. Throws OstrandError (cancelled when isCancelled() turned true). On
+// failure no output and no sidecar is left behind, and no file that was
+// already there is touched.
+LevelingReport process(const LevelingRequest& request, const ProgressHandler& progress,
+                       const CancelCheck& isCancelled);
 
 // What a finished report should tell the user though the file was written:
 // no speech found, loudness more than offTargetWarningLu from the target, a
 // true peak above the ceiling. Plain sentences, in that order.
-std::vector<std::string> warnings(const LevelingReport& report, double targetLoudness,
-                                  double truePeakCeiling, bool speechFound);
+std::vector<std::string> warnings(const LevelingReport& report, double targetLufs, double ceilingDb,
+                                  bool speechFound);
 
 // What a programme meter reads on one audio track, or on the tracks' mix,
 // on its own channel layout.
@@ -97,8 +87,8 @@ struct Measurement {
     std::vector<ProgrammeMeasurement> tracks;
     std::shared_ptr<const LevelingSeries> series; // the mix's short-term loudness
 
-    // The loudness of the mix's speech alone (SpeechGate); -infinity without
-    // speech.
+    // The loudness of the mix's speech alone (SpeechGate); Loudness::silence
+    // without speech.
     double speechLoudness = 0.0; // LUFS
     // Unweighted levels of the mix (ProgrammeLevels); NaN where the programme
     // is too short for them.

@@ -30,11 +30,11 @@ struct LevelingSeries {
     // Short-term (3 s) loudness of the source, LUFS.
     std::vector<float> inputLoudness;
     // The rest only for a leveled file; empty for a measurement.
-    std::vector<float> outputLoudness;    // short-term loudness of the written audio, LUFS
-    std::vector<float> gain;              // the planned gain, dB
-    std::vector<float> limiterReduction;  // deepest reduction of the limiter, dB (0 or more)
-    std::vector<unsigned char> active;    // 1 where the plan found speech, 0 in pauses
-    std::optional<double> targetLoudness; // LUFS
+    std::vector<float> outputLoudness;   // short-term loudness of the written audio, LUFS
+    std::vector<float> gain;             // the planned gain, dB
+    std::vector<float> limiterReduction; // deepest reduction of the limiter, dB (0 or more)
+    std::vector<unsigned char> active;   // 1 where the plan found speech, 0 in pauses
+    std::optional<double> targetLufs;
 
     bool isLeveled() const noexcept { return !gain.empty(); }
     std::size_t frames() const noexcept { return inputLoudness.size(); }
@@ -44,7 +44,9 @@ struct LevelingSeries {
 struct LevelingReport {
     std::filesystem::path outputURL;
     std::optional<std::filesystem::path> audioSidecarURL;
-    double duration = 0.0;             // seconds, of the source
+    double duration = 0.0; // seconds, of the source
+    // Loudness figures are Loudness::silence where nothing rises above the
+    // absolute gate.
     double inputLoudness = 0.0;        // LUFS, as the plan measured it
     double outputLoudness = 0.0;       // LUFS, measured on the written audio
     double limiterGainReduction = 0.0; // dB, deepest reduction of the limiter

@@ -563,7 +563,7 @@ private:
 } // namespace
 
 std::pair<SourceAudioFormat, std::vector<MediaAsset::AudioTrack>>
-MixedAudioReader::probe(const MediaAsset& asset, bool forceMono) {
+MixedAudioReader::probe(const MediaAsset& asset, bool mono) {
     if (asset.audioTracks.empty()) {
         throw OstrandError::noAudioTrack();
     }
@@ -576,7 +576,7 @@ MixedAudioReader::probe(const MediaAsset& asset, bool forceMono) {
             format.channels = 2;
         }
     }
-    if (forceMono) {
+    if (mono) {
         format.channels = 1;
     }
     if (!(format.sampleRate > 0.0)) {

@@ -39,10 +39,10 @@ public:
         std::function<void(std::span<float* const> planar, std::int64_t count, MediaTime time)>;
 
     // Highest sample rate of all audio tracks (48000 when none is known),
-    // stereo when any track has two or more channels, mono when forceMono.
+    // stereo when any track has two or more channels, one channel when `mono`.
     // Throws OstrandError::noAudioTrack when the asset has no audio.
     static std::pair<SourceAudioFormat, std::vector<MediaAsset::AudioTrack>>
-    probe(const MediaAsset& asset, bool forceMono);
+    probe(const MediaAsset& asset, bool mono);
 
     // `isCancelled` (callable from any thread) also breaks off a read that
     // blocks inside FFmpeg; the read then fails with OstrandError::cancelled.

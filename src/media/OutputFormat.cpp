@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <vector>
 
 namespace ostrand::OutputFormat {
 
@@ -10,6 +11,7 @@ namespace {
 
 struct Row {
     std::string_view sourceExtensions; // space-separated
+    std::string_view sourceMimeTypes;  // space-separated, as shared-mime-info names them
     std::string_view extension;
     Container container;
     AudioCodec audio;
@@ -18,34 +20,64 @@ struct Row {
 
 // clang-format off
 constexpr std::array rows{
-    Row{"mp4",             "mp4",  Container::mpeg4,          AudioCodec::aac,   true},
-    Row{"m4v",             "m4v",  Container::mpeg4,          AudioCodec::aac,   true},
-    Row{"3gp 3g2",         "mp4",  Container::mpeg4,          AudioCodec::aac,   true},
-    Row{"mov qt",          "mov",  Container::quickTimeMovie, AudioCodec::aac,   true},
-    Row{"wav aif aiff",    "wav",  Container::wave,           AudioCodec::pcm24, false},
-    Row{"mkv",             "mkv",  Container::matroska,       AudioCodec::aac,   true},
-    Row{"mka",             "mka",  Container::matroska,       AudioCodec::aac,   false},
-    Row{"webm",            "webm", Container::webm,           AudioCodec::opus,  true},
-    Row{"ts mts m2ts",     "ts",   Container::mpegTS,         AudioCodec::aac,   true},
-    Row{"flac",            "flac", Container::flac,           AudioCodec::flac,  false},
+    Row{"mp4",             "video/mp4",                    "mp4",  Container::mpeg4,          AudioCodec::aac,   true},
+    Row{"m4v",             "video/mp4",                    "m4v",  Container::mpeg4,          AudioCodec::aac,   true},
+    Row{"3gp 3g2",         "video/3gpp video/3gpp2",       "mp4",  Container::mpeg4,          AudioCodec::aac,   true},
+    Row{"mov qt",          "video/quicktime",              "mov",  Container::quickTimeMovie, AudioCodec::aac,   true},
+    Row{"wav aif aiff",    "audio/x-wav audio/x-aiff",     "wav",  Container::wave,           AudioCodec::pcm24, false},
+    Row{"mkv",             "video/x-matroska",             "mkv",  Container::matroska,       AudioCodec::aac,   true},
+    Row{"mka",             "audio/x-matroska",             "mka",  Container::matroska,       AudioCodec::aac,   false},
+    Row{"webm",            "video/webm audio/webm",        "webm", Container::webm,           AudioCodec::opus,  true},
+    Row{"ts mts m2ts",     "video/mp2t",                   "ts",   Container::mpegTS,         AudioCodec::aac,   true},
+    Row{"flac",            "audio/flac",                   "flac", Container::flac,           AudioCodec::flac,  false},
     // Video containers that cannot carry AAC well, or that FFmpeg can read
     // but not write.
     Row{"avi divx mpg mpeg m2v vob flv f4v wmv asf ogv mxf dv rm rmvb nut",
-                           "mkv",  Container::matroska,       AudioCodec::aac,   true},
+        "video/x-msvideo video/mpeg video/x-flv video/x-ms-wmv application/vnd.ms-asf video/ogg "
+        "application/mxf video/dv application/vnd.rn-realmedia",
+                                                           "mkv",  Container::matroska,       AudioCodec::aac,   true},
+    // Every other audio file, named or not.
+    Row{"mp3 mp2 mpga m4a m4b m4r aac ogg oga opus weba wma ra ac3 eac3 amr awb ape wv mpc tta au "
+        "snd dts aifc caf w64 voc spx",
+        "audio/mpeg audio/mp2 audio/mp4 audio/x-m4b audio/aac audio/ogg audio/x-vorbis+ogg "
+        "audio/x-opus+ogg audio/x-ms-wma audio/ac3 audio/AMR audio/AMR-WB audio/x-ape "
+        "audio/x-wavpack audio/x-musepack audio/x-tta audio/basic audio/vnd.dts audio/x-aifc "
+        "audio/x-voc audio/x-speex audio/webm audio/vnd.rn-realaudio",
+                                                           "m4a",  Container::appleM4A,       AudioCodec::aac,   false},
 };
 // clang-format on
 
-constexpr Row otherAudio{"", "m4a", Container::appleM4A, AudioCodec::aac, false};
+constexpr const Row& otherAudio = rows.back();
 
-bool listed(std::string_view list, std::string_view word) {
+template <typename Each>
+void forEachWord(std::string_view list, Each&& each) {
     while (!list.empty()) {
         const auto space = list.find(' ');
-        if (list.substr(0, space) == word) {
-            return true;
-        }
+        each(list.substr(0, space));
         list = space == std::string_view::npos ? std::string_view{} : list.substr(space + 1);
     }
-    return false;
+}
+
+const Row* rowFor(std::string_view extension) {
+    for (const Row& row : rows) {
+        bool found = false;
+        forEachWord(row.sourceExtensions,
+                    [&](std::string_view word) { found = found || word == extension; });
+        if (found) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+std::vector<std::string> allWords(std::string_view Row::*list) {
+    std::vector<std::string> words;
+    for (const Row& row : rows) {
+        forEachWord(row.*list, [&](std::string_view word) { words.emplace_back(word); });
+    }
+    std::sort(words.begin(), words.end());
+    words.erase(std::unique(words.begin(), words.end()), words.end());
+    return words;
 }
 
 Rule toRule(const Row& row) {
@@ -65,15 +97,20 @@ std::string lowerExtension(const std::filesystem::path& path) {
 }
 
 Rule forSource(const std::filesystem::path& source) {
-    const std::string ext = lowerExtension(source);
-    if (!ext.empty()) {
-        for (const Row& row : rows) {
-            if (listed(row.sourceExtensions, ext)) {
-                return toRule(row);
-            }
-        }
-    }
-    return toRule(otherAudio);
+    const Row* row = rowFor(lowerExtension(source));
+    return toRule(row ? *row : otherAudio);
+}
+
+bool isKnownSource(const std::filesystem::path& source) {
+    return rowFor(lowerExtension(source)) != nullptr;
+}
+
+std::vector<std::string> sourceExtensions() {
+    return allWords(&Row::sourceExtensions);
+}
+
+std::vector<std::string> sourceMimeTypes() {
+    return allWords(&Row::sourceMimeTypes);
 }
 
 const char* muxerName(Container container) noexcept {
@@ -134,6 +171,10 @@ bool holdsChapters(Container container) noexcept {
         return false;
     }
     return false;
+}
+
+bool isLossy(AudioCodec codec) noexcept {
+    return codec == AudioCodec::aac || codec == AudioCodec::opus;
 }
 
 std::int64_t bitRate(AudioCodec codec, std::int64_t channels) noexcept {

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // What a leveled file is made of, decided from the source's file name: the
 // one table behind the engine, the writer, the naming, the queue and the
@@ -31,8 +32,16 @@ struct Rule {
     friend bool operator==(const Rule&, const Rule&) = default;
 };
 
-// The rule for a source, by its lower-cased extension.
+// The rule for a source, by its lower-cased extension; a name the table
+// does not know is taken for audio.
 Rule forSource(const std::filesystem::path& source);
+// Whether the table names the source's extension: what a drop, the open
+// panel and a folder walk take. The command line takes any file.
+bool isKnownSource(const std::filesystem::path& source);
+// Every source extension (lower case, no dot) and every MIME type the table
+// names, sorted: the open panel's filter and the desktop file's list.
+std::vector<std::string> sourceExtensions();
+std::vector<std::string> sourceMimeTypes();
 
 // FFmpeg's muxer name ("mp4", "mov", "ipod", "wav", "matroska", ...).
 const char* muxerName(Container container) noexcept;
@@ -40,6 +49,7 @@ const char* muxerName(Container container) noexcept;
 const char* displayName(Container container) noexcept;
 bool holdsChapters(Container container) noexcept;
 
+bool isLossy(AudioCodec codec) noexcept;
 // Bit rate of the lossy codecs, by channel count; 0 for lossless ones.
 std::int64_t bitRate(AudioCodec codec, std::int64_t channels) noexcept;
 // The sample rate to encode at: the source's when the codec takes it, else

@@ -1,5 +1,7 @@
 #include "ProfileCheck.h"
 
+#include "dsp/Loudness.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -76,18 +78,19 @@ struct Reading {
 };
 
 Reading read(Quantity quantity, const LevelingEngine::Measurement& m) {
-    const auto finite = [](double value, const char* why) {
-        return std::isfinite(value) ? Reading{value, {}} : Reading{std::nullopt, why};
+    const auto audible = [](double lufs, const char* why) {
+        return Loudness::isSilent(lufs) ? Reading{std::nullopt, why} : Reading{lufs, {}};
     };
     const auto known = [](double value, const char* why) {
         return std::isnan(value) ? Reading{std::nullopt, why} : Reading{value, {}};
     };
-    constexpr const char* noLoudness = "no 400 ms of it reaches -70 LUFS";
+    const char* noLoudness =
+        m.duration < Loudness::shortestMeasurableSeconds ? "too short to measure" : "silent";
     switch (quantity) {
     case Quantity::integratedLoudness:
-        return finite(m.integratedLoudness, noLoudness);
+        return audible(m.integratedLoudness, noLoudness);
     case Quantity::speechLoudness:
-        return finite(m.speechLoudness, "no speech found");
+        return audible(m.speechLoudness, "no speech found");
     case Quantity::truePeak:
         return known(m.truePeak, "no samples");
     case Quantity::samplePeak:
@@ -96,8 +99,8 @@ Reading read(Quantity quantity, const LevelingEngine::Measurement& m) {
         if (!(m.duration >= loudnessRangeSeconds)) {
             return {std::nullopt, "shorter than 3 s"};
         }
-        return std::isfinite(m.integratedLoudness) ? Reading{m.loudnessRange, {}}
-                                                   : Reading{std::nullopt, noLoudness};
+        return Loudness::isSilent(m.integratedLoudness) ? Reading{std::nullopt, noLoudness}
+                                                        : Reading{m.loudnessRange, {}};
     case Quantity::rms:
         return known(m.rms, "shorter than 10 ms");
     case Quantity::noiseFloor:

@@ -373,8 +373,8 @@ void LoudnessPlot::paintLoudnessLane(QPainter& painter) const {
     }
     paintCurve(painter, s.inputLoudness, m_input, lane, loudnessTop, loudnessBottom, sourceColor,
                s.isLeveled() ? 1.2 : 1.6);
-    if (s.targetLoudness) {
-        const double y = yForLoudness(*s.targetLoudness);
+    if (s.targetLufs) {
+        const double y = yForLoudness(*s.targetLufs);
         painter.setPen(QPen(m_colors.target, 1.2, Qt::DashLine));
         painter.drawLine(QPointF(lane.left(), y), QPointF(lane.right(), y));
     }
@@ -462,11 +462,10 @@ void LoudnessPlot::paintLegend(QPainter& painter) const {
     } else {
         items.push_back({tr("Short-term loudness"), m_colors.output, Item::line});
     }
-    if (s.targetLoudness) {
-        items.push_back(
-            {tr("Target %1 LUFS")
-                 .arg(QString::number(*s.targetLoudness, 'f', 1).replace(u'-', u'\u2212')),
-             m_colors.target, Item::dashed});
+    if (s.targetLufs) {
+        items.push_back({tr("Target %1 LUFS")
+                             .arg(QString::number(*s.targetLufs, 'f', 1).replace(u'-', u'\u2212')),
+                         m_colors.target, Item::dashed});
     }
     if (s.isLeveled()) {
         items.push_back({tr("Gain"), m_colors.gain, Item::line});

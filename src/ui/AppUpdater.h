@@ -51,10 +51,8 @@ public:
     // A background check: only an update is ever shown.
     void checkInBackground();
 
-    // Why checking is unavailable; empty when it is available.
-    QString unavailableReason() const { return m_unavailable; }
-    // The same for the user, in a sentence ("Updates come from your package
-    // manager."); empty when it is available.
+    // Why checking is unavailable, for the user, in a sentence ("Updates
+    // come from your package manager."); empty when it is available.
     QString unavailableNote() const { return m_note; }
 
 signals:
@@ -84,7 +82,7 @@ private:
     OstrandSettings* m_settings = nullptr;
     std::unique_ptr<UpdatePrompter> m_prompter;
     UpdateFeed* m_feed = nullptr;
-    QString m_unavailable;
+    QString m_unavailable; // the same for the log
     QString m_note;
     bool m_canCheckForUpdates = false;
     bool m_userInitiated = false;

@@ -2,13 +2,13 @@
 
 #include "JobRow.h"
 #include "Look.h"
+#include "app/FilePaths.h"
 #include "app/JobListModel.h"
 #include "app/ReportText.h"
 
 #include <QAction>
 #include <QClipboard>
 #include <QContextMenuEvent>
-#include <QFileInfo>
 #include <QFrame>
 #include <QGuiApplication>
 #include <QLabel>
@@ -204,8 +204,8 @@ void JobList::copySelected() {
         return;
     }
     // The lines the command line prints for a file.
-    QString text = QFileInfo(job->sourceURL().toLocalFile()).fileName() + QStringLiteral(": ") +
-                   job->statusText();
+    QString text =
+        FilePaths::shownName(job->sourceURL()) + QStringLiteral(": ") + job->statusText();
     if (job->state().kind == JobState::Kind::finished && job->report()) {
         text += QStringLiteral("\n  ") + ReportText::detail(*job->report());
     }

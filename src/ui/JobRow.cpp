@@ -7,7 +7,6 @@
 #include "app/JobQueue.h"
 #include "app/ReportText.h"
 
-#include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMimeDatabase>
@@ -24,9 +23,8 @@ constexpr int progressSteps = 1000;
 constexpr int failureLines = 2;
 
 QIcon fileIcon(const QUrl& source) {
-    const QFileInfo info(source.toLocalFile());
-    const QMimeType type =
-        QMimeDatabase().mimeTypeForFile(info.fileName(), QMimeDatabase::MatchExtension);
+    const QMimeType type = QMimeDatabase().mimeTypeForFile(FilePaths::shownName(source),
+                                                           QMimeDatabase::MatchExtension);
     const QString generic = type.name().startsWith(QLatin1String("video/"))
                                 ? QStringLiteral("video-x-generic")
                                 : QStringLiteral("audio-x-generic");
@@ -53,7 +51,7 @@ JobRow::JobRow(JobQueue& queue, LevelingJob& job, FileRevealer* revealer, QWidge
     , m_notice(new QWidget(this))
     , m_noticeText(new QLabel(m_notice))
     , m_control(new QToolButton(this)) {
-    const QString fileName = QFileInfo(job.sourceURL().toLocalFile()).fileName();
+    const QString fileName = FilePaths::shownName(job.sourceURL());
     setAccessibleName(fileName);
 
     m_icon->setPixmap(fileIcon(job.sourceURL()).pixmap(iconSize, iconSize));

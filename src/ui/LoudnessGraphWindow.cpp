@@ -3,6 +3,7 @@
 #include "FileDialogPanels.h"
 #include "Look.h"
 #include "WindowKeys.h"
+#include "dsp/Loudness.h"
 
 #include <QDir>
 #include <QEvent>
@@ -20,9 +21,6 @@ namespace ostrand {
 
 namespace {
 
-// Below the absolute gate there is nothing to read but silence.
-constexpr double silentBelowLufs = -70.0;
-
 QString signedNumber(double value) {
     QString text = QString::number(value, 'f', 1);
     if (text == QLatin1String("-0.0")) {
@@ -33,8 +31,8 @@ QString signedNumber(double value) {
 }
 
 QString loudnessText(double lufs) {
-    return lufs < silentBelowLufs ? LoudnessPlotView::tr("silent")
-                                  : signedNumber(lufs) + QStringLiteral(" LUFS");
+    return Loudness::isSilent(lufs) ? LoudnessPlotView::tr("silent")
+                                    : signedNumber(lufs) + QStringLiteral(" LUFS");
 }
 
 } // namespace

@@ -16,8 +16,8 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDragEnterEvent>
+#include <QFile>
 #include <QFileDialog>
-#include <QFileInfo>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
@@ -213,8 +213,9 @@ LoudnessGraphWindow* MainWindow::showLoudnessGraph(LevelingJob& job) {
     }
     QPointer<LoudnessGraphWindow>& window = m_graphs[&job];
     if (!window) {
-        const QFileInfo output(FilePaths::toUrl(report->outputURL).toLocalFile());
-        window = new LoudnessGraphWindow(report->series, output.fileName(), output.path(), this);
+        window = new LoudnessGraphWindow(
+            report->series, FilePaths::shown(report->outputURL.filename().string()),
+            QFile::decodeName(report->outputURL.parent_path().c_str()), this);
         // The series goes with the job's row.
         connect(&job, &QObject::destroyed, window, &QWidget::close);
         connect(&job, &QObject::destroyed, this, [this, key = &job] { m_graphs.remove(key); });

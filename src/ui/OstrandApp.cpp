@@ -6,14 +6,13 @@
 #include "SettingsWindow.h"
 #include "SingleInstance.h"
 #include "app/DBusFileRevealer.h"
+#include "app/FilePaths.h"
 #include "app/JobQueue.h"
 
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDesktopServices>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -24,41 +23,16 @@ namespace ostrand {
 
 namespace {
 
-QUrl fileUrl(const QString& argument) {
-    const QUrl url(argument);
-    if (url.isLocalFile()) {
-        return url;
-    }
-    return QUrl::fromLocalFile(QFileInfo(argument).absoluteFilePath());
-}
-
 // A command-line argument as the file system's bytes: a file URL's path, or
 // the path made absolute, since the instance it goes to has its own folder.
 QByteArray argumentPath(const QByteArray& argument) {
     const QString text = QFile::decodeName(argument);
     if (QFile::encodeName(text) == argument) {
         if (const QUrl url(text); url.isLocalFile()) {
-            return QFile::encodeName(url.toLocalFile());
+            return QByteArray(FilePaths::toPath(url).c_str());
         }
     }
     return QByteArray(std::filesystem::absolute(argument.toStdString()).lexically_normal().c_str());
-}
-
-// Qt holds file names as text, in which a name that is not valid UTF-8
-// becomes another name: such files are refused rather than leveling a
-// different file of that other name.
-QStringList openableFiles(const QByteArrayList& paths) {
-    QStringList files;
-    for (const QByteArray& path : paths) {
-        const QString file = QFile::decodeName(path);
-        if (QFile::encodeName(file) == path) {
-            files << file;
-        } else {
-            qWarning("Ostrand cannot open %s: its name is not valid UTF-8",
-                     path.toPercentEncoding("/ ").constData());
-        }
-    }
-    return files;
 }
 
 } // namespace
@@ -95,10 +69,10 @@ SettingsWindow* OstrandApp::settingsWindow() const {
     return m_settingsWindow;
 }
 
-void OstrandApp::openFiles(const QStringList& arguments) {
+void OstrandApp::openFiles(const QByteArrayList& arguments) {
     QList<QUrl> files;
-    for (const QString& argument : arguments) {
-        files << fileUrl(argument);
+    for (const QByteArray& argument : arguments) {
+        files << FilePaths::toUrl(argumentPath(argument).toStdString());
     }
     m_queue.add(files);
 }
@@ -246,10 +220,10 @@ int runDesktopApp(int argc, char** argv) {
     QObject::connect(&instance, &SingleInstance::filesReceived, &app,
                      [&app](const QByteArrayList& handed) {
                          app.showMainWindow();
-                         app.openFiles(openableFiles(handed));
+                         app.openFiles(handed);
                      });
     app.showMainWindow();
-    app.openFiles(openableFiles(files));
+    app.openFiles(files);
     return QApplication::exec();
 }
 

@@ -3,6 +3,7 @@
 #include "AppUpdater.h"
 #include "FileDialogPanels.h"
 
+#include <QByteArrayList>
 #include <QMessageBox>
 #include <QObject>
 #include <QPointer>
@@ -31,9 +32,10 @@ public:
     OstrandApp(JobQueue& queue, OstrandSettings& settings, QObject* parent = nullptr);
     ~OstrandApp() override;
 
-    // Paths or URLs, as the command line or another instance gives them;
-    // relative paths count from the current folder.
-    void openFiles(const QStringList& arguments);
+    // Paths or file URLs as the file system's bytes, as the command line or
+    // another instance gives them; relative paths count from the current
+    // folder.
+    void openFiles(const QByteArrayList& arguments);
     void showMainWindow();
     void showSettings();
 

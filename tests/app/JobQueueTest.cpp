@@ -2,9 +2,12 @@
 #include "AppTestSupport.h"
 
 #include "app/JobQueue.h"
+#include "app/ReportText.h"
+#include "media/OutputFormat.h"
 #include "support/MediaFixtures.h"
 #include "support/Signals.h"
 
+#include <QFile>
 #include <QPointer>
 #include <QTest>
 #include <QTimer>
@@ -35,19 +38,16 @@ public:
 // the settings it was given.
 struct World {
     World()
-        : queue(t.settings,
-                {[this](const std::filesystem::path& source, const auto& destination, auto existing,
-                        const auto& parameters, double ceiling, bool mono, const auto& sidecar,
-                        const auto& progress, const auto& isCancelled) {
-                     seen = {parameters, ceiling};
-                     const auto pausing = [&progress](const LevelingProgress& value) {
-                         progress(value);
-                         std::this_thread::sleep_for(std::chrono::milliseconds(3));
-                     };
-                     return LevelingEngine::process(source, destination, existing, parameters,
-                                                    ceiling, mono, sidecar, pausing, isCancelled);
-                 },
-                 &inhibitor, &revealer, &panels}) {}
+        : queue(t.settings, {[this](const LevelingRequest& request, const auto& progress,
+                                    const auto& isCancelled) {
+                                 seen = {request.parameters, request.ceilingDb};
+                                 const auto pausing = [&progress](const LevelingProgress& value) {
+                                     progress(value);
+                                     std::this_thread::sleep_for(std::chrono::milliseconds(3));
+                                 };
+                                 return LevelingEngine::process(request, pausing, isCancelled);
+                             },
+                             &inhibitor, &revealer, &panels}) {}
     LevelingJob* job(int index) const { return queue.jobs().at(index); }
     auto files() const {
         const std::filesystem::directory_iterator all(media.path());
@@ -69,6 +69,24 @@ class JobQueueTest : public QObject {
     Q_OBJECT
 
 private slots:
+    // The desktop offers the app the files its queue takes, and no others.
+    void desktopFileListsTheTypesTheQueueTakes() {
+        QFile file(QStringLiteral(OSTRAND_DESKTOP_FILE));
+        QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
+        QStringList listed;
+        for (const QByteArray& line : file.readAll().split('\n')) {
+            if (line.startsWith("MimeType=")) {
+                listed = QString::fromUtf8(line.mid(9)).split(u';', Qt::SkipEmptyParts);
+            }
+        }
+        listed.sort();
+        QStringList types;
+        for (const std::string& type : OutputFormat::sourceMimeTypes()) {
+            types << QString::fromStdString(type);
+        }
+        QCOMPARE(listed, types);
+    }
+
     void runsTheListInOrderOneAtATimeOffTheMainThread() {
         World w;
         w.t.settings.setExportWAVWithVideo(true);
@@ -126,12 +144,16 @@ private slots:
     // ends its activity and every access it started once, before the next
     // job starts.
     void everyRunEndsWhatItStarted_data() {
-        QTest::addColumn<QString>("file"); // "bad.wav" is text, "speech.wav" lasts
+        QTest::addColumn<QByteArray>("file"); // "bad.wav" is text, "speech.wav" lasts
         QTest::addColumn<QString>("how");
-        QTest::addColumn<QString>("status"); // part of the job's text
+        QTest::addColumn<QString>("status"); // part of the job's text and, when done, its detail
         const auto row = [](const char* name, const char* file, const char* how,
-                            const char* status) { QTest::newRow(name) << file << how << status; };
+                            const char* status) {
+            QTest::newRow(name) << QByteArray(file) << QString(how) << QString(status);
+        };
         row("success", "a.wav", "", " LUFS \u00b7 ");
+        // Bytes from an old Latin-1 disk: leveled, and shown as the command line shows them.
+        row("name not UTF-8", "caf\xe9.wav", "", "dB \u00b7 caf\\xe9 leveled.wav");
         row("not media", "bad.wav", "", "Couldn't read the file: ");
         row("cancelled while running", "speech.wav", "cancel", "Cancelled");
         row("removed while running", "speech.wav", "remove", "");
@@ -140,7 +162,7 @@ private slots:
     }
 
     void everyRunEndsWhatItStarted() {
-        QFETCH(QString, file);
+        QFETCH(QByteArray, file);
         QFETCH(QString, how);
         QFETCH(QString, status);
         World w;
@@ -164,8 +186,15 @@ private slots:
         }
         QTRY_VERIFY_WITH_TIMEOUT(!w.queue.isProcessing(), runTimeoutMs);
         QTRY_VERIFY(first.isNull() == (how == "remove")); // released once its run ended
-        const QString text = first ? first->statusText() : status;
+        const std::optional<LevelingReport> report = first ? first->report() : std::nullopt;
+        const QString text = !first   ? status
+                             : report ? first->statusText() + '\n' + ReportText::detail(*report)
+                                      : first->statusText();
         QVERIFY2(text.contains(status), qPrintable(text));
+        if (report) { // named after the source, byte for byte
+            QVERIFY(std::filesystem::exists(path.parent_path() /
+                                            (path.stem().string() + " leveled.wav")));
+        }
         if (!ask) { // the next job ran, with the settings never chosen
             QVERIFY(w.seen == std::pair(LevelingParameters::forTarget(-16.0, true), -1.0));
         }

@@ -1,5 +1,6 @@
 #include "app/LevelingJob.h"
 #include "app/ReportText.h"
+#include "dsp/Loudness.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -45,6 +46,13 @@ private slots:
         row("leveling", statusOf(JobState::running(), 0.575, leveling), "Leveling\u2026 57%");
         row("done", statusOf(JobState::finished(), 1.0, leveling),
             "-23.4 \u2192 -16.0 LUFS \u00b7 3:25 leveled in 42s");
+        // Nothing above the absolute gate reads as silence.
+        row("silent", ReportText::finishedLine({{}, {}, 5.0, Loudness::silence, -200.7}, {}),
+            "silent \u2192 silent \u00b7 5s leveled");
+        row("too short", ReportText::finishedLine({{}, {}, 0.3, Loudness::silence, -200.7}, {}),
+            "too short to measure \u2192 too short to measure \u00b7 0s leveled");
+        row("silent in", ReportText::finishedLine({{}, {}, 5.0, -70.01, -56.04}, 2.0),
+            "silent \u2192 -56.0 LUFS \u00b7 5s leveled in 2s");
         row("failed", statusOf(JobState::failed("No audio."), 0.4), "No audio.");
         row("cancelled", statusOf(JobState::cancelled(), 0.4), "Cancelled");
         row("just below a minute", LevelingJob::format(59.49), "59s");

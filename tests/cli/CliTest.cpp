@@ -2,6 +2,7 @@
 #include "cli/CliConsole.h"
 #include "cli/CliOptions.h"
 #include "media/AtomicFile.h"
+#include "media/OutputFormat.h"
 
 #include "support/MediaFixtures.h"
 #include "support/NamedCases.h"
@@ -109,11 +110,15 @@ TEST(CliTest, WarningsGoToStandardErrorAndJson) {
     EXPECT_EQ(text.status, exitSuccess);
     EXPECT_NE(text.err.find(silence.string() + ": warning: " + warning + "\n"), std::string::npos)
         << text.err;
+    // The programme meter's silence reads as the leveler's does.
+    EXPECT_NE(text.out.find(": silent \u2192 silent \u00b7 "), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("\n  output silent \u00b7 "), std::string::npos) << text.out;
     const CliRun json = run({"level", "--json", "--force", silence.string()});
     EXPECT_EQ(json.status, exitSuccess);
     const std::vector<QJsonObject> lines = jsonLines(json.out);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0]["warnings"].toArray(), QJsonArray{QString::fromStdString(warning)});
+    EXPECT_TRUE(lines[0]["inputLoudness"].isNull());
 }
 
 TEST(CliTest, OneFailureDoesNotStopTheOthers) {
@@ -494,6 +499,19 @@ TEST_P(CliInputs, TakeTheFilesTheyName) {
     EXPECT_EQ(listing(dir / "out"), c.outputs);
     EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.out << r.err;
     EXPECT_EQ(fileBytes(latin1), latin1Bytes);
+    // A path JSON cannot hold as text comes as its bytes too, beside the text shown.
+    for (const QJsonObject& o : std::find(given.begin(), given.end(), "--json") != given.end()
+                                    ? jsonLines(r.out)
+                                    : std::vector<QJsonObject>{}) {
+        for (const QString& key : o.keys()) {
+            if (key.endsWith("Bytes")) {
+                const std::string bytes =
+                    QByteArray::fromBase64(o[key].toString().toLatin1()).toStdString();
+                EXPECT_TRUE(fs::exists(bytes)) << key.toStdString();
+                EXPECT_EQ(o[key.chopped(5)].toString().toStdString(), escapedText(bytes));
+            }
+        }
+    }
 }
 
 const InputCase inputs[] = {
@@ -522,6 +540,8 @@ const InputCase inputs[] = {
      "dB \u00b7 caf\\xe9 leveled.wav\n"},
     {"NameNotUtf8Measured", "--plot-dir|@\xe9t\xe9|@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "",
      "\\xe9t\\xe9/caf\\xe9.wav: -", "measure"},
+    {"NameNotUtf8Json", "--json|@\xe9t\xe9/caf\xe9.wav", "", exitSuccess, "caf\xe9 leveled.wav",
+     "/caf\\\\xe9 leveled.wav\",\"outputURLBytes\":\""},
     {"SameFileTwice", "@season/ep1.wav|@season/../season/ep1.wav", "", exitSuccess,
      "ep1 leveled.wav"}};
 
@@ -692,6 +712,7 @@ TEST(CliTest, CheckJudgesEachCriterion) {
     EXPECT_EQ(criteria["out.wav:truePeak"]["result"], "pass");
     EXPECT_EQ(criteria["out.wav:loudnessRange"]["result"], "reported");
     EXPECT_EQ(criteria["beep.wav:integratedLoudness"]["result"], "notMeasurable");
+    EXPECT_EQ(criteria["beep.wav:integratedLoudness"]["why"], "too short to measure");
     EXPECT_EQ(criteria["beep.wav:loudnessRange"]["measured"], QJsonValue());
 
     const CliRun unreadable =
@@ -730,6 +751,26 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
               exitNotMet);
     EXPECT_EQ(run({"check", "--profile", "late show", talk.string()}, {}, environment).status,
               exitUsage);
+}
+
+// The man page's formats are the table's, every extension once.
+TEST(CliTest, ManPageListsTheFormatTable) {
+    std::ifstream page(OSTRAND_CLI_MAN_PAGE);
+    ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
+    std::vector<std::string> listed;
+    bool inFormats = false;
+    for (std::string line, previous; std::getline(page, line); previous = line) {
+        if (line.rfind(".SH", 0) == 0) {
+            inFormats = line == ".SH FORMATS";
+        } else if (inFormats && previous == ".TP") {
+            std::istringstream words(line.substr(line.find(' ') + 1));
+            for (std::string word; std::getline(words >> std::ws, word, ',');) {
+                listed.push_back(word);
+            }
+        }
+    }
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(listed, OutputFormat::sourceExtensions());
 }
 
 // The man page names the options of the table, and no others, on the

@@ -1,9 +1,9 @@
 #include "dsp/GainCurveBuilder.h"
 #include "dsp/PauseDetector.h"
 
+#include "Rendered.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/Loudness.h"
-#include "dsp/TruePeakLimiter.h"
 #include "support/NamedCases.h"
 #include "support/Signals.h"
 
@@ -29,7 +29,7 @@ FrameAnalysis analyse(const PlanarAudio& audio) {
 
 GainCurve plan(const FrameAnalysis& analysis, double target = -16.0, bool noiseAware = false) {
     return GainCurveBuilder::build(analysis, LevelingParameters::forTarget(target, noiseAware),
-                                   -1.0, 0.2);
+                                   -1.0);
 }
 
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
@@ -96,12 +96,12 @@ INSTANTIATE_TEST_SUITE_P(Sigmas, GaussianFilter, testing::Values(0.31, 15.0, 90.
 TEST(GainCurveBuild, EmptyAndSilentAnalyses) {
     const GainCurve empty = plan(FrameAnalysis{});
     EXPECT_TRUE(empty.gainDB.empty());
-    EXPECT_EQ(empty.inputLoudness, -70.0);
-    EXPECT_EQ(empty.predictedOutputLoudness, -70.0);
+    EXPECT_EQ(empty.inputLoudness, Loudness::silence);
+    EXPECT_EQ(empty.predictedOutputLoudness, Loudness::silence);
 
     const GainCurve quiet = plan(analyse(silence(48000.0, 2, 2.0)));
     EXPECT_EQ(quiet.activeFraction, 1.0); // -140 dB is above the floor of -170
-    EXPECT_EQ(quiet.predictedOutputLoudness, -70.0);
+    EXPECT_EQ(quiet.predictedOutputLoudness, Loudness::silence);
     EXPECT_TRUE(
         std::all_of(quiet.gainDB.begin(), quiet.gainDB.end(), [](double g) { return g == 24.0; }));
     EXPECT_DOUBLE_EQ(plan(analyse(silence(48000.0, 1, 0.3))).inputLoudness, -200.691);
@@ -142,28 +142,13 @@ TEST(GainCurveBuild, LevelsPhrasesAndBridgesPauses) {
     EXPECT_EQ(curve.active[1000], 0);
 }
 
-TEST(GainRamp, LinearInAmplitudeAndIndependentOfBlocks) {
+// The renderer's tests cover independence of the blocks and an empty plan.
+TEST(GainRamp, LinearInAmplitude) {
     std::vector<float> out(10);
     fillGainRamp(std::vector<double>{0.0, -6.0206, 20.0}, 4, 0, out);
     EXPECT_FLOAT_EQ(out[2], 0.75f);
     EXPECT_NEAR(out[6], 5.25f, 1e-3f); // halfway from 0.5 to 10
     EXPECT_FLOAT_EQ(out[9], 10.0f);    // the last gain holds
-    fillGainRamp({}, 4, 0, out);
-    EXPECT_EQ(out, std::vector<float>(10, 1.0f)); // no plan: unity
-
-    std::vector<double> gains(100);
-    std::mt19937 rng(2);
-    std::generate(gains.begin(), gains.end(),
-                  [&] { return std::uniform_real_distribution<>(-30, 24)(rng); });
-    std::vector<float> whole(48000);
-    std::vector<float> pieces(48000);
-    fillGainRamp(gains, 480, 0, whole);
-    for (std::size_t start = 0; start < pieces.size(); start += 333) {
-        const std::size_t n = std::min<std::size_t>(333, pieces.size() - start);
-        fillGainRamp(gains, 480, static_cast<std::int64_t>(start),
-                     std::span(pieces).subspan(start, n));
-    }
-    EXPECT_EQ(pieces, whole);
 }
 
 // The pause handling.
@@ -266,22 +251,10 @@ Programme programme(const Room& room) {
     return p;
 }
 
-// The engine's leveling pass: the per-sample gain ramp, then the limiter
-// (-1 dBTP, 5 ms ahead, 200 ms release) with its delay taken out; measured.
+// The engine's leveling pass at -1 dBTP, measured.
 FrameAnalysis render(const PlanarAudio& audio, const GainCurve& curve) {
-    PlanarAudio out = audio;
-    std::vector<float>& x = out.channels[0];
-    std::vector<float> gain(x.size());
-    fillGainRamp(curve.gainDB, curve.frameLength, 0, gain);
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        x[i] *= gain[i];
-    }
-    TruePeakLimiter limiter(1, rate, -1.0, 5.0, 200.0);
-    const auto latency = static_cast<std::size_t>(limiter.latency());
-    x.resize(x.size() + latency, 0.0f);
-    limiter.process(out.pointers(), out.frames());
-    x.erase(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(latency));
-    return analyse(out);
+    GainRenderer renderer(curve, 1, rate, -1.0);
+    return analyse(rendered(renderer, audio));
 }
 
 // Level of the inner pause (half a second off each end) against the level of

@@ -1,6 +1,7 @@
 // The profile table, the user's profiles file and the check of a measurement.
 
 #include "media/DeliveryProfile.h"
+#include "dsp/Loudness.h"
 #include "media/ProfileCheck.h"
 
 #include "support/NamedCases.h"
@@ -8,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <string>
 
 namespace ostrand::test {
@@ -176,7 +176,7 @@ LevelingEngine::Measurement measurement(double integrated, double speech, double
     return m;
 }
 
-constexpr double none = -std::numeric_limits<double>::infinity();
+constexpr double none = Loudness::silence;
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ProfileVerdicts,

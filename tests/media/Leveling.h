@@ -13,16 +13,17 @@ struct Options {
     OutputNaming::ExistingFile existing = OutputNaming::ExistingFile::replace;
     double targetLufs = -16.0;
     double ceilingDb = -1.0;
-    bool forceMono = false;
+    bool mono = false;
     LevelingEngine::ProgressHandler progress;
     LevelingEngine::CancelCheck cancelled;
 };
 
 inline LevelingReport level(const std::filesystem::path& source,
                             const std::filesystem::path& destination, const Options& o = {}) {
-    return LevelingEngine::process(source, destination, o.existing,
-                                   LevelingParameters::forTarget(o.targetLufs), o.ceilingDb,
-                                   o.forceMono, o.sidecar, o.progress, o.cancelled);
+    return LevelingEngine::process({source, destination, o.existing,
+                                    LevelingParameters::forTarget(o.targetLufs), o.ceilingDb,
+                                    o.mono, o.sidecar},
+                                   o.progress, o.cancelled);
 }
 
 // Every file and folder under `dir`, hidden ones too, with the files' sizes.

@@ -59,7 +59,7 @@ void expectSeriesAgree(const LevelingReport& report, double targetLufs) {
          {s.outputLoudness.size(), s.gain.size(), s.limiterReduction.size(), s.active.size()}) {
         EXPECT_EQ(size, n);
     }
-    EXPECT_EQ(s.targetLoudness, targetLufs);
+    EXPECT_EQ(s.targetLufs, targetLufs);
     const auto [lowGain, highGain] = std::minmax_element(s.gain.begin(), s.gain.end());
     EXPECT_NEAR(*lowGain, report.minGain, 1e-4);
     EXPECT_NEAR(*highGain, report.maxGain, 1e-4);
@@ -270,7 +270,7 @@ struct OutputCase {
     double bitRate = 0.0;       // checked where set
     const char* subtitles = ""; // codec kept, or "" for none
     const char* note = "";      // what the report says was not kept
-    bool forceMono = false;
+    bool mono = false;
 };
 
 class OutputTest : public ::testing::TestWithParam<OutputCase> {};
@@ -286,7 +286,7 @@ TEST_P(OutputTest, KeepsEveryStream) {
     const fs::path output = OutputNaming::leveledLocation(source, dir.path());
     ASSERT_EQ(output.extension(), c.extension);
     const LevelingReport report =
-        level(source, output, {.sidecar = dir / "side.wav", .forceMono = c.forceMono});
+        level(source, output, {.sidecar = dir / "side.wav", .mono = c.mono});
     EXPECT_EQ(report.outputURL, output);
     ProbeInfo before = probeMedia(source);
     ProbeInfo after = probeMedia(output);

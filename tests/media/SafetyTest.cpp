@@ -3,6 +3,7 @@
 // needs one to die.
 #include "Leveling.h"
 #include "media/AtomicFile.h"
+#include "media/MediaWriter.h"
 #include "media/OstrandError.h"
 
 #include "support/MediaFixtures.h"

@@ -20,14 +20,14 @@ namespace {
 
 constexpr QSize size{900, 360};
 
-enum class Color { input, output, gain, limiter };
+using Colors = LoudnessPlot::Colors;
 
 // A value to find in the picture: at `at` of the way through, `value` in its
 // lane's unit, drawn in `color`.
 struct Probe {
     double at;
     double value;
-    Color color;
+    QColor Colors::*color;
 };
 
 struct PlotCase {
@@ -85,23 +85,28 @@ TEST_P(PlotFileTest, CurvesLieWhereTheDataSays) {
     const QImage image = readBack(path);
     ASSERT_EQ(image.size(), size);
     const LoudnessPlot plot(series, size, c.theme);
-    const LoudnessPlot::Colors colors = LoudnessPlot::colors(c.theme);
+    const Colors colors = LoudnessPlot::colors(c.theme);
     EXPECT_LT(distance(image.pixelColor(2, 2), colors.background), 8);
     for (const Probe& probe : c.probes) {
         const double x = plot.xFor(probe.at * series->duration);
-        const bool gainLane = probe.color == Color::gain || probe.color == Color::limiter;
+        const bool gainLane = probe.color == &Colors::gain || probe.color == &Colors::limiter;
         const double y = gainLane ? plot.yForGain(probe.value) : plot.yForLoudness(probe.value);
-        const QColor color = probe.color == Color::input    ? colors.input
-                             : probe.color == Color::output ? colors.output
-                             : probe.color == Color::gain   ? colors.gain
-                                                            : colors.limiter;
+        const QColor color = colors.*probe.color;
         SCOPED_TRACE(testing::Message() << "probe at " << probe.at << ", " << probe.value);
         EXPECT_LT(nearest(image, x, y, 2, color), 80);
-        if (probe.color != Color::limiter) {
+        if (probe.color != &Colors::limiter) {
             // Only there: 10 px off it, no trace of that colour.
             EXPECT_GT(nearest(image, x, y - 12, 2, color), 80);
         }
     }
+    // The readout under the pointer (its values the graph window's test
+    // reads): the time there, no gain for a measurement, nothing beside the
+    // lanes.
+    const auto readout = plot.readoutAt(plot.xFor(0.83 * series->duration));
+    ASSERT_TRUE(readout);
+    EXPECT_NEAR(readout->seconds, 0.83 * series->duration, series->duration / 400);
+    EXPECT_EQ(readout->gain.has_value(), series->isLeveled());
+    EXPECT_FALSE(plot.readoutAt(plot.loudnessLane().left() - 5.0));
     if (c.pauseShaded) {
         // Near the top of the loudness lane nothing else is drawn.
         const double y = plot.yForLoudness(-3.0);
@@ -113,10 +118,10 @@ TEST_P(PlotFileTest, CurvesLieWhereTheDataSays) {
     }
 }
 
-const std::vector<Probe> talkProbes{{0.23, -30.0, Color::input},  {0.83, -20.0, Color::input},
-                                    {0.23, -14.0, Color::output}, {0.83, -14.0, Color::output},
-                                    {0.23, 16.0, Color::gain},    {0.83, 6.0, Color::gain},
-                                    {0.343, -1.5, Color::limiter}};
+const std::vector<Probe> talkProbes{{0.23, -30.0, &Colors::input},  {0.83, -20.0, &Colors::input},
+                                    {0.23, -14.0, &Colors::output}, {0.83, -14.0, &Colors::output},
+                                    {0.23, 16.0, &Colors::gain},    {0.83, 6.0, &Colors::gain},
+                                    {0.343, -1.5, &Colors::limiter}};
 
 const PlotCase plotCases[] = {
     {"Minute", [] { return talkSeries(60.0); }, LoudnessPlot::Theme::light, talkProbes, true},
@@ -126,14 +131,14 @@ const PlotCase plotCases[] = {
     {"DigitalSilence",
      [] { return talkSeries(30.0, true); },
      LoudnessPlot::Theme::light,
-     {{0.23, -60.0, Color::output}, {0.23, 16.0, Color::gain}},
+     {{0.23, -60.0, &Colors::output}, {0.23, 16.0, &Colors::gain}},
      false},
     {"ThreeHoursDark", [] { return talkSeries(3 * 3600.0); }, LoudnessPlot::Theme::dark, talkProbes,
      true},
     {"Measurement",
      [] { return measuredSeries(40.0, -23.0f); },
      LoudnessPlot::Theme::light,
-     {{0.53, -23.0, Color::output}},
+     {{0.53, -23.0, &Colors::output}},
      false},
 };
 
@@ -156,21 +161,6 @@ TEST(LoudnessPlot, TimeTicksAreRoundAndReadable) {
     EXPECT_EQ(LoudnessPlot::timeLabel(3723.4), QStringLiteral("1:02:03"));
     EXPECT_EQ(LoudnessPlot::timeLabel(3723.44, true), QStringLiteral("1:02:03.4"));
     EXPECT_EQ(LoudnessPlot::timeLabel(59.96, true), QStringLiteral("0:01:00.0"));
-}
-
-TEST(LoudnessPlot, ReadoutGivesTheFrameUnderThePointer) {
-    const LoudnessPlot plot(talkSeries(60.0), size, LoudnessPlot::Theme::light);
-    const auto r = plot.readoutAt(plot.xFor(30.5));
-    ASSERT_TRUE(r);
-    EXPECT_NEAR(r->seconds, 30.5, 0.1);
-    EXPECT_EQ(r->inputLoudness, -20.0);
-    EXPECT_EQ(r->outputLoudness, -14.0);
-    EXPECT_EQ(r->gain, 6.0);
-    EXPECT_TRUE(r->pause);
-    EXPECT_FALSE(plot.readoutAt(plot.loudnessLane().left() - 5.0));
-    EXPECT_FALSE(LoudnessPlot(measuredSeries(10.0, -23.0f), size, LoudnessPlot::Theme::light)
-                     .readoutAt(plot.xFor(5.0))
-                     ->gain);
 }
 
 TEST(LoudnessPlot, AFailedSaveLeavesNothing) {

@@ -19,7 +19,7 @@ inline std::shared_ptr<LevelingSeries> talkSeries(double seconds, bool silent = 
     const auto n = static_cast<std::size_t>(std::llround(seconds * 100.0));
     s->frameSeconds = 0.01;
     s->duration = seconds;
-    s->targetLoudness = -16.0;
+    s->targetLufs = -16.0;
     s->inputLoudness.resize(n);
     s->outputLoudness.resize(n);
     s->gain.resize(n);

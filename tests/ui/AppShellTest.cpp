@@ -1,4 +1,5 @@
 #include "UiTestSupport.h"
+#include "app/JobListModel.h"
 #include "ui/MainWindow.h"
 #include "ui/OstrandApp.h"
 #include "ui/SettingsWindow.h"
@@ -109,10 +110,10 @@ private slots:
         m_app->mainWindow().close();
         QVERIFY(!m_app->mainWindow().isVisible());
 
-        m_app->openFiles({QStringLiteral("notes.txt")});
+        m_app->openFiles({"notes.txt"});
         QVERIFY(!m_app->mainWindow().isVisible());
 
-        m_app->openFiles({QStringLiteral("a.wav"), QueueFixture::file("b.mp4").toString()});
+        m_app->openFiles({"a.wav", QueueFixture::file("b.mp4").toEncoded()});
         QVERIFY(m_app->mainWindow().isVisible());
         const auto& jobs = m_fixture->queue.jobs();
         QCOMPARE(jobs.size(), 2);
@@ -125,22 +126,28 @@ private slots:
     void aSecondInstanceHandsItsFilesToTheFirst_data() {
         QTest::addColumn<QByteArrayList>("arguments");
         QTest::addColumn<QByteArrayList>("received");
+        QTest::addColumn<QStringList>("shown"); // the jobs' names in the list
         const QByteArray here(m_runtime.path().c_str());
         QTest::newRow("relative and absolute")
             << QByteArrayList{"talk.wav", "/elsewhere/other clip.mov"}
-            << QByteArrayList{here + "/talk.wav", "/elsewhere/other clip.mov"};
-        QTest::newRow("newline in a name") << QByteArrayList{"/elsewhere/two\nlines.wav"}
-                                           << QByteArrayList{"/elsewhere/two\nlines.wav"};
+            << QByteArrayList{here + "/talk.wav", "/elsewhere/other clip.mov"}
+            << QStringList{"talk.wav", "other clip.mov"};
+        QTest::newRow("newline in a name")
+            << QByteArrayList{"/elsewhere/two\nlines.wav"}
+            << QByteArrayList{"/elsewhere/two\nlines.wav"} << QStringList{"two\nlines.wav"};
         QTest::newRow("name not UTF-8")
-            << QByteArrayList{"caf\xe9.wav"} << QByteArrayList{here + "/caf\xe9.wav"};
+            << QByteArrayList{"caf\xe9.wav"} << QByteArrayList{here + "/caf\xe9.wav"}
+            << QStringList{"caf\\xe9.wav"};
     }
     void aSecondInstanceHandsItsFilesToTheFirst() {
         QFETCH(QByteArrayList, arguments);
         QFETCH(QByteArrayList, received);
+        QFETCH(QStringList, shown);
         SingleInstance first(QStringLiteral("ostrand"));
         QVERIFY(first.becomePrimary());
         QVERIFY(!SingleInstance(QStringLiteral("ostrand")).becomePrimary());
         QSignalSpy spy(&first, &SingleInstance::filesReceived);
+        connect(&first, &SingleInstance::filesReceived, m_app.get(), &OstrandApp::openFiles);
 
         // QProcess passes arguments as text; the shell's printf passes any bytes.
         QString script = QStringLiteral("exec \"$0\"");
@@ -165,6 +172,17 @@ private slots:
         QCOMPARE(second.exitStatus(), QProcess::NormalExit);
         QCOMPARE(second.exitCode(), 0);
         QCOMPARE(spy.at(0).at(0).value<QByteArrayList>(), received);
+        // Each file becomes a job on that very file.
+        const JobListModel list(m_fixture->queue);
+        QByteArrayList queued;
+        QStringList names;
+        for (int row = 0; row < list.rowCount(); ++row) {
+            queued << QByteArray(
+                FilePaths::toPath(list.jobAt(list.index(row))->sourceURL()).c_str());
+            names << list.index(row).data().toString();
+        }
+        QCOMPARE(queued, received);
+        QCOMPARE(names, shown);
     }
 
     // Instances meet only in a folder nobody else may enter; without one,

@@ -144,44 +144,52 @@ private slots:
     }
 
     void dropQueuesOnlyAudioAndVideo_data() {
-        QTest::addColumn<QStringList>("dropped");
-        QTest::addColumn<QStringList>("inside"); // files in the dropped folders
+        QTest::addColumn<QByteArrayList>("dropped"); // names as the file system's bytes
+        QTest::addColumn<QByteArrayList>("inside");  // files in the dropped folders
         QTest::addColumn<bool>("accepted");
         QTest::addColumn<QStringList>("queued");
-        QTest::newRow("folder, text and WAV") << QStringList{"folder.wav", "notes.txt", "talk.wav"}
-                                              << QStringList{} << true << QStringList{"talk.wav"};
+        QTest::newRow("folder, text and WAV")
+            << QByteArrayList{"folder.wav", "notes.txt", "talk.wav"} << QByteArrayList{} << true
+            << QStringList{"talk.wav"};
         QTest::newRow("only unsupported")
-            << QStringList{"folder.wav", "notes.txt"} << QStringList{} << false << QStringList{};
+            << QByteArrayList{"folder.wav", "notes.txt", "song.mid", "list.m3u"} << QByteArrayList{}
+            << false << QStringList{};
         QTest::newRow("no extension")
-            << QStringList{"recording"} << QStringList{} << false << QStringList{};
-        QTest::newRow("video and audio in order") << QStringList{"b.mov", "a.mp3"} << QStringList{}
-                                                  << true << QStringList{"b.mov", "a.mp3"};
+            << QByteArrayList{"recording"} << QByteArrayList{} << false << QStringList{};
+        QTest::newRow("video and audio in order")
+            << QByteArrayList{"b.mov", "a.mp3", "C.FLAC"} << QByteArrayList{} << true
+            << QStringList{"b.mov", "a.mp3", "C.FLAC"};
         QTest::newRow("folder and its subfolders, not hidden or leveled")
-            << QStringList{"folder show", "c.wav"}
-            << QStringList{"folder show/sub/a.mkv", "folder show/b.flac",
-                           "folder show/.cache/x.wav", "folder show/notes.txt",
-                           "folder show/b leveled.flac"}
+            << QByteArrayList{"folder show", "c.wav"}
+            << QByteArrayList{"folder show/sub/a.mkv", "folder show/b.flac",
+                              "folder show/.cache/x.wav", "folder show/notes.txt",
+                              "folder show/b leveled.flac"}
             << true << QStringList{"b.flac", "a.mkv", "c.wav"};
+        // From an old Latin-1 disk, shown as the command line shows them.
+        QTest::newRow("names not UTF-8") << QByteArrayList{"folder \xe9t\xe9", "d\xe9j\xe0.mp3"}
+                                         << QByteArrayList{"folder \xe9t\xe9/caf\xe9.wav"} << true
+                                         << QStringList{"caf\\xe9.wav", "d\\xe9j\\xe0.mp3"};
     }
     void dropQueuesOnlyAudioAndVideo() {
-        QFETCH(QStringList, dropped);
-        QFETCH(QStringList, inside);
+        QFETCH(QByteArrayList, dropped);
+        QFETCH(QByteArrayList, inside);
         QFETCH(bool, accepted);
         QFETCH(QStringList, queued);
-        for (const QString& name : inside) {
+        for (const QByteArray& name : inside) {
             const auto path = m_dir / name.toStdString();
             std::filesystem::create_directories(path.parent_path());
             std::ofstream(path) << "x";
         }
         QList<QUrl> urls;
-        for (const QString& name : dropped) {
+        for (const QByteArray& name : dropped) {
             const auto path = m_dir / name.toStdString();
-            if (name.startsWith(QLatin1String("folder"))) {
+            if (name.startsWith("folder")) {
                 std::filesystem::create_directories(path);
             } else {
                 std::ofstream(path) << "x";
             }
-            urls << FilePaths::toUrl(path);
+            // As a file manager sends it: the path's bytes, percent-encoded.
+            urls << QUrl::fromEncoded("file://" + QByteArray(path.c_str()).toPercentEncoding("/"));
         }
         QMimeData data;
         data.setUrls(urls);
@@ -639,7 +647,7 @@ private:
     QStringList queuedNames() const {
         QStringList names;
         for (const LevelingJob* job : m_fixture->queue.jobs()) {
-            names << QFileInfo(job->sourceURL().toLocalFile()).fileName();
+            names << FilePaths::shownName(job->sourceURL());
         }
         return names;
     }

@@ -11,136 +11,125 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QRadioButton>
 #include <QSlider>
 #include <QtTest>
 
 using namespace ostrand;
 using namespace ostrand::test;
 
-namespace {
-
-// A radio button takes clicks on its circle and text only.
-void clickRadio(QRadioButton* radio) {
-    QTest::mouseClick(radio, Qt::LeftButton, {}, QPoint(6, radio->height() / 2));
-}
-
-} // namespace
-
 class SettingsWindowTest : public QObject {
     Q_OBJECT
 
 private slots:
     void init() {
+        m_window.reset(); // before the settings it shows
         m_settings = std::make_unique<TestSettings>();
         m_window = std::make_unique<SettingsWindow>(m_settings->settings, m_updater);
         m_window->show();
     }
-    void cleanup() {
-        m_window.reset();
-        m_settings.reset();
-    }
 
-    // That a setting reaches its file at once, the settings' own tests pin.
-    void slidersStoreHalfStepsWithinTheirRanges_data() {
-        QTest::addColumn<QString>("slider");
-        QTest::addColumn<int>("key");
-        QTest::addColumn<double>("stored");
-        QTest::addColumn<QString>("shown");
-        const auto row = [](const char* name, const char* slider, Qt::Key key, double stored,
-                            const char* shown) {
-            QTest::newRow(name) << slider << int(key) << stored << shown;
+    // Each control writes its setting at once (that it reaches the file, the
+    // settings' own tests pin) and shows it, a slider's to a screen reader
+    // too; what belongs to an option shows only while it is on. A change made
+    // elsewhere brings the window back and writes nothing back.
+    void controlsWriteAndFollowTheirSettings_data() {
+        QTest::addColumn<QString>("control");
+        QTest::addColumn<int>("key"); // pressed on it; 0: a click
+        QTest::addColumn<QString>("property");
+        QTest::addColumn<QVariant>("expected");
+        QTest::addColumn<QString>("shows"); // what shows the setting
+        QTest::addColumn<QString>("shown"); // its text; empty: it shows only while on
+        const auto row = [](const char* name, const char* control, const char* property,
+                            const QVariant& expected, const char* shows = "",
+                            const char* shown = "", Qt::Key key = {}) {
+            QTest::newRow(name) << control << int(key) << property << expected << shows << shown;
         };
-        row("target to the left end", "Target", Qt::Key_Home, -24.0, "-24.0 LUFS");
-        row("target to the right end", "Target", Qt::Key_End, -10.0, "-10.0 LUFS");
-        row("target one step up", "Target", Qt::Key_Right, -15.5, "-15.5 LUFS");
-        row("ceiling to the bottom", "True-peak ceiling", Qt::Key_Home, -3.0, "-3.0 dBTP");
-        row("ceiling to the top", "True-peak ceiling", Qt::Key_End, -0.5, "-0.5 dBTP");
-        row("ceiling one step down", "True-peak ceiling", Qt::Key_Left, -1.5, "-1.5 dBTP");
+        // Half steps within their ranges.
+        const auto slider = [&](const char* name, Qt::Key key, double stored, const char* shown) {
+            const bool target = QByteArray(name).startsWith("target");
+            row(name, target ? "Target" : "True-peak ceiling",
+                target ? "targetLoudness" : "truePeakCeiling", stored,
+                target ? "targetValue" : "ceilingValue", shown, key);
+        };
+        slider("target to the left end", Qt::Key_Home, -24.0, "-24.0 LUFS");
+        slider("target to the right end", Qt::Key_End, -10.0, "-10.0 LUFS");
+        slider("target one step up", Qt::Key_Right, -15.5, "-15.5 LUFS");
+        slider("ceiling to the bottom", Qt::Key_Home, -3.0, "-3.0 dBTP");
+        slider("ceiling to the top", Qt::Key_End, -0.5, "-0.5 dBTP");
+        slider("ceiling one step down", Qt::Key_Left, -1.5, "-1.5 dBTP");
+        row("reveal", "revealWhenDone", "revealWhenDone", true);
+        row("noise-aware pauses, on for a new user", "noiseAwarePauses", "noiseAwarePauses", false);
+        row("WAV with video", "exportWAVWithVideo", "exportWAVWithVideo", true, "wavCaption");
+        row("mono", "mono", "outputChannels", QVariant::fromValue(OutputChannels::mono),
+            "channelsCaption", "Audio is mixed down to a single channel before leveling.");
+        row("ask every time", "askEveryTime", "saveMode",
+            QVariant::fromValue(SaveMode::askEveryTime));
+        row("fixed folder", "fixedFolder", "saveMode", QVariant::fromValue(SaveMode::fixedFolder),
+            "chooseFolder");
     }
-    void slidersStoreHalfStepsWithinTheirRanges() {
-        QFETCH(QString, slider);
+    void controlsWriteAndFollowTheirSettings() {
+        QFETCH(QString, control);
         QFETCH(int, key);
-        QFETCH(double, stored);
+        QFETCH(QString, property);
+        QFETCH(QVariant, expected);
+        QFETCH(QString, shows);
         QFETCH(QString, shown);
-        auto* control = m_window->findChild<QSlider*>(slider);
-        QTest::keyClick(control, static_cast<Qt::Key>(key));
-        const bool isTarget = slider == QStringLiteral("Target");
-        QCOMPARE(isTarget ? m_settings->settings.targetLoudness()
-                          : m_settings->settings.truePeakCeiling(),
-                 stored);
-        auto* value = m_window->findChild<QLabel*>(isTarget ? QStringLiteral("targetValue")
-                                                            : QStringLiteral("ceilingValue"));
-        QCOMPARE(value->text(), shown);
-        // A screen reader hears the value, not the slider's half-step position.
-        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(control);
-        QCOMPARE(accessible->text(QAccessible::Value), shown);
-        QCOMPARE(accessible->valueInterface()->currentValue().toDouble(), stored);
+        const QByteArray name = property.toLatin1();
+        auto* widget = m_window->findChild<QWidget*>(control);
+        auto* dependent = shows.isEmpty() ? nullptr : m_window->findChild<QWidget*>(shows);
+        auto* label = qobject_cast<QLabel*>(dependent);
+        const auto look = [&] {
+            return QVariantList{widget->property("checked"), widget->property("value"),
+                                dependent ? dependent->isVisible() : QVariant(),
+                                label ? label->text() : QVariant()};
+        };
+        const QVariant before = m_settings->settings.property(name);
+        const QVariantList looked = look();
+        QVERIFY(!dependent || !shown.isEmpty() || !dependent->isVisible());
+        if (key) {
+            QTest::keyClick(widget, Qt::Key(key));
+        } else {
+            // On the box itself: the row is wider than the text that takes clicks.
+            QTest::mouseClick(widget, Qt::LeftButton, {}, QPoint(8, widget->height() / 2));
+        }
+        QCOMPARE(m_settings->settings.property(name), expected);
+        if (qobject_cast<QAbstractButton*>(widget)) {
+            QCOMPARE(widget->property("checked").toBool(),
+                     expected.typeId() != QMetaType::Bool || expected.toBool());
+        }
+        QVERIFY(!dependent || dependent->isVisible());
+        if (!shown.isEmpty()) {
+            QCOMPARE(label->text(), shown);
+        }
+        if (qobject_cast<QSlider*>(widget)) {
+            // A screen reader hears the value, not the slider's half-step position.
+            QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(widget);
+            QCOMPARE(accessible->text(QAccessible::Value), shown);
+            QCOMPARE(accessible->valueInterface()->currentValue(), expected);
+        }
+        const QMetaObject& meta = OstrandSettings::staticMetaObject;
+        QSignalSpy changed(&m_settings->settings,
+                           meta.property(meta.indexOfProperty(name)).notifySignal());
+        m_settings->settings.setProperty(name, before);
+        QCOMPARE(look(), looked);
+        QCOMPARE(changed.count(), 1);
     }
 
-    void controlsFollowChangesMadeElsewhere() {
-        auto* noiseAware = m_window->findChild<QCheckBox*>(QStringLiteral("noiseAwarePauses"));
-        QVERIFY(noiseAware->isChecked()); // for a new user
-        QSignalSpy targetChanged(&m_settings->settings, &OstrandSettings::targetLoudnessChanged);
-        m_settings->settings.setTargetLoudness(-14.0);
-        m_settings->settings.setTruePeakCeiling(-2.0);
-        m_settings->settings.setRevealWhenDone(true);
-        m_settings->settings.setNoiseAwarePauses(false);
-        m_settings->settings.setSaveMode(SaveMode::askEveryTime);
-        QCOMPARE(m_window->findChild<QSlider*>(QStringLiteral("Target"))->value(), -28);
-        QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("targetValue"))->text(),
-                 QStringLiteral("-14.0 LUFS"));
-        QCOMPARE(m_window->findChild<QLabel*>(QStringLiteral("ceilingValue"))->text(),
-                 QStringLiteral("-2.0 dBTP"));
-        QVERIFY(m_window->findChild<QCheckBox*>(QStringLiteral("revealWhenDone"))->isChecked());
-        QVERIFY(!noiseAware->isChecked());
-        QVERIFY(m_window->findChild<QRadioButton*>(QStringLiteral("askEveryTime"))->isChecked());
-        // Following a change writes nothing back.
-        QCOMPARE(targetChanged.count(), 1);
-    }
-
-    void presetsSetTargetThenCeiling_data() {
-        QTest::addColumn<QString>("preset");
-        QTest::addColumn<double>("target");
-        QTest::addColumn<double>("ceiling");
+    // From values no preset has, so that each of its two shows.
+    void presetsSetTargetAndCeiling() {
         for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-            QTest::newRow(qPrintable(preset.name))
-                << preset.name << preset.loudness << preset.ceiling;
+            m_settings->settings.setTargetLoudness(-20.0);
+            m_settings->settings.setTruePeakCeiling(-2.5);
+            QTest::mouseClick(m_window->findChild<QAbstractButton*>(preset.name), Qt::LeftButton);
+            QCOMPARE(m_settings->settings.targetLoudness(), preset.loudness);
+            QCOMPARE(m_settings->settings.truePeakCeiling(), preset.ceiling);
         }
     }
-    void presetsSetTargetThenCeiling() {
-        QFETCH(QString, preset);
-        QFETCH(double, target);
-        QFETCH(double, ceiling);
-        m_settings->settings.setTruePeakCeiling(-2.5);
-        QTest::mouseClick(m_window->findChild<QAbstractButton*>(preset), Qt::LeftButton);
-        QCOMPARE(m_settings->settings.targetLoudness(), target);
-        QCOMPARE(m_settings->settings.truePeakCeiling(), ceiling);
-    }
 
-    void channelSegmentsAndTheirCaption() {
-        auto* caption = m_window->findChild<QLabel*>(QStringLiteral("channelsCaption"));
-        QCOMPARE(caption->text(),
-                 QStringLiteral("Stereo stays stereo and mono stays mono. Multiple "
-                                "audio tracks are mixed together."));
-        QTest::mouseClick(m_window->findChild<QPushButton*>(QStringLiteral("mono")),
-                          Qt::LeftButton);
-        QCOMPARE(m_settings->settings.outputChannels(), OutputChannels::mono);
-        QCOMPARE(caption->text(),
-                 QStringLiteral("Audio is mixed down to a single channel before leveling."));
-        m_settings->settings.setOutputChannels(OutputChannels::keepOriginal);
-        QVERIFY(m_window->findChild<QPushButton*>(QStringLiteral("keepOriginal"))->isChecked());
-        QVERIFY(!m_window->findChild<QPushButton*>(QStringLiteral("mono"))->isChecked());
-    }
-
-    void folderRowOnlyForAFixedFolder() {
+    void chosenFolderIsShown() {
         auto* path = m_window->findChild<ElidedLabel*>(QStringLiteral("folderPath"));
         auto* choose = m_window->findChild<QPushButton*>(QStringLiteral("chooseFolder"));
-        QVERIFY(!choose->isVisible());
-
-        clickRadio(m_window->findChild<QRadioButton*>(QStringLiteral("fixedFolder")));
-        QCOMPARE(m_settings->settings.saveMode(), SaveMode::fixedFolder);
-        QVERIFY(choose->isVisible());
+        m_settings->settings.setSaveMode(SaveMode::fixedFolder);
         QCOMPARE(path->fullText(), QStringLiteral("Not chosen"));
         const QColor notChosen = path->palette().color(QPalette::WindowText);
 
@@ -160,36 +149,6 @@ private slots:
         QCOMPARE(m_settings->settings.resolve(*bookmark, false), FilePaths::toUrl(m_dir / "out"));
         QCOMPARE(path->fullText(), *m_settings->settings.fixedFolderDisplayPath());
         QVERIFY(path->palette().color(QPalette::WindowText) != notChosen);
-
-        clickRadio(m_window->findChild<QRadioButton*>(QStringLiteral("nextToOriginal")));
-        QCOMPARE(m_settings->settings.saveMode(), SaveMode::nextToOriginal);
-        QVERIFY(!choose->isVisible());
-    }
-
-    // Each click turns the option and its setting over, and its caption
-    // shows only while it is on.
-    void optionsWriteTheirSettings_data() {
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("caption");
-        using Keys = OstrandSettings::Keys;
-        QTest::newRow("reveal") << QString(Keys::revealWhenDone) << QString();
-        QTest::newRow("noise-aware pauses") << QString(Keys::noiseAwarePauses) << QString();
-        QTest::newRow("WAV with video") << QString(Keys::exportWAVWithVideo) << "wavCaption";
-    }
-    void optionsWriteTheirSettings() {
-        QFETCH(QString, key);
-        QFETCH(QString, caption);
-        auto* option = m_window->findChild<QCheckBox*>(key);
-        auto* label = caption.isEmpty() ? nullptr : m_window->findChild<QLabel*>(caption);
-        for (const bool before : {option->isChecked(), !option->isChecked()}) {
-            // On the box itself: the row is wider than the text that takes clicks.
-            QTest::mouseClick(option, Qt::LeftButton, {}, QPoint(8, option->height() / 2));
-            QCOMPARE(m_settings->settings.property(qPrintable(key)).toBool(), !before);
-            QCOMPARE(option->isChecked(), !before);
-            if (label) {
-                QCOMPARE(label->isVisible(), !before);
-            }
-        }
     }
 
     void updateControls() {

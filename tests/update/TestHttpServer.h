@@ -1,6 +1,9 @@
 #pragma once
 
+#include "update/Ed25519.h"
+
 #include <QByteArray>
+#include <QFile>
 #include <QHash>
 #include <QHostAddress>
 #include <QString>
@@ -9,12 +12,10 @@
 #include <QTimer>
 #include <QUrl>
 
-#include <utility>
-
 namespace ostrand::test {
 
 // A tiny HTTP/1.0 server on 127.0.0.1 for the updater's tests: each path
-// answers with a fixed response. It stops by itself after `lifetime`.
+// answers with a fixed response, any other with 404.
 class TestHttpServer : public QObject {
 public:
     struct Response {
@@ -22,20 +23,16 @@ public:
         QByteArray body;
         QByteArray location;        // a redirect's target
         qint64 declaredLength = -1; // Content-Length, when it should lie
+        int trickle = 0;            // the body goes out this many bytes every 50 ms
     };
 
-    explicit TestHttpServer(int lifetimeMs = 60'000) {
+    TestHttpServer() {
         m_server.listen(QHostAddress::LocalHost, 0);
         connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::accept);
-        QTimer::singleShot(lifetimeMs, this, [this] { m_server.close(); });
     }
 
     void serve(const QString& path, Response response) { m_routes.insert(path, response); }
-    void serve(const QString& path, const QByteArray& body) { serve(path, {200, body, {}, -1}); }
-    // The body of `path` goes out `bytes` at a time every `intervalMs`.
-    void trickle(const QString& path, int bytes, int intervalMs) {
-        m_trickles.insert(path, {bytes, intervalMs});
-    }
+    void serve(const QString& path, const QByteArray& body) { serve(path, {200, body, {}, -1, 0}); }
     QUrl url(const QString& path) const {
         return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path));
     }
@@ -50,36 +47,24 @@ private:
     }
 
     void answer(QTcpSocket* socket) {
-        QByteArray& request = m_pending[socket];
-        request += socket->readAll();
-        if (!request.contains("\r\n\r\n")) {
-            return;
+        if (!socket->peek(1 << 16).contains("\r\n\r\n")) {
+            return; // until the whole request is there
         }
-        const QString path = QString::fromLatin1(request.split(' ').value(1));
-        m_pending.remove(socket);
+        const QString path = QString::fromLatin1(socket->readAll().split(' ').value(1));
         ++m_counts[path];
-        const Response response = m_routes.value(path, Response{404, "not here", {}, -1});
+        const Response r = m_routes.value(path, Response{404, "not here", {}, -1, 0});
         // Only a failure's reason phrase is ever shown.
-        QByteArray out = "HTTP/1.0 " + QByteArray::number(response.status) +
-                         (response.status == 404 ? " Not Found\r\n" : " OK\r\n");
-        out += "Content-Length: " +
-               QByteArray::number(response.declaredLength >= 0 ? response.declaredLength
-                                                               : response.body.size()) +
-               "\r\n";
-        if (!response.location.isEmpty()) {
-            out += "Location: " + response.location + "\r\n";
+        QByteArray out =
+            "HTTP/1.0 " + QByteArray::number(r.status) +
+            (r.status == 404 ? " Not Found\r\n" : " OK\r\n") + "Content-Length: " +
+            QByteArray::number(r.declaredLength >= 0 ? r.declaredLength : r.body.size()) + "\r\n";
+        if (!r.location.isEmpty()) {
+            out += "Location: " + r.location + "\r\n";
         }
-        out += "Connection: close\r\n\r\n";
-        const auto trickle = m_trickles.find(path);
-        if (trickle == m_trickles.end()) {
-            socket->write(out + response.body);
-            socket->disconnectFromHost();
-            return;
-        }
-        socket->write(out);
+        socket->write(out + "Connection: close\r\n\r\n");
         auto* timer = new QTimer(socket);
         connect(timer, &QTimer::timeout, socket,
-                [socket, timer, body = response.body, step = trickle->first,
+                [socket, timer, body = r.body, step = r.trickle > 0 ? r.trickle : r.body.size(),
                  sent = qsizetype(0)]() mutable {
                     socket->write(body.mid(sent, step));
                     sent += step;
@@ -88,14 +73,12 @@ private:
                         socket->disconnectFromHost();
                     }
                 });
-        timer->start(trickle->second);
+        timer->start(r.trickle > 0 ? 50 : 0);
     }
 
     QTcpServer m_server;
     QHash<QString, Response> m_routes;
     QHash<QString, int> m_counts;
-    QHash<QString, std::pair<int, int>> m_trickles;
-    QHash<QTcpSocket*, QByteArray> m_pending;
 };
 
 // One appcast <item>; `extra` goes inside the item.
@@ -105,7 +88,8 @@ inline QByteArray item(const QString& version, const QString& os = QStringLitera
                        qint64 length = 10, const QString& signature = QStringLiteral("c2ln")) {
     return QStringLiteral(
                "<item><title>Ostrand %1</title><sparkle:version>%1</sparkle:version>"
-               "<description><![CDATA[<p>Notes for <b>%1</b></p>]]></description>%2"
+               "<description><![CDATA[<p>Notes for "
+               "<b>%1</b></p><script>x</script>]]></description>%2"
                "<enclosure url=\"%3\" length=\"%4\" type=\"application/vnd.debian.binary-package\" "
                "sparkle:os=\"%5\" sparkle:edSignature=\"%6\"/></item>")
         .arg(version, extra, url)
@@ -120,6 +104,20 @@ inline QByteArray feed(const QByteArray& items) {
            "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>"
            "<title>Ostrand</title>" +
            items + "</channel></rss>";
+}
+
+// What the release tool writes into the feed for `package` as `version`.
+inline QString signatureOf(const QByteArray& seed, const QString& version,
+                           const QByteArray& package) {
+    ed25519::Sha256 hash;
+    hash.add(package);
+    return QString::fromLatin1(
+        ed25519::sign(seed, ed25519::releaseMessage(version, hash.result())).toBase64());
+}
+
+inline QByteArray contentsOf(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace ostrand::test

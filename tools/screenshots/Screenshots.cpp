@@ -53,11 +53,11 @@ std::shared_ptr<const LevelingSeries> exampleSeries() {
     const QTemporaryDir dir;
     if (QFile::exists(source) && dir.isValid()) {
         try {
-            return LevelingEngine::process(source.toStdString(),
-                                           dir.filePath(QStringLiteral("out.wav")).toStdString(),
-                                           OutputNaming::ExistingFile::replace,
-                                           LevelingParameters{}, -1.0, false, std::nullopt, {}, {})
-                .series;
+            LevelingRequest request;
+            request.source = source.toStdString();
+            request.destination = dir.filePath(QStringLiteral("out.wav")).toStdString();
+            request.existing = OutputNaming::ExistingFile::replace;
+            return LevelingEngine::process(request, {}, {}).series;
         } catch (const std::exception& error) {
             qWarning("examples/speech.wav: %s", error.what());
         }
