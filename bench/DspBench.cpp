@@ -7,6 +7,7 @@
 #include "dsp/GainRenderer.h"
 #include "dsp/KWeightingFilter.h"
 #include "dsp/LoudnessMeter.h"
+#include "dsp/SpeechGate.h"
 #include "dsp/TruePeakLimiter.h"
 #include "support/Signals.h"
 
@@ -136,11 +137,8 @@ const test::PlanarAudio& noisyProgramme() {
     return audio;
 }
 
-// One hour of frames: the analysis of 20 s repeated to 360,000 frames. The
-// arguments: the pause mode (0 the exact plan, 1 the default noise-aware pauses) and
-// the programme (0 as recorded, 1 in a noisy room).
-void BM_GainCurveBuildOneHour(benchmark::State& state) {
-    const test::PlanarAudio& audio = state.range(1) != 0 ? noisyProgramme() : programme();
+// One hour of frames: the analysis of 20 s repeated to 360,000 frames.
+FrameAnalysis oneHour(const test::PlanarAudio& audio) {
     FrameAnalyzer analyzer(sampleRate, channels);
     analyzer.append(audio.constPointers(), audio.frames());
     const FrameAnalysis part = analyzer.analysis();
@@ -157,6 +155,13 @@ void BM_GainCurveBuildOneHour(benchmark::State& state) {
         hour.peak.insert(hour.peak.end(), part.peak.begin(),
                          part.peak.begin() + static_cast<std::ptrdiff_t>(take));
     }
+    return hour;
+}
+
+// The arguments: the pause mode (0 the exact plan, 1 the default noise-aware
+// pauses) and the programme (0 as recorded, 1 in a noisy room).
+void BM_GainCurveBuildOneHour(benchmark::State& state) {
+    const FrameAnalysis hour = oneHour(state.range(1) != 0 ? noisyProgramme() : programme());
     const auto parameters = LevelingParameters::forTarget(-16.0, state.range(0) != 0);
     for (auto _ : state) {
         const GainCurve curve = GainCurveBuilder::build(hour, parameters, -1.0);
@@ -170,6 +175,16 @@ BENCHMARK(BM_GainCurveBuildOneHour)
     ->Args({0, 1})
     ->Args({1, 1})
     ->Unit(benchmark::kMillisecond);
+
+// What measure adds for the speech loudness of an hour, in a noisy room.
+void BM_SpeechFramesOneHour(benchmark::State& state) {
+    const FrameAnalysis hour = oneHour(noisyProgramme());
+    for (auto _ : state) {
+        const SpeechGate::Speech speech = SpeechGate::findSpeech(hour);
+        benchmark::DoNotOptimize(speech.frames.data());
+    }
+}
+BENCHMARK(BM_SpeechFramesOneHour)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -1,6 +1,7 @@
 #include "OstrandSettings.h"
 
 #include "FilePaths.h"
+#include "media/DeliveryProfile.h"
 
 #include <QCoreApplication>
 #include <QMetaType>
@@ -45,12 +46,17 @@ OutputChannels outputChannelsFromRawValue(const QString& text) {
 }
 
 const QList<LoudnessPreset>& LoudnessPreset::all() {
-    static const QList<LoudnessPreset> presets{
-        {QStringLiteral("Apple Podcasts"), -16.0, -1.0},
-        {QStringLiteral("Match Corvane"), -15.0, -1.0},
-        {QStringLiteral("YouTube / Spotify"), -14.0, -1.0},
-        {QStringLiteral("Broadcast (EBU R128)"), -23.0, -1.0},
-    };
+    // Under the names users know, with the figures of the profiles they stand for.
+    static const QList<LoudnessPreset> presets = [] {
+        QList<LoudnessPreset> list;
+        for (const char* name :
+             {"Apple Podcasts", "Match Corvane", "YouTube / Spotify", "Broadcast (EBU R128)"}) {
+            const DeliveryProfile* profile = findProfile(builtInProfiles(), name);
+            list.append({QString::fromUtf8(name), profile->target.value_or(0.0),
+                         profile->truePeak.value_or(0.0)});
+        }
+        return list;
+    }();
     return presets;
 }
 

@@ -2,15 +2,19 @@
 
 #include "CliConsole.h"
 #include "CliOptions.h"
+#include "CliProfiles.h"
 #include "app/FilePaths.h"
 #include "app/JobQueue.h"
 #include "app/LevelingJob.h"
 #include "app/ReportText.h"
+#include "app/UserProfiles.h"
+#include "dsp/Loudness.h"
 #include "media/AtomicFile.h"
 #include "media/LevelingEngine.h"
 #include "media/OstrandError.h"
 #include "media/OutputFormat.h"
 #include "media/OutputNaming.h"
+#include "media/ProfileCheck.h"
 #include "plot/LoudnessPlot.h"
 
 #include <QByteArray>
@@ -54,12 +58,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-// JSON text must be UTF-8. Text that is not is given as the terminal shows
-// it ("caf\xe9.wav").
-QString jsonText(const std::string& text) {
-    return FilePaths::isUtf8(text) ? QString::fromStdString(text) : FilePaths::shown(text);
-}
 
 // A path under `key` (null when there is none); one that is not UTF-8 also
 // as its exact bytes in base64 under key + "Bytes", for scripts to reach it.
@@ -318,16 +316,18 @@ void checkOutputExtension(const CliOptions& options, const fs::path& source) {
 
 // --- One file ----------------------------------------------------------------
 
-enum class Outcome { done, skipped, failed };
+// `rejected`: checked, and it does not meet the profile.
+enum class Outcome { done, skipped, failed, rejected };
 
 class Batch {
 public:
     Batch(const CliOptions& options, const std::vector<fs::path>& files, CliConsole& console,
-          const CliEnvironment& environment)
+          const CliEnvironment& environment, const DeliveryProfile* profile)
         : m_options(options)
         , m_files(files)
         , m_console(console)
-        , m_environment(environment) {}
+        , m_environment(environment)
+        , m_profile(profile) {}
 
     void run() {
         const std::size_t workers =
@@ -372,6 +372,9 @@ private:
             if (m_options.command == "measure") {
                 measure(slot, source);
                 return Outcome::done;
+            }
+            if (m_options.command == "check") {
+                return check(slot, source);
             }
             return level(slot, source);
         } catch (const std::exception& error) {
@@ -419,11 +422,11 @@ private:
             .destination = plan.destination,
             .existing = plan.existing,
             .parameters = LevelingParameters::forTarget(
-                m_options.targetLufs.value_or(m_options.preset ? m_options.preset->loudness
-                                                               : LevelingParameters{}.targetLufs),
+                m_options.targetLufs.value_or(m_profile && m_profile->target
+                                                  ? *m_profile->target
+                                                  : LevelingParameters{}.targetLufs),
                 m_options.noiseAware),
-            .ceilingDb = m_options.ceilingDb.value_or(
-                m_options.preset ? m_options.preset->ceiling : LevelingRequest{}.ceilingDb),
+            .ceilingDb = m_options.ceilingDb.value_or(profileCeiling()),
             .mono = m_options.mono,
             .sidecar = plan.sidecar};
 
@@ -445,6 +448,18 @@ private:
             }
         }();
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+        // The output against the profile it was leveled for: measured anew,
+        // for the figures the writer's meter does not take.
+        std::optional<std::vector<ProfileCheck::Result>> verdict;
+        std::string uncheckedBecause;
+        if (m_profile && (m_options.json || !m_options.quiet)) {
+            try {
+                verdict = ProfileCheck::check(
+                    *m_profile, LevelingEngine::measure(report.outputURL, {}, cancelCheck()));
+            } catch (const std::exception& error) {
+                uncheckedBecause = errorText(error);
+            }
+        }
         m_console.ended(slot);
         const std::optional<fs::path> plot = drawPlot(report.outputURL, report.series);
         if (!m_options.quiet) {
@@ -481,6 +496,9 @@ private:
             if (plot) {
                 putPath(object, "plot", plot);
             }
+            if (verdict) {
+                object["check"] = CliProfiles::checkJson(*m_profile, *verdict);
+            }
             m_console.report(jsonLine(object));
         } else if (!m_options.quiet) {
             std::string lines = source.string() + ": " +
@@ -488,6 +506,12 @@ private:
                                 ReportText::detailLine(report) + '\n';
             lines += "  output " + loudness(report.outputIntegratedLoudness, report.duration) +
                      " \u00b7 true peak " + figure("%.1f dBTP", report.outputTruePeak) + '\n';
+            if (verdict) {
+                lines += "  " + CliProfiles::verdictLine(*m_profile, *verdict) + '\n';
+            } else if (!uncheckedBecause.empty()) {
+                lines +=
+                    "  not checked against " + m_profile->name + ": " + uncheckedBecause + '\n';
+            }
             if (report.audioSidecarURL) {
                 lines += "  WAV sidecar: " + report.audioSidecarURL->filename().string() + '\n';
             }
@@ -534,11 +558,14 @@ private:
                 putPath(object, "plot", plot);
             }
             object["integratedLoudness"] = jsonNumber(m.integratedLoudness);
+            object["speechLoudness"] = jsonNumber(m.speechLoudness);
             object["truePeak"] = jsonNumber(m.truePeak);
             object["samplePeak"] = jsonNumber(m.samplePeak);
             object["loudnessRange"] = jsonNumber(m.loudnessRange);
             object["maxMomentary"] = jsonNumber(m.maxMomentary);
             object["maxShortTerm"] = jsonNumber(m.maxShortTerm);
+            object["rms"] = jsonNumber(m.rms);
+            object["noiseFloor"] = jsonNumber(m.noiseFloor);
             object["duration"] = jsonNumber(m.duration);
             object["sampleRate"] = jsonNumber(m.sampleRate);
             object["channels"] = static_cast<qint64>(m.channels);
@@ -564,7 +591,8 @@ private:
         } else if (!m_options.quiet) {
             std::ostringstream text;
             text << source.string() << ": "
-                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak, m.duration)
+                 << loudnessText(m.integratedLoudness, m.truePeak, m.samplePeak, m.duration,
+                                 m.speechLoudness)
                  << " \u00b7 " << LevelingJob::format(m.duration).toStdString() << " \u00b7 "
                  << static_cast<long long>(m.sampleRate) << " Hz " << m.layout;
             if (m.tracks.size() > 1) {
@@ -583,6 +611,35 @@ private:
             }
             m_console.report(text.str());
         }
+    }
+
+    Outcome check(int slot, const fs::path& source) {
+        m_console.started(slot, source.filename().string());
+        const LevelingEngine::Measurement m = LevelingEngine::measure(
+            source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
+            cancelCheck());
+        m_console.ended(slot);
+        const std::vector<ProfileCheck::Result> results = ProfileCheck::check(*m_profile, m);
+        if (m_options.json) {
+            QJsonObject object = CliProfiles::checkJson(*m_profile, results);
+            putPath(object, "source", source);
+            m_console.report(jsonLine(object));
+        } else if (!m_options.quiet) {
+            m_console.report(CliProfiles::checkText(source.string(), *m_profile, results));
+        }
+        return ProfileCheck::passed(results) ? Outcome::done : Outcome::rejected;
+    }
+
+    // A profile's peak limit as the leveler's ceiling: a sample-peak limit is
+    // met with room to spare by a true-peak ceiling at its level.
+    double profileCeiling() const {
+        if (m_profile && m_profile->truePeak) {
+            return *m_profile->truePeak;
+        }
+        if (m_profile && m_profile->samplePeak) {
+            return *m_profile->samplePeak;
+        }
+        return LevelingRequest{}.ceilingDb;
     }
 
     // Draws the picture for `file` (an output, or a measured source), if one
@@ -643,11 +700,16 @@ private:
         throw failed(*first, "no free name");
     }
 
+    // With the speech's own loudness when it is given (the mix's line).
     static std::string loudnessText(double integrated, double truePeak, double samplePeak,
-                                    double seconds) {
-        return loudness(integrated, seconds) + " \u00b7 true peak " +
-               figure("%.1f dBTP", truePeak) + " \u00b7 sample peak " +
-               figure("%.1f dBFS", samplePeak);
+                                    double seconds, std::optional<double> speech = std::nullopt) {
+        std::string text = loudness(integrated, seconds);
+        if (speech) {
+            text += Loudness::isSilent(*speech) ? std::string(" \u00b7 no speech found")
+                                                : " \u00b7 speech " + loudness(*speech, seconds);
+        }
+        return text + " \u00b7 true peak " + figure("%.1f dBTP", truePeak) +
+               " \u00b7 sample peak " + figure("%.1f dBFS", samplePeak);
     }
 
     static std::string rangeText(double range, double maxMomentary, double maxShortTerm,
@@ -673,7 +735,8 @@ private:
     CliConsole& m_console;
     const CliEnvironment& m_environment;
     std::atomic<std::size_t> m_next{0};
-    std::array<std::atomic<int>, 3> m_counts{};
+    const DeliveryProfile* m_profile; // --profile, resolved
+    std::array<std::atomic<int>, 4> m_counts{};
     static constexpr int maxPlotNumber = 100000;
     std::mutex m_plotsMutex;
     std::set<fs::path> m_plotsTaken; // this run's pictures
@@ -690,21 +753,51 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     const auto started = Clock::now();
     CliOptions options;
     Inputs inputs;
+    std::optional<DeliveryProfile> profile;
+    const auto answer = [&](const std::string& text) {
+        out << text;
+        out.flush();
+        if (!out) {
+            err << "ostrand-cli: cannot write to standard output: " << std::strerror(errno) << '\n';
+            return exitFailure;
+        }
+        return exitSuccess;
+    };
     try {
         options = parseCliOptions(args, defaultJobs());
         if (options.help || options.version || options.completionShell ||
-            options.command == "help" || options.command == "presets") {
-            out << (options.version           ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
-                    : options.completionShell ? completionScript(*options.completionShell)
-                    : options.command == "presets" ? presetsText()
-                                                   : helpText(options.helpTopic));
-            out.flush();
-            if (!out) {
-                err << "ostrand-cli: cannot write to standard output: " << std::strerror(errno)
-                    << '\n';
-                return exitFailure;
+            options.command == "help") {
+            return answer(options.version ? std::string("ostrand-cli ") + OSTRAND_VERSION + "\n"
+                          : options.completionShell ? completionScript(*options.completionShell)
+                                                    : helpText(options.helpTopic));
+        }
+        const bool listsProfiles = options.command == "profiles" || options.command == "presets";
+        if (listsProfiles || options.profile) {
+            const UserProfiles::Profiles profiles =
+                UserProfiles::load(environment.profilesFile.value_or(UserProfiles::location()));
+            for (const std::string& problem : profiles.problems) {
+                err << escapedText("ostrand-cli: " + problem + '\n');
             }
-            return exitSuccess;
+            if (listsProfiles) {
+                return answer(escapedText(CliProfiles::listing(profiles.all)));
+            }
+            const DeliveryProfile* found = findProfile(profiles.all, *options.profile);
+            if (found == nullptr) {
+                throw UsageError{"no single profile answers to \"" + *options.profile +
+                                 "\" (ostrand-cli profiles lists them)"};
+            }
+            profile = *found;
+        }
+        if (options.command == "level" && profile) {
+            if (!profile->target && !options.targetLufs) {
+                throw UsageError{"the profile \"" + profile->name +
+                                 "\" sets no loudness target to level to; add --target"};
+            }
+            if (profile->measuredOn == LoudnessBasis::speech && !options.quiet) {
+                err << "ostrand-cli: note: \"" << profile->name
+                    << "\" is measured on speech; level aims its target at the integrated "
+                       "loudness, and check measures the speech\n";
+            }
         }
         inputs = collectInputs(options, environment.input ? *environment.input : std::cin);
         if (options.output) {
@@ -744,7 +837,7 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
 
     CliConsole console(out, err, environment.progressBar && !options.quiet,
                        environment.terminalWidth, inputs.files.size());
-    Batch batch(options, inputs.files, console, environment);
+    Batch batch(options, inputs.files, console, environment, profile ? &*profile : nullptr);
     batch.run();
     console.finish();
 
@@ -752,18 +845,27 @@ int runCli(std::span<const std::string> args, std::ostream& out, std::ostream& e
     const int done = batch.count(Outcome::done);
     const int skipped = batch.count(Outcome::skipped) + inputs.skipped;
     const int failed = batch.count(Outcome::failed);
+    const int rejected = batch.count(Outcome::rejected);
     if (!options.quiet && (inputs.files.size() > 1 || skipped > 0 || interrupted)) {
-        const char* verb = options.command == "measure" ? "measured"
-                           : options.dryRun             ? "to level"
-                                                        : "leveled";
-        err << "ostrand-cli: " << (interrupted ? "interrupted; " : "") << done << ' ' << verb
-            << ", " << skipped << " skipped, " << failed << " failed in " << elapsedText(started)
-            << '\n';
+        err << "ostrand-cli: " << (interrupted ? "interrupted; " : "");
+        if (options.command == "check") {
+            err << done << " passed " << profile->name << ", " << rejected << " failed it, "
+                << failed << " could not be read";
+        } else {
+            const char* verb = options.command == "measure" ? "measured"
+                               : options.dryRun             ? "to level"
+                                                            : "leveled";
+            err << done << ' ' << verb << ", " << skipped << " skipped, " << failed << " failed";
+        }
+        err << " in " << elapsedText(started) << '\n';
     }
     if (interrupted) {
         return exitInterrupted;
     }
-    return failed > 0 || console.outputFailed() ? exitFailure : exitSuccess;
+    if (failed > 0 || console.outputFailed()) {
+        return exitFailure;
+    }
+    return rejected > 0 ? exitNotMet : exitSuccess;
 }
 
 } // namespace ostrand

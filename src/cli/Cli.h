@@ -1,7 +1,9 @@
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <istream>
+#include <optional>
 #include <ostream>
 #include <span>
 #include <string>
@@ -20,13 +22,17 @@ struct CliEnvironment {
     std::function<bool()> interrupted;
     // Where "-" reads its list of files; standard input when null.
     std::istream* input = nullptr;
+    // The user's profiles file; UserProfiles::location() when empty.
+    std::optional<std::filesystem::path> profilesFile;
 };
 
 // Exit status: 0 when every file succeeded or was skipped, 1 when any
-// failed, 2 for a usage error, 130 when interrupted.
+// failed, 2 for a usage error, 3 when check read every file and one or more
+// do not meet the profile, 130 when interrupted.
 inline constexpr int exitSuccess = 0;
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;
+inline constexpr int exitNotMet = 3;
 inline constexpr int exitInterrupted = 130;
 
 // Runs `ostrand-cli` with the arguments after the program name. Reports go

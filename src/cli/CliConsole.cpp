@@ -21,6 +21,10 @@ std::size_t columnsOf(const std::string& text) {
 
 } // namespace
 
+QString jsonText(const std::string& text) {
+    return FilePaths::isUtf8(text) ? QString::fromStdString(text) : FilePaths::shown(text);
+}
+
 std::string fitToColumns(const std::string& text, std::size_t columns) {
     if (columnsOf(text) <= columns) {
         return text;

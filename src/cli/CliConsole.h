@@ -60,6 +60,10 @@ private:
 // `text` safe to show on a terminal, as the window shows names.
 using FilePaths::escapedText;
 
+// JSON text must be UTF-8. Text that is not is given as the terminal shows
+// it ("caf\xe9.wav").
+QString jsonText(const std::string& text);
+
 // The first `columns` characters of `text` (UTF-8), ending in "…" when cut.
 std::string fitToColumns(const std::string& text, std::size_t columns);
 

@@ -1,5 +1,7 @@
 #include "CliOptions.h"
 
+#include "media/DeliveryProfile.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -22,39 +24,7 @@ constexpr double minCeilingDb = -20.0;
 constexpr double maxCeilingDb = 0.0;
 constexpr int maxJobs = 64;
 
-constexpr std::string_view commands[] = {"level", "measure", "presets"};
-
-std::string normalized(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        if (std::isalnum(static_cast<unsigned char>(c))) {
-            out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-        }
-    }
-    return out;
-}
-
-LoudnessPreset presetNamed(const std::string& name) {
-    std::string wanted = normalized(name);
-    if (wanted == "streaming") {
-        wanted = "youtube";
-    }
-    std::vector<LoudnessPreset> matches;
-    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-        if (!wanted.empty() &&
-            normalized(preset.name.toStdString()).find(wanted) != std::string::npos) {
-            matches.push_back(preset);
-        }
-    }
-    if (matches.size() != 1) {
-        std::string known;
-        for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-            known += (known.empty() ? "\"" : ", \"") + preset.name.toStdString() + "\"";
-        }
-        throw UsageError{"unknown preset \"" + name + "\" (presets: " + known + ")"};
-    }
-    return matches.front();
-}
+constexpr std::string_view commands[] = {"level", "measure", "check", "profiles", "presets"};
 
 double number(const std::string& option, std::string text, double lo, double hi) {
     const std::string given = text;
@@ -95,6 +65,14 @@ void setJobs(CliOptions& options, const std::string& text) {
 }
 
 constexpr unsigned forBoth = forLevel | forMeasure;
+constexpr unsigned forAll = forLevel | forMeasure | forCheck;
+
+void setProfile(CliOptions& options, const std::string& name) {
+    if (options.profile) {
+        throw UsageError{"--profile and --preset name the same thing; give one"};
+    }
+    options.profile = name;
+}
 
 // Parsed in this order, so that the first mistake is the one reported; an
 // ambiguous abbreviation lists its candidates in this order too. The help
@@ -114,10 +92,14 @@ constexpr CliOption table[] = {
          o.ceilingDb = number("--ceiling", text, minCeilingDb, maxCeilingDb);
      },
      {{{HelpPage::level, 2, "true-peak ceiling (default -1)"}}}},
-    {'\0', "preset", "NAME", forLevel,
-     [](CliOptions& o, const std::string& text) { o.preset = presetNamed(text); },
-     {{{HelpPage::level, 3, "a preset from \"ostrand-cli presets\" (\"podcast\",\n"
-                            "\"streaming\", \"broadcast\" or part of a name)"}}}},
+    {'\0', "profile", "NAME", forLevel | forCheck, setProfile,
+     {{{HelpPage::level, 3, "the target and ceiling of a profile from \"ostrand-cli\n"
+                            "profiles\" (\"podcast\", \"broadcast\", part of a name...);\n"
+                            "the output is then checked against it"},
+       {HelpPage::check, 1, "the profile to check against, from \"ostrand-cli\n"
+                            "profiles\" (\"podcast\", \"EBU\", part of a name...)"}}}},
+    {'\0', "preset", "NAME", forLevel | forCheck, setProfile,
+     {{{HelpPage::level, 16, "the earlier name of --profile"}}}},
     {'\0', "mono", "", forLevel, setFlag<&CliOptions::mono>,
      {{{HelpPage::level, 4, "mix the audio down to one channel"}}}},
     {'\0', "noise-aware", "", forLevel,
@@ -138,7 +120,7 @@ constexpr CliOption table[] = {
      {{{HelpPage::level, 8, "write the leveled file exactly here (one input only)"}}}},
     {'\0', "output-dir", "DIR", forLevel, setPath<&CliOptions::outputDir>,
      {{{HelpPage::level, 9, "write the leveled files into DIR (made if missing)"}}}},
-    {'\0', "json", "", forBoth, setFlag<&CliOptions::json>,
+    {'\0', "json", "", forAll, setFlag<&CliOptions::json>,
      {{{HelpPage::general, 6, "one JSON object per file (JSON Lines); a path that is\n"
                               "not UTF-8 also comes as base64 bytes in KEYBytes"}}}},
     {'\0', "plot", "FILE", forBoth, setPath<&CliOptions::plot>,
@@ -153,16 +135,16 @@ constexpr CliOption table[] = {
        {HelpPage::measure, 2, "draw a PNG picture of each file into DIR (made if\n"
                               "missing), named after the file: \"NAME.png\"; a name\n"
                               "already taken gives \"NAME 2.png\""}}}},
-    {'j', "jobs", "N", forBoth, setJobs,
+    {'j', "jobs", "N", forAll, setJobs,
      {{{HelpPage::general, 1, "files processed at once (default: the number of cores)"}}}},
-    {'r', "recursive", "", forBoth, setFlag<&CliOptions::recursive>,
+    {'r', "recursive", "", forAll, setFlag<&CliOptions::recursive>,
      {{{HelpPage::general, 2, "take the media files in folders and their subfolders"}}}},
-    {'\0', "input-list", "FILE", forBoth, setPath<&CliOptions::inputList>,
+    {'\0', "input-list", "FILE", forAll, setPath<&CliOptions::inputList>,
      {{{HelpPage::general, 3, "also take the files listed in FILE, one a line; FILE\n"
                               "\"-\", or \"-\" among the inputs, reads standard input"}}}},
-    {'0', "", "", forBoth, setFlag<&CliOptions::nulSeparated>,
+    {'0', "", "", forAll, setFlag<&CliOptions::nulSeparated>,
      {{{HelpPage::general, 4, "the lists are separated by NUL characters, not lines"}}}},
-    {'\0', "include-leveled", "", forBoth, setFlag<&CliOptions::includeLeveled>,
+    {'\0', "include-leveled", "", forAll, setFlag<&CliOptions::includeLeveled>,
      {{{HelpPage::general, 5, "also take files named \"... leveled.EXT\" that a folder\n"
                               "or a list brings, which are skipped otherwise"}}}},
     {'f', "force", "", forBoth, setFlag<&CliOptions::force>,
@@ -175,9 +157,9 @@ constexpr CliOption table[] = {
      {{{HelpPage::level, 11, "skip a file whose output name is already taken"}}}},
     {'n', "dry-run", "", forLevel, setFlag<&CliOptions::dryRun>,
      {{{HelpPage::level, 12, "print what would be written, write nothing"}}}},
-    {'q', "quiet", "", forBoth, setFlag<&CliOptions::quiet>,
+    {'q', "quiet", "", forAll, setFlag<&CliOptions::quiet>,
      {{{HelpPage::general, 7, "only errors and JSON; no progress, notes or summary"}}}},
-    {'v', "verbose", "", forBoth, setFlag<&CliOptions::verbose>,
+    {'v', "verbose", "", forAll, setFlag<&CliOptions::verbose>,
      {{{HelpPage::general, 8, "also say which file goes where as it starts"}}}},
     // For packaging, which installs the script it prints.
     {'\0', "print-completion", "SHELL", answersAlone | hidden,
@@ -337,20 +319,26 @@ struct Page {
 constexpr Page pages[] = {
     {HelpPage::general, "", R"(usage: ostrand-cli level [options] FILE|FOLDER|- ...
        ostrand-cli measure [options] FILE|FOLDER|- ...
-       ostrand-cli presets
+       ostrand-cli check --profile NAME [options] FILE|FOLDER|- ...
+       ostrand-cli profiles
        ostrand-cli help [COMMAND]
 
 level     evens out the loudness of the speech in each file and writes the
           result beside it as "NAME leveled.EXT"
 measure   prints the loudness, range and peaks of each file, as a meter does
-presets   lists the loudness presets
-help      explains a command: "ostrand-cli help level"
+check     tells whether each file meets a delivery profile, criterion by
+          criterion
+profiles  lists the delivery profiles, built in and your own ("presets" is
+          its earlier name)
+help      explains a command: "ostrand-cli help check"
 
 Common options:
 )",
      R"(
-Exit status: 0 when every file succeeded (or was skipped), 1 when any
-failed, 2 for a usage error, 130 after Ctrl-C, 143 after SIGTERM.
+Exit status: 0 when every file succeeded (or was skipped; for check: met the
+profile), 1 when any failed (could not be read), 2 for a usage error, 3 when
+check read every file and one or more do not meet the profile, 130 after
+Ctrl-C, 143 after SIGTERM.
 )",
      0},
     {HelpPage::level, "level", R"(usage: ostrand-cli level [options] FILE|FOLDER|- ...
@@ -371,14 +359,48 @@ Measures each file as a loudness meter in EBU Mode does (ITU-R BS.1770-4,
 EBU Tech 3341 and 3342) on the file's own channel layout (surround channels
 weigh 1.41, the LFE channel is left out): integrated loudness (LUFS), true
 peak (dBTP), sample peak (dBFS), loudness range (LU), maximum momentary and
-short-term loudness (LUFS), with the duration, rate and layout. A file with
-several audio tracks gets these for each track and for their mix.
+short-term loudness (LUFS), with the duration, rate and layout; and the
+loudness of the speech alone, music and other sound between it left out. A
+file with several audio tracks gets these for each track and for their mix.
 
 )",
      "", forMeasure},
+    {HelpPage::check, "check",
+     R"(usage: ostrand-cli check --profile NAME [options] FILE|FOLDER|- ...
+
+Measures each file (a file with several audio tracks on their mix, as it is
+leveled) and prints, for every criterion of the profile, what it requires,
+what the file measures, and pass or fail with the margin; "not measurable"
+where the file is too short for a figure, or has no speech for a profile
+measured on speech. A file meets the profile when every criterion passes.
+
+)",
+     R"(
+Exit status: 0 when every file meets the profile, 3 when every file was
+read and one or more do not, 1 when a file could not be read (whatever the
+others gave), 2 for a usage error.
+)",
+     forCheck},
+    {HelpPage::none, "profiles", R"(usage: ostrand-cli profiles
+
+Lists the delivery profiles that "check --profile NAME" and "level --profile
+NAME" take, with their criteria: the built-in ones, then your own from
+profiles.ini in Ostrand's configuration folder (~/.config/Ostrand). There,
+"[Name]" starts a profile and "field = value" lines give its criteria:
+
+  [Morning show]
+  target = -18 LUFS
+  tolerance = 1 LU
+  measured-on = speech
+  true-peak = -1.5 dBTP
+  loudness-range = at most 12 LU
+
+A profile with a mistake is named with its line and left out whole.
+)",
+     "", 0},
     {HelpPage::none, "presets", R"(usage: ostrand-cli presets
 
-Lists the loudness presets that "level --preset NAME" takes.
+The earlier name of "ostrand-cli profiles".
 )",
      "", 0},
 };
@@ -527,19 +549,22 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
         }
     }
 
-    if (o.command == "presets") {
+    if (o.command == "profiles" || o.command == "presets") {
         if (!o.inputs.empty() || !words.given.empty()) {
-            throw UsageError{"presets takes no files or options"};
+            throw UsageError{o.command + " takes no files or options"};
         }
         return o;
     }
-    if (o.command == "measure") {
+    for (const auto& [command, use] : {std::pair{"measure", forMeasure}, {"check", forCheck}}) {
         for (const CliOption& option : table) {
-            if ((option.use & forMeasure) == 0 && words.contains(option)) {
-                throw UsageError{"measure takes no " + displayName(option) +
-                                 " (see ostrand-cli help measure)"};
+            if (o.command == command && (option.use & use) == 0 && words.contains(option)) {
+                throw UsageError{o.command + " takes no " + displayName(option) +
+                                 " (see ostrand-cli help " + o.command + ")"};
             }
         }
+    }
+    if (o.command == "check" && !o.profile) {
+        throw UsageError{"check needs --profile NAME (ostrand-cli profiles lists them)"};
     }
     if (o.inputs.empty() && !o.inputList) {
         throw UsageError{"no files given"};
@@ -587,23 +612,21 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs) {
 
 std::string helpText(const std::string& topic) {
     for (const Page& page : pages) {
+        if (page.topic == topic && topic == "profiles") {
+            std::string text = pageText(page) + "\nFields:\n";
+            for (const ProfileFieldHelp& field : profileFields()) {
+                std::string line = "  " + std::string(field.key);
+                line.resize(std::max(helpColumn, line.size() + 1), ' ');
+                text += line + std::string(field.help) + '\n';
+            }
+            return text;
+        }
         if (page.topic == topic) {
             return pageText(page);
         }
     }
     throw UsageError{"no help for \"" + topic + "\" (commands: " + commandList() + ")"};
 }
-std::string presetsText() {
-    std::string text;
-    for (const LoudnessPreset& preset : LoudnessPreset::all()) {
-        char line[160];
-        std::snprintf(line, sizeof line, "%-24s %6.1f LUFS  %5.1f dBTP\n",
-                      preset.name.toStdString().c_str(), preset.loudness, preset.ceiling);
-        text += line;
-    }
-    return text;
-}
-
 std::string completionScript(const std::string& shell) {
     if (shell != "bash") {
         throw UsageError{"no completion for \"" + shell + "\" (shells: bash)"};
@@ -684,6 +707,9 @@ std::string completionScript(const std::string& shell) {
         "\" ;;\n"
         "    measure) words=\"" +
         takenBy(forMeasure) +
+        "\" ;;\n"
+        "    check) words=\"" +
+        takenBy(forCheck) +
         "\" ;;\n"
         "    *) return ;;\n"
         "    esac\n"

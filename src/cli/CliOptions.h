@@ -20,7 +20,7 @@ struct UsageError {
 // What the command line asks for, checked against itself but not yet against
 // the file system (except that --output-dir is not a file).
 struct CliOptions {
-    std::string command; // "level", "measure", "help", "presets"
+    std::string command; // "level", "measure", "check", "profiles", "presets", "help"
     std::string helpTopic;
     bool help = false;
     bool version = false;
@@ -28,7 +28,7 @@ struct CliOptions {
 
     std::optional<double> targetLufs;
     std::optional<double> ceilingDb;
-    std::optional<LoudnessPreset> preset;
+    std::optional<std::string> profile; // --profile or its earlier name --preset
     bool mono = false;
     bool noiseAware = defaultNoiseAwarePauses; // --exact turns it off
     bool wavSidecar = false;
@@ -58,10 +58,11 @@ enum CliOptionUse : unsigned {
     forMeasure = 2,
     answersAlone = 4, // the rest of the line is not looked at (--help)
     hidden = 8,       // for packaging: no abbreviation, help, completion or man page
+    forCheck = 16,
 };
 
 // The pages of "ostrand-cli help [COMMAND]" that list options.
-enum class HelpPage { none, general, level, measure };
+enum class HelpPage { none, general, level, measure, check };
 
 // An option's lines on one help page: `place` orders the page, `text` is
 // its description, a line per "\n".
@@ -93,9 +94,6 @@ CliOptions parseCliOptions(std::span<const std::string> args, int defaultJobs);
 // "ostrand-cli help [TOPIC]": the general text for an empty topic, else that
 // command's. Throws UsageError for an unknown topic.
 std::string helpText(const std::string& topic);
-
-// One preset a line: name, target and ceiling.
-std::string presetsText();
 
 // A script that completes the commands, options and file names of
 // ostrand-cli in `shell` ("bash"). Throws UsageError for another shell.

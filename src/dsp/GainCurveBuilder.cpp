@@ -201,18 +201,21 @@ std::vector<double> boxMean(std::span<const double> x, std::int64_t width) {
     return out;
 }
 
+std::size_t percentileRank(std::size_t count, double p) {
+    const double rank = p * static_cast<double>(count - 1);
+    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18,
+                    "percentile rank out of range");
+    return static_cast<std::size_t>(std::clamp<std::int64_t>(static_cast<std::int64_t>(rank), 0,
+                                                             static_cast<std::int64_t>(count) - 1));
+}
+
 double percentile(std::span<const double> x, double p) {
     if (x.empty()) {
         return 0.0;
     }
-    const double rank = p * static_cast<double>(x.size() - 1);
-    OSTRAND_REQUIRE(std::isfinite(rank) && std::fabs(rank) < 9.2e18,
-                    "percentile rank out of range");
-    const auto k = std::clamp<std::int64_t>(static_cast<std::int64_t>(rank), 0,
-                                            static_cast<std::int64_t>(x.size()) - 1);
     // The k-th smallest value is what sorting a copy and indexing would give.
     std::vector<double> copy(x.begin(), x.end());
-    const auto kth = copy.begin() + k;
+    const auto kth = copy.begin() + static_cast<std::ptrdiff_t>(percentileRank(x.size(), p));
     std::nth_element(copy.begin(), kth, copy.end());
     return *kth;
 }
@@ -278,6 +281,53 @@ void fillGaps(std::span<double> x) noexcept {
     std::fill(x.begin() + static_cast<std::ptrdiff_t>(lastValue + 1), x.end(), x[lastValue]);
 }
 
+Activity findActivity(const FrameAnalysis& a, const LevelingParameters& p) {
+    const std::size_t n = a.meanSquare.size();
+    OSTRAND_REQUIRE(a.kPower.size() >= n, "analysis series of unequal length");
+    Activity activity;
+    activity.active.assign(n, 0);
+    if (n == 0) {
+        return activity;
+    }
+    const std::span<const double> kPower(a.kPower.data(), n);
+
+    // Above an absolute floor and not far below the 3 s around.
+    std::vector<double> frameDb(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        frameDb[i] = decibels(a.meanSquare[i]);
+    }
+    std::vector<double> local = boxMean(a.meanSquare, localLevelFrames);
+    for (double& v : local) {
+        v = decibels(v);
+    }
+    const double floorDb = std::min(percentile(frameDb, 0.95) - floorBelowP95Db, p.absoluteGate);
+    for (std::size_t i = 0; i < n; ++i) {
+        activity.active[i] = static_cast<unsigned char>(frameDb[i] > floorDb &&
+                                                        frameDb[i] > local[i] + p.relativeGate);
+    }
+    if (p.noiseAwarePauses) {
+        activity.engaged.assign(n, 1);
+        // A loud room passes both gates above; its pauses, and the frames of
+        // speech it drowns, must not drag the tracked level down.
+        activity.pause.resize(n);
+        const PauseDetector::Levels noise = PauseDetector::noiseLevels(a.meanSquare);
+        PauseDetector::markQuietStretches(kPower, activity.pause);
+        for (std::size_t i = 0; i < n; ++i) {
+            // Under a quiet floor the gates above already work: leave the plan alone.
+            if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
+                activity.pause[i] = 0;
+                activity.engaged[i] = 0;
+                continue;
+            }
+            if (activity.pause[i] != 0 ||
+                PauseDetector::noiseDominated(frameDb[i], noise.floorDb[i], noise.speechDb[i])) {
+                activity.active[i] = 0;
+            }
+        }
+    }
+    return activity;
+}
+
 GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceilingDb) {
     const std::size_t n = a.meanSquare.size();
     GainCurve curve;
@@ -293,58 +343,21 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceil
     const std::span<const double> kPower(a.kPower.data(), n);
     curve.inputLoudness = Loudness::integrated(kPower);
 
-    // Activity: above an absolute floor and not far below the 3 s around.
-    std::vector<double> frameDb(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        frameDb[i] = decibels(a.meanSquare[i]);
-    }
-    std::vector<double> local = boxMean(a.meanSquare, localLevelFrames);
-    for (double& v : local) {
-        v = decibels(v);
-    }
-    const double floorDb = std::min(percentile(frameDb, 0.95) - floorBelowP95Db, p.absoluteGate);
-
+    Activity activity = findActivity(a, p);
     std::vector<double> num(n, 0.0);
     std::vector<double> den(n, 0.0);
     std::size_t activeCount = 0;
     for (std::size_t i = 0; i < n; ++i) {
-        if (frameDb[i] > floorDb && frameDb[i] > local[i] + p.relativeGate) {
-            num[i] = frameDb[i];
+        if (activity.active[i] != 0) {
+            num[i] = decibels(a.meanSquare[i]);
             den[i] = 1.0;
             ++activeCount;
         }
     }
-    std::vector<unsigned char> pause;
-    std::vector<unsigned char> engaged;
-    if (p.noiseAwarePauses) {
-        engaged.assign(n, 1);
-        // A loud room passes both gates above; its pauses, and the frames of
-        // speech it drowns, must not drag the tracked level down.
-        pause.resize(n);
-        const PauseDetector::Levels noise = PauseDetector::noiseLevels(a.meanSquare);
-        PauseDetector::markQuietStretches(kPower, pause);
-        for (std::size_t i = 0; i < n; ++i) {
-            // Under a quiet floor the gates above already work: leave the plan alone.
-            if (noise.floorDb[i] <= floorDb - PauseDetector::quietFloorBelowGateDb) {
-                pause[i] = 0;
-                engaged[i] = 0;
-                continue;
-            }
-            const bool inactive =
-                pause[i] != 0 ||
-                PauseDetector::noiseDominated(frameDb[i], noise.floorDb[i], noise.speechDb[i]);
-            if (inactive && den[i] != 0.0) {
-                num[i] = 0.0;
-                den[i] = 0.0;
-                --activeCount;
-            }
-        }
-    }
+    const std::vector<unsigned char>& pause = activity.pause;
+    const std::vector<unsigned char>& engaged = activity.engaged;
     curve.activeFraction = static_cast<double>(activeCount) / static_cast<double>(n);
-    curve.active.resize(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        curve.active[i] = static_cast<unsigned char>(den[i] != 0.0);
-    }
+    curve.active = std::move(activity.active);
 
     // Level of the active frames nearby; pauses are bridged, not tracked.
     const std::vector<double> numS = gaussianFilter(num, p.trackingSigma * framesPerSecond);
@@ -368,7 +381,7 @@ GainCurve build(const FrameAnalysis& a, const LevelingParameters& p, double ceil
     // Shift the whole curve until the predicted loudness meets the target.
     const double ceiling = amplitude(ceilingDb);
     const double decay = std::exp(-1.0 / (GainRenderer::releaseMs / 1000.0 * framesPerSecond));
-    std::vector<double>& predictedPower = local; // reused
+    std::vector<double> predictedPower(n);
     const auto meetTarget = [&] {
         double predicted = 0.0;
         for (int prediction = 1;; ++prediction) {

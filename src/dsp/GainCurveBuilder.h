@@ -4,6 +4,7 @@
 #include "GainCurve.h"
 #include "LevelingParameters.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -24,6 +25,20 @@ inline constexpr double levelWithoutActivityDb = -30.0;
 inline constexpr double loudnessToleranceLu = 0.02;
 inline constexpr int maxPredictions = 4;
 
+// Which frames the plan takes for speech. A frame is active when it lies
+// above an absolute floor (under the loudest 5 % of frames, at most
+// absoluteGate) and no more than relativeGate under the 3 s around it; with
+// noiseAwarePauses, the pauses PauseDetector finds by contrast and frames
+// the room's noise dominates are not, where the room is loud enough to pass
+// those gates (`engaged`). `pause` and `engaged` stay empty without
+// noiseAwarePauses.
+struct Activity {
+    std::vector<unsigned char> active;
+    std::vector<unsigned char> pause;
+    std::vector<unsigned char> engaged;
+};
+Activity findActivity(const FrameAnalysis& analysis, const LevelingParameters& parameters);
+
 // ceilingDb: where GainRenderer's limiter will be set, dBTP; the plan
 // predicts what it takes away.
 GainCurve build(const FrameAnalysis& analysis, const LevelingParameters& parameters,
@@ -34,6 +49,8 @@ std::vector<double> boxMean(std::span<const double> x, std::int64_t width);
 
 // Value at rank trunc(p * (n - 1)) of the sorted values; 0 for none.
 double percentile(std::span<const double> x, double p);
+// That rank, trunc(p * (count - 1)), for count > 0.
+std::size_t percentileRank(std::size_t count, double p);
 
 // Normalised Gaussian smoothing (sigma in frames) with the end values held;
 // returns the input for fewer than two values or sigma <= 0.3.

@@ -24,16 +24,8 @@ double decibels(double amplitude) {
     return amplitude > 0.0 ? 20.0 * std::log10(amplitude) : minusInfinity;
 }
 
-double gatedMean(const std::vector<double>& powers, double gate) {
+double gatedMean(std::span<const double> powers, double gate) {
     return Loudness::gatedMean(powers, gate).mean;
-}
-
-double integratedOf(const std::vector<double>& powers) {
-    const double absolute = gatedMean(powers, Loudness::absoluteGateLufs);
-    if (absolute <= 0.0) {
-        return Loudness::silence;
-    }
-    return loudness(gatedMean(powers, loudness(absolute) + Loudness::relativeGateLu));
 }
 
 // The spread between the 10th and 95th percentiles of the short-term
@@ -275,6 +267,14 @@ void LoudnessMeter::endSlice() {
             m_shortTerm.push_back(shortTerm);
         }
     }
+}
+
+double LoudnessMeter::integratedOf(std::span<const double> blockPowers) {
+    const double absolute = gatedMean(blockPowers, Loudness::absoluteGateLufs);
+    if (absolute <= 0.0) {
+        return Loudness::silence;
+    }
+    return loudness(gatedMean(blockPowers, loudness(absolute) + Loudness::relativeGateLu));
 }
 
 LoudnessFigures LoudnessMeter::figures() const {

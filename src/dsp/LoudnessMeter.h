@@ -59,6 +59,15 @@ public:
     void keepShortTermSeries() { m_keepsSeries = true; }
     const std::vector<float>& shortTermSeries() const noexcept { return m_series; }
 
+    // The mean power of every 400 ms gating block so far, one each 100 ms:
+    // block k spans the 10 ms slices 10 k ..< 10 k + 40.
+    const std::vector<double>& blockPowers() const noexcept { return m_momentary; }
+
+    // The integrated loudness of gating blocks: the mean of those above the
+    // absolute gate, then of those above 10 LU under that; Loudness::silence
+    // when no block passes.
+    static double integratedOf(std::span<const double> blockPowers);
+
     std::int64_t channels() const noexcept { return static_cast<std::int64_t>(m_weights.size()); }
     double sampleRate() const noexcept { return m_sampleRate; }
 

@@ -13,12 +13,15 @@
 #include "dsp/Loudness.h"
 #include "dsp/LoudnessMeter.h"
 #include "dsp/PauseDetector.h"
+#include "dsp/ProgrammeLevels.h"
+#include "dsp/SpeechGate.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -548,22 +551,42 @@ LevelingReport process(const LevelingRequest& request, const ProgressHandler& pr
 namespace {
 
 // Meters one programme (a track, or the mix of several) in one read;
-// `series`, when given, receives its short-term loudness every 10 ms.
+// `series`, when given, receives its short-term loudness every 10 ms, and
+// `levels` the figures of the leveler's analysis of the same audio.
 LoudnessFigures meterPass(const MediaAsset& asset, const SourceAudioFormat& format,
                           const std::vector<MediaAsset::AudioTrack>& tracks, PassProgress& pass,
-                          const CancelCheck& isCancelled, LevelingSeries* series = nullptr) {
+                          const CancelCheck& isCancelled, LevelingSeries* series = nullptr,
+                          Measurement* levels = nullptr) {
     LoudnessMeter meter(format.sampleRate, channelWeights(format.channelMask, format.channels));
     if (series) {
         meter.keepShortTermSeries();
     }
+    std::optional<FrameAnalyzer> analyzer;
+    if (levels) {
+        analyzer.emplace(format.sampleRate, format.channels);
+    }
     MixedAudioReader reader(asset, format, tracks, isCancelled);
     reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
         checkCancelled(isCancelled);
-        meter.append(std::span<const float* const>(planar.data(), planar.size()), count);
+        const std::span<const float* const> samples(planar.data(), planar.size());
+        meter.append(samples, count);
+        if (analyzer) {
+            analyzer->append(samples, count);
+        }
         pass.advance(count);
     });
     if (series) {
         series->inputLoudness = meter.shortTermSeries();
+    }
+    if (levels) {
+        const FrameAnalysis analysis = std::move(*analyzer).analysis();
+        const SpeechGate::Speech speech = SpeechGate::findSpeech(analysis);
+        levels->speechLoudness = SpeechGate::loudness(meter.blockPowers(), speech.frames,
+                                                      analysis.sampleRate, analysis.frameLength);
+        levels->headRoomTone = speech.headSeconds;
+        levels->tailRoomTone = speech.tailSeconds;
+        levels->rms = ProgrammeLevels::rmsDb(analysis);
+        levels->noiseFloor = ProgrammeLevels::noiseFloorDb(analysis);
     }
     return meter.figures();
 }
@@ -623,7 +646,7 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
     auto series = std::make_shared<LevelingSeries>();
     series->duration = asset.durationSeconds;
     const LoudnessFigures figures =
-        meterPass(asset, mix, asset.audioTracks, pass, isCancelled, series.get());
+        meterPass(asset, mix, asset.audioTracks, pass, isCancelled, series.get(), &m);
     m.series = std::move(series);
     if (!severalTracks) {
         m.tracks.push_back({asset.audioTracks.front().streamIndex, mixLayout, mix.channels,
@@ -640,6 +663,8 @@ Measurement measureSource(const std::filesystem::path& source, const ProgressHan
     m.sampleRate = mix.sampleRate;
     m.channels = mix.channels;
     m.layout = mixLayout;
+    m.codec = asset.audioTracks.front().codec;
+    m.bitRate = asset.audioTracks.front().bitRate;
     return m;
 }
 

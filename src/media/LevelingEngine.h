@@ -86,6 +86,21 @@ struct Measurement {
     std::string layout;              // of the mix
     std::vector<ProgrammeMeasurement> tracks;
     std::shared_ptr<const LevelingSeries> series; // the mix's short-term loudness
+
+    // The loudness of the mix's speech alone (SpeechGate); Loudness::silence
+    // without speech.
+    double speechLoudness = 0.0; // LUFS
+    // Unweighted levels of the mix (ProgrammeLevels); NaN where the programme
+    // is too short for them.
+    double rms = 0.0;        // dBFS
+    double noiseFloor = 0.0; // dBFS, the quietest 500 ms
+    // Seconds before the first sound the leveler takes as active and after
+    // the last (SpeechGate).
+    double headRoomTone = 0.0;
+    double tailRoomTone = 0.0;
+    // The first audio track's codec and bit rate, as the file states them.
+    std::string codec;
+    double bitRate = 0.0; // bit/s; 0 when the file does not say
 };
 
 // Reads the source once per track, and once more for the mix of several;

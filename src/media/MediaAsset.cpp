@@ -115,7 +115,9 @@ MediaAsset MediaAsset::open(const std::filesystem::path& url,
             asset.audioTracks.push_back(
                 {index,
                  parameters.sample_rate > 0 ? static_cast<double>(parameters.sample_rate) : 0.0,
-                 std::max(parameters.ch_layout.nb_channels, 0), mask, std::move(layout)});
+                 std::max(parameters.ch_layout.nb_channels, 0), mask, std::move(layout),
+                 avcodec_get_name(parameters.codec_id),
+                 static_cast<double>(std::max<std::int64_t>(parameters.bit_rate, 0))});
         } else if (parameters.codec_type == AVMEDIA_TYPE_VIDEO &&
                    (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0) {
             asset.videoTracks.push_back({index});

@@ -24,6 +24,8 @@ struct MediaAsset {
         // there is none) and the layout's name ("stereo", "5.1(side)").
         std::uint64_t channelMask = 0;
         std::string layout;
+        std::string codec{};  // FFmpeg's name, e.g. "mp3"
+        double bitRate = 0.0; // bit/s, as the container states it; 0 when it does not
     };
     struct VideoTrack {
         int streamIndex = -1;

@@ -48,6 +48,10 @@ CliRun run(std::vector<std::string> args, std::function<bool()> interrupted = {}
     std::ostringstream out;
     std::ostringstream err;
     environment.interrupted = std::move(interrupted);
+    // The tester's own profiles stay out of the tests.
+    if (!environment.profilesFile) {
+        environment.profilesFile = "/nonexistent/Ostrand/profiles.ini";
+    }
     const int status = runCli(args, out, err, environment);
     return {status, out.str(), err.str()};
 }
@@ -187,9 +191,12 @@ TEST_P(MeasureLayout, WeighsEachChannel) {
     const auto tenth = [&o](const char* key) {
         return QString::number(o[key].toDouble(), 'f', 1).toStdString();
     };
+    // A steady tone has no speech.
+    EXPECT_EQ(o["speechLoudness"], QJsonValue());
     EXPECT_EQ(run({"measure", source.string()}).out,
-              source.string() + ": " + tenth("integratedLoudness") + " LUFS \u00b7 true peak " +
-                  tenth("truePeak") + " dBTP \u00b7 sample peak " + tenth("samplePeak") +
+              source.string() + ": " + tenth("integratedLoudness") +
+                  " LUFS \u00b7 no speech found \u00b7 true peak " + tenth("truePeak") +
+                  " dBTP \u00b7 sample peak " + tenth("samplePeak") +
                   " dBFS \u00b7 3s \u00b7 44100 Hz " + c.layout + "\n  range " +
                   tenth("loudnessRange") + " LU \u00b7 max momentary " + tenth("maxMomentary") +
                   " LUFS \u00b7 max short-term " + tenth("maxShortTerm") + " LUFS\n");
@@ -308,7 +315,11 @@ const Usage usages[] = {
     {"badNumber", "level --target loud a.wav", "needs a number"},
     {"outOfRange", "level --ceiling 3 a.wav", "must lie between"},
     {"missingValue", "level a.wav --target", "needs a value"},
-    {"unknownPreset", "level --preset radio a.wav", "unknown preset"},
+    {"unknownPreset", "level --preset radio a.wav", "no single profile answers to \"radio\""},
+    {"profileAndPreset", "check --profile podcast --preset podcast a.wav", "give one"},
+    {"checkNeedsAProfile", "check a.wav", "check needs --profile"},
+    {"checkOptions", "check --profile podcast --mono a.wav", "check takes no --mono"},
+    {"levelNeedsATarget", "level --profile audiobook a.wav", "sets no loudness target"},
     {"outputTwice", "level --output x.wav a.wav b.wav", "exactly one input"},
     {"wrongOutputExtension", "level --output x.mp4 a.wav", "must end in .wav"},
     {"measureOptions", "measure --mono a.wav", "measure takes no --mono"},
@@ -649,10 +660,97 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     EXPECT_NE(run({"--help"}).out.find("usage: ostrand-cli level"), std::string::npos);
     EXPECT_EQ(run({"--version"}).out.rfind("ostrand-cli ", 0), 0u);
     EXPECT_NE(run({"help", "level"}).out.find("--skip-existing"), std::string::npos);
-    EXPECT_NE(run({"presets"}).out.find("Broadcast (EBU R128)      -23.0 LUFS"), std::string::npos);
+    EXPECT_NE(run({"presets"}).out.find("EBU R128, also \"Broadcast (EBU R128)\""),
+              std::string::npos);
     const CliRun verbose = run(
         {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
     EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
+}
+
+// Each criterion with what it requires, what was measured and the verdict;
+// the status tells a file that does not meet the profile from one that
+// could not be read.
+TEST(CliTest, CheckJudgesEachCriterion) {
+    const TempDir dir;
+    PlanarAudio talk = speechLike(48000.0, 2, 12.0, 7);
+    talk.applyGainDb(-6.0);
+    const fs::path source = floatWav(dir / "talk.wav", talk);
+    const fs::path shortTone = sineFile(dir / "beep.wav", 48000, "mono", 0.3);
+    const fs::path text = textFile(dir / "notes.mp4");
+    // level checks what it wrote.
+    const CliRun level =
+        run({"level", "--profile", "podcast", "-o", (dir / "out.wav").string(), source.string()});
+    ASSERT_EQ(level.status, exitSuccess) << level.err;
+    EXPECT_NE(level.out.find(" dBTP\n  meets Apple Podcasts\n"), std::string::npos) << level.out;
+
+    const CliRun meets = run({"check", "--profile", "podcast", (dir / "out.wav").string()});
+    EXPECT_EQ(meets.status, exitSuccess) << meets.err;
+    EXPECT_NE(meets.out.find("out.wav: meets Apple Podcasts\n  integrated loudness   -16.0 "
+                             "\u00b1 1.0 LUFS      -1"),
+              std::string::npos)
+        << meets.out;
+    EXPECT_NE(meets.out.find(" LU to spare\n  true peak             at most -1.0 dBTP     -"),
+              std::string::npos)
+        << meets.out;
+
+    const CliRun ebu = run({"check", "--profile", "EBU", "-j", "1", "--json", source.string(),
+                            (dir / "out.wav").string(), shortTone.string()});
+    EXPECT_EQ(ebu.status, exitNotMet) << ebu.err;
+    std::map<std::string, QJsonObject> criteria; // file name: criterion: its object
+    for (const QJsonObject& line : jsonLines(ebu.out)) {
+        EXPECT_EQ(line["profile"].toString(), "EBU R128");
+        EXPECT_FALSE(line["passed"].toBool());
+        for (const QJsonValue& criterion : line["criteria"].toArray()) {
+            const QJsonObject c = criterion.toObject();
+            criteria[fs::path(line["source"].toString().toStdString()).filename().string() + ":" +
+                     c["criterion"].toString().toStdString()] = c;
+        }
+    }
+    EXPECT_EQ(criteria["out.wav:integratedLoudness"]["result"], "fail");
+    EXPECT_LT(criteria["out.wav:integratedLoudness"]["margin"].toDouble(), -5.0);
+    EXPECT_EQ(criteria["out.wav:integratedLoudness"]["target"], -23.0);
+    EXPECT_EQ(criteria["out.wav:truePeak"]["result"], "pass");
+    EXPECT_EQ(criteria["out.wav:loudnessRange"]["result"], "reported");
+    EXPECT_EQ(criteria["beep.wav:integratedLoudness"]["result"], "notMeasurable");
+    EXPECT_EQ(criteria["beep.wav:integratedLoudness"]["why"], "too short to measure");
+    EXPECT_EQ(criteria["beep.wav:loudnessRange"]["measured"], QJsonValue());
+
+    const CliRun unreadable =
+        run({"check", "--profile", "podcast", (dir / "out.wav").string(), text.string()});
+    EXPECT_EQ(unreadable.status, exitFailure);
+    EXPECT_NE(unreadable.err.find("1 passed Apple Podcasts, 0 failed it, 1 could not be read"),
+              std::string::npos)
+        << unreadable.err;
+}
+
+// The user's own profiles join the list; one with a mistake is named by its
+// line and left out.
+TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
+    const TempDir dir;
+    CliEnvironment environment;
+    environment.profilesFile = textFile(dir / "profiles.ini", "[Morning show]\n"
+                                                              "target = -18 LUFS\n"
+                                                              "tolerance = 1\n"
+                                                              "measured-on = speech\n"
+                                                              "\n"
+                                                              "[Late show]\n"
+                                                              "target = -18\n"
+                                                              "lufs = -18\n");
+    const CliRun listed = run({"profiles"}, {}, environment);
+    EXPECT_EQ(listed.status, exitSuccess);
+    EXPECT_NE(listed.out.find("Morning show (your own)\n  speech loudness -18.0 \u00b1 1.0 LUFS\n"),
+              std::string::npos)
+        << listed.out;
+    EXPECT_EQ(listed.out.find("Late show"), std::string::npos);
+    EXPECT_NE(listed.err.find("profiles.ini:8: unknown field \"lufs\" (the profile \"Late show\" "
+                              "is left out)"),
+              std::string::npos)
+        << listed.err;
+    const fs::path talk = floatWav(dir / "talk.wav", speechLike(48000.0, 1, 6.0, 3));
+    EXPECT_EQ(run({"check", "--profile", "morning", talk.string()}, {}, environment).status,
+              exitNotMet);
+    EXPECT_EQ(run({"check", "--profile", "late show", talk.string()}, {}, environment).status,
+              exitUsage);
 }
 
 // The man page's formats are the table's, every extension once.
