@@ -92,8 +92,15 @@ TEST_P(KWeightingBlocks, PlanarInBlocksEqualsPerChannelInOnePiece) {
     KWeightingFilter pieces(44100.0, channels);
     test::inBlocks(blocked, block,
                    [&](const auto& at, std::int64_t n, auto) { pieces.processPlanar(at, n); });
-    // The state carried from block to block shows in every later sample.
     EXPECT_EQ(blocked.channels, reference.channels);
+    // Then per channel: each channel's state is where the planar path left it.
+    test::PlanarAudio more = test::whiteNoise(44100.0, channels, 0.01, -12.0, 4);
+    test::PlanarAudio moreBlocked = more;
+    for (int c = 0; c < channels; ++c) {
+        whole.process(c, more.channels[static_cast<std::size_t>(c)]);
+        pieces.process(c, moreBlocked.channels[static_cast<std::size_t>(c)]);
+    }
+    EXPECT_EQ(moreBlocked.channels, more.channels);
 }
 
 INSTANTIATE_TEST_SUITE_P(ChannelsAndSizes, KWeightingBlocks,
