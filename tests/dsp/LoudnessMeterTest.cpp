@@ -371,9 +371,9 @@ struct Coefficients {
     const char* name;
     Design design;
     double rate;
-    std::size_t section;            // 0 shelf, 1 high-pass
-    std::array<double, 5> expected; // b0, b1, b2, a1, a2
+    std::size_t section; // 0 shelf, 1 high-pass
     double tolerance;
+    std::array<double, 5> expected; // b0, b1, b2, a1, a2
 };
 
 class KWeightingCoefficients : public testing::TestWithParam<Coefficients> {};
@@ -391,47 +391,24 @@ TEST_P(KWeightingCoefficients, MatchTheTable) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Designs, KWeightingCoefficients,
-    testing::Values(
-        Coefficients{"meterShelf48k",
-                     meterDesign,
-                     48000,
-                     0,
-                     {1.53512485958697, -2.69169618940638, 1.19839281085285, -1.69065929318241,
-                      0.73248077421585},
-                     1e-12},
-        Coefficients{"meterHighPass48k",
-                     meterDesign,
-                     48000,
-                     1,
-                     {1.0, -2.0, 1.0, -1.99004745483398, 0.99007225036621},
-                     1e-12},
-        Coefficients{"levelerShelf48k",
-                     levelerDesign,
-                     48000,
-                     0,
-                     {1.5293049415, -2.6361232440, 1.1584848684, -1.6537779325, 0.7054444984},
-                     5e-10},
-        Coefficients{"levelerHighPass48k",
-                     levelerDesign,
-                     48000,
-                     1,
-                     {0.9950299263, -1.9900598526, 0.9950299263, -1.9900474548, 0.9900722504},
-                     5e-10},
-        Coefficients{"levelerShelf44k",
-                     levelerDesign,
-                     44100,
-                     0,
-                     {1.5245497507, unknown, unknown, -1.6237063835, 0.6840684538},
-                     5e-10},
-        Coefficients{"levelerHighPass44k",
-                     levelerDesign,
-                     44100,
-                     1,
-                     {unknown, unknown, unknown, -1.9891696736, 0.9891990358},
-                     5e-10}),
-    byName);
+// clang-format off
+const Coefficients designs[] = {
+    {"meterShelf48k", meterDesign, 48000, 0, 1e-12,
+     {1.53512485958697, -2.69169618940638, 1.19839281085285, -1.69065929318241, 0.73248077421585}},
+    {"meterHighPass48k", meterDesign, 48000, 1, 1e-12,
+     {1.0, -2.0, 1.0, -1.99004745483398, 0.99007225036621}},
+    {"levelerShelf48k", levelerDesign, 48000, 0, 5e-10,
+     {1.5293049415, -2.6361232440, 1.1584848684, -1.6537779325, 0.7054444984}},
+    {"levelerHighPass48k", levelerDesign, 48000, 1, 5e-10,
+     {0.9950299263, -1.9900598526, 0.9950299263, -1.9900474548, 0.9900722504}},
+    {"levelerShelf44k", levelerDesign, 44100, 0, 5e-10,
+     {1.5245497507, unknown, unknown, -1.6237063835, 0.6840684538}},
+    {"levelerHighPass44k", levelerDesign, 44100, 1, 5e-10,
+     {unknown, unknown, unknown, -1.9891696736, 0.9891990358}},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Designs, KWeightingCoefficients, testing::ValuesIn(designs), byName);
 
 class KWeightingAcrossRates : public testing::TestWithParam<std::tuple<double, double>> {};
 
