@@ -32,10 +32,7 @@ public:
     double sampleRate() const noexcept { return m_sampleRate; }
     std::int64_t channels() const noexcept { return m_channels; }
     std::int64_t frameLength() const noexcept { return m_frameLength; }
-    std::int64_t totalSamples() const noexcept { return m_totalSamples; }
-    const std::vector<double>& meanSquare() const noexcept { return m_meanSquare; }
     const std::vector<double>& kPower() const noexcept { return m_kPower; }
-    const std::vector<double>& peak() const noexcept { return m_peak; }
     const KWeightingFilter& filter() const noexcept { return m_filter; }
 
     FrameAnalysis analysis() const&;

@@ -32,7 +32,6 @@ public:
     std::int64_t channelCount() const noexcept {
         return static_cast<std::int64_t>(m_stages.size());
     }
-    const std::vector<Sections>& stages() const noexcept { return m_stages; }
 
     static Biquad highShelf(double sampleRate) noexcept;
     static Biquad highPass(double sampleRate) noexcept;

@@ -15,6 +15,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <limits>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -391,7 +392,9 @@ struct FailureCase {
     rlim_t fileSizeLimit = RLIM_INFINITY; // a full disk below that
     bool measureFails = false;            // measuring the source fails with the same message
     ExistingFile existing = ExistingFile::replace;
-    bool failsFirst = false; // before any progress is reported
+    bool failsFirst = false;    // before any progress is reported
+    double targetLufs = target; // one that is not a number would plan silence
+    double ceilingDb = ceiling;
 };
 
 class FailureTest : public ::testing::TestWithParam<FailureCase> {};
@@ -411,6 +414,8 @@ TEST_P(FailureTest, FailsWithItsMessageAndChangesNoFile) {
     std::atomic<int> allReports = 0;
     const Options options{.sidecar = dir / "out/leveled.wav",
                           .existing = c.existing,
+                          .targetLufs = c.targetLufs,
+                          .ceilingDb = c.ceilingDb,
                           .progress =
                               [&](auto p) {
                                   reports += p.phase == c.cancelIn;
@@ -463,6 +468,9 @@ const auto earlierFullLengthName = [](const TempDir& d) {
     return talk(d);
 };
 
+const char* const notANumber =
+    "^Couldn't write .*the loudness target or the ceiling is not a number";
+
 // clang-format off
 const FailureCase failures[] = {
     {"TruncatedMp4", [](auto& d) { return truncatedCopy(clip(d), d / "cut.mp4", 0.5); },
@@ -493,6 +501,14 @@ const FailureCase failures[] = {
     {"RateBeyondAnyRecording", [](auto& d) { return claimingRate(d / "fast.wav", 999999999.0); },
      "^Couldn't read the file: .*999999999 Hz is beyond", "out/leveled.wav", {}, RLIM_INFINITY,
      true},
+    {"TargetNotANumber", talk, notANumber, "out/leveled.wav", {}, RLIM_INFINITY, false,
+     ExistingFile::replace, true, std::numeric_limits<double>::quiet_NaN()},
+    {"TargetInfinite", talk, notANumber, "out/leveled.wav", {}, RLIM_INFINITY, false,
+     ExistingFile::replace, true, -std::numeric_limits<double>::infinity()},
+    {"CeilingNotANumber", talk, notANumber, "out/leveled.wav", {}, RLIM_INFINITY, false,
+     ExistingFile::replace, true, target, std::numeric_limits<double>::quiet_NaN()},
+    {"CeilingInfinite", talk, notANumber, "out/leveled.wav", {}, RLIM_INFINITY, false,
+     ExistingFile::replace, true, target, std::numeric_limits<double>::infinity()},
 };
 // clang-format on
 

@@ -172,60 +172,9 @@ PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uin
     return audio;
 }
 
-PlanarAudio musicLike(double sampleRate, int channels, double seconds, std::uint32_t seed) {
-    const std::size_t n = sampleCount(sampleRate, seconds);
-    PlanarAudio audio = withChannels(sampleRate, channels, n);
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    const double beat = 0.5; // seconds: 120 beats a minute
-    const auto beatSamples = sampleCount(sampleRate, beat);
-    const double twoPi = 2.0 * std::numbers::pi;
-    // Chord roots in semitones above A2, one chord a bar of four beats.
-    std::vector<double> roots;
-    for (std::size_t bar = 0; bar * 4 * beatSamples < n; ++bar) {
-        roots.push_back(std::floor(12.0 * unit(rng)));
-    }
-    for (std::size_t c = 0; c < audio.channels.size(); ++c) {
-        std::vector<float>& out = audio.channels[c];
-        const double balance = 1.0 - 0.3 * static_cast<double>(c % 2);
-        std::mt19937 hatNoise(seed + 1000 + static_cast<std::uint32_t>(c));
-        std::normal_distribution<double> gauss(0.0, 1.0);
-        double previous = 0.0;
-        for (std::size_t i = 0; i < n; ++i) {
-            const double t = static_cast<double>(i) / sampleRate;
-            const std::size_t beatIndex = i / beatSamples;
-            const double sinceBeat = static_cast<double>(i % beatSamples) / sampleRate;
-            const double root = 110.0 * std::pow(2.0, roots[beatIndex / 4] / 12.0);
-            double x = 0.0;
-            // The chord: root, third, fifth, an octave up, eight harmonics.
-            for (const double interval : {0.0, 4.0, 7.0}) {
-                const double f = 2.0 * root * std::pow(2.0, interval / 12.0);
-                for (int h = 1; h <= 8 && f * h < 0.45 * sampleRate; ++h) {
-                    x += 0.05 * balance * std::sin(twoPi * f * h * t) / h *
-                         std::exp(-sinceBeat * (1.0 + h));
-                }
-            }
-            x += 0.25 * std::sin(twoPi * root / 2.0 * t) * std::exp(-2.0 * sinceBeat);
-            if (beatIndex % 2 == 0) {
-                // Kick: a sine falling from 150 to 50 Hz.
-                const double kick =
-                    twoPi * (50.0 * sinceBeat + 100.0 * (1.0 - std::exp(-30.0 * sinceBeat)) / 30.0);
-                x += 0.5 * std::sin(kick) * std::exp(-12.0 * sinceBeat);
-            }
-            // Hi-hat on the off-beats: differentiated noise, quickly gone.
-            const double halfBeat = std::fmod(sinceBeat, beat / 2.0);
-            const double noise = gauss(hatNoise);
-            x += 0.15 * (noise - previous) * std::exp(-halfBeat * 60.0);
-            previous = noise;
-            out[i] = static_cast<float>(0.4 * x);
-        }
-    }
-    return audio;
-}
-
 PlanarAudio surround51(double sampleRate, double seconds, std::uint32_t seed) {
     PlanarAudio audio = withChannels(sampleRate, 6, sampleCount(sampleRate, seconds));
-    const PlanarAudio front = musicLike(sampleRate, 2, seconds, seed);
+    const PlanarAudio front = brightMusicLike(sampleRate, 2, seconds, seed);
     const PlanarAudio centre = speechLike(sampleRate, 1, seconds, seed + 1);
     const PlanarAudio rumble = pinkNoise(sampleRate, 1, seconds, -12.0, seed + 2);
     const PlanarAudio ambience = pinkNoise(sampleRate, 2, seconds, -32.0, seed + 3);

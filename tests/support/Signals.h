@@ -67,11 +67,6 @@ PlanarAudio pinkNoise(double sampleRate, int channels, double seconds, double rm
 // voice recording. Identical channels for stereo.
 PlanarAudio speechLike(double sampleRate, int channels, double seconds, std::uint32_t seed);
 
-// Something that measures like produced music: chords of decaying harmonic
-// notes over a bass line, with kick and hi-hat hits, peaks near -6 dBFS; the
-// channels differ in balance and in the hi-hat's noise.
-PlanarAudio musicLike(double sampleRate, int channels, double seconds, std::uint32_t seed);
-
 // A 5.1 programme in the order L, R, C, LFE, Ls, Rs: music in front, speech
 // in the centre, loud rumble below 120 Hz in the LFE, pink noise ambience in
 // the surrounds.
