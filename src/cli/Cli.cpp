@@ -493,6 +493,12 @@ private:
                 warnings.append(QString::fromStdString(warning));
             }
             object["warnings"] = warnings;
+            const StageTimes& t = report.stageTimes;
+            object["stageSeconds"] = QJsonObject{
+                {"decode", t.decode}, {"analysis", t.analysis}, {"plan", t.plan},
+                {"render", t.render}, {"handOver", t.handOver}, {"encode", t.encode},
+                {"write", t.write},   {"check", t.check},       {"total", t.total},
+            };
             if (plot) {
                 putPath(object, "plot", plot);
             }

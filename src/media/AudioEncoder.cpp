@@ -1,5 +1,6 @@
 #include "AudioEncoder.h"
 
+#include "Stopwatch.h"
 #include "WriterParts.h"
 
 extern "C" {
@@ -149,6 +150,7 @@ void AudioEncoder::makeFrameWritable(int samples) {
 // Converts a block to the encoder's sample format, into the FIFO that cuts
 // it into the encoder's frames.
 void AudioEncoder::encode(std::span<float* const> planar, std::int64_t count64, MediaTime at) {
+    const Stopwatch busy(m_busySeconds);
     if (!m_nextPts) {
         m_nextPts = av_rescale_q(at.value, AVRational{1, at.timescale}, AVRational{1, m_rate});
     }
@@ -177,6 +179,7 @@ void AudioEncoder::encode(std::span<float* const> planar, std::int64_t count64, 
         planes[0] = m_interleaved.data();
     }
     if (!m_meter->decodes()) {
+        const Stopwatch metering(m_meterSeconds);
         m_meter->appendSamples(planar, count);
     }
     const int written = av_audio_fifo_write(m_fifo.get(), planes, count);
@@ -189,9 +192,11 @@ void AudioEncoder::encode(std::span<float* const> planar, std::int64_t count64, 
 }
 
 void AudioEncoder::finish() {
+    const Stopwatch busy(m_busySeconds);
     encodeFromFifo(av_audio_fifo_size(m_fifo.get()));
     sendFrame(nullptr);
     if (m_meter->decodes()) {
+        const Stopwatch metering(m_meterSeconds);
         m_meter->appendPacket(nullptr);
     }
 }
@@ -224,11 +229,13 @@ void AudioEncoder::sendFrame(const AVFrame* frame) {
         }
         check(received, "");
         if (m_meter->decodes()) {
+            const Stopwatch metering(m_meterSeconds);
             m_meter->appendPacket(m_packet.get());
         }
         av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
         m_packet->stream_index = m_stream->index;
         // Takes the packet's data; the packet is blank afterwards.
+        const Stopwatch writing(m_writeSeconds);
         check(av_interleaved_write_frame(&m_output, m_packet.get()), "");
     }
 }

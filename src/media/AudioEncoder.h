@@ -31,6 +31,11 @@ public:
     // The time of the next sample to encode, in samples.
     std::int64_t nextSample() const noexcept { return m_nextPts.value_or(0); }
     LoudnessFigures measured() const { return m_meter->figures(); }
+    // Seconds spent in encode() and finish(), and the parts of them spent
+    // metering and writing the file.
+    double busySeconds() const noexcept { return m_busySeconds; }
+    double meterSeconds() const noexcept { return m_meterSeconds; }
+    double writeSeconds() const noexcept { return m_writeSeconds; }
 
 private:
     void prepareFrame(int samples);
@@ -51,6 +56,9 @@ private:
     PacketPtr m_packet;
     std::optional<std::int64_t> m_nextPts; // of the next sample to encode
     std::optional<OutputMeter> m_meter;
+    double m_busySeconds = 0.0;
+    double m_meterSeconds = 0.0;
+    double m_writeSeconds = 0.0;
 };
 
 } // namespace ostrand

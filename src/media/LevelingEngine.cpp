@@ -6,6 +6,7 @@
 #include "MixedAudioReader.h"
 #include "OstrandError.h"
 #include "OutputFormat.h"
+#include "Stopwatch.h"
 #include "dsp/FrameAnalysis.h"
 #include "dsp/FrameAnalyzer.h"
 #include "dsp/GainCurveBuilder.h"
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -232,7 +234,7 @@ struct Attempt {
 // The plan's gains through a limiter whose threshold is `thresholdDb`.
 Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCurve& curve,
                      double thresholdDb, double progressStart, double progressShare,
-                     double progressStep) {
+                     double progressStep, StageTimes& times) {
     const MediaAsset& asset = job.opened.asset;
     const double rate = job.opened.format.sampleRate;
     const std::int64_t channels = job.opened.format.channels;
@@ -262,31 +264,53 @@ Attempt levelingPass(const Job& job, const FrameAnalysis& analysis, const GainCu
         if (block.count == 0) {
             return;
         }
-        outputAnalyzer.append(block.planar, block.count);
+        {
+            const Stopwatch checking(times.check);
+            outputAnalyzer.append(block.planar, block.count);
+        }
         const MediaTime at = startTime.value_or(MediaTime{}).advancedBySamples(written, timeScale);
+        const Stopwatch handing(times.handOver);
         output.appendAudio(block.planar, block.count, at);
         if (sidecar) {
             sidecar->appendAudio(block.planar, block.count, at);
         }
         written += block.count;
     };
+    const auto render = [&](auto&& work) {
+        const Stopwatch rendering(times.render);
+        return work();
+    };
 
     PassProgress pass(job.progress, LevelingPhase::leveling, job.expectedSamples, progressStart,
                       progressShare, progressStep);
     MixedAudioReader reader(asset, job.opened.format, job.opened.tracks, job.isCancelled);
-    reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
-        checkCancelled(job.isCancelled);
-        if (!startTime) {
-            startTime = time;
-        }
-        write(renderer.append(planar, count));
-        pass.advance(count);
-    });
-    write(renderer.flush());
+    double readSeconds = 0.0;
+    double workSeconds = 0.0; // of the reading, spent on each block
+    {
+        const Stopwatch reading(readSeconds);
+        reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime time) {
+            const Stopwatch working(workSeconds);
+            checkCancelled(job.isCancelled);
+            if (!startTime) {
+                startTime = time;
+            }
+            write(render([&] { return renderer.append(planar, count); }));
+            pass.advance(count);
+        });
+    }
+    times.decode += readSeconds - workSeconds;
+    write(render([&] { return renderer.flush(); }));
 
-    output.complete();
+    {
+        const Stopwatch handing(times.handOver);
+        output.complete();
+        if (sidecar) {
+            sidecar->complete();
+        }
+    }
+    output.addTimes(times);
     if (sidecar) {
-        sidecar->complete();
+        sidecar->addTimes(times);
     }
     attempt.ownLoudness = Loudness::integrated(outputAnalyzer.kPower());
     attempt.limiterGainReduction = renderer.maxGainReduction();
@@ -370,6 +394,8 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
         throw OstrandError::writerFailed("the loudness target or the ceiling is not a number");
     }
 
+    const auto started = std::chrono::steady_clock::now();
+    StageTimes times;
     OpenedSource opened = openSource(source, mono, isCancelled);
     const MediaAsset& asset = opened.asset;
     const OutputFormat::Rule rule = OutputFormat::forSource(source);
@@ -393,21 +419,34 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
         PassProgress pass(progress, LevelingPhase::analyzing, job.expectedSamples, 0.0,
                           analysisShare);
         MixedAudioReader reader(asset, opened.format, opened.tracks, isCancelled);
-        reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
-            checkCancelled(isCancelled);
-            analyzer.append(std::span<const float* const>(planar.data(), planar.size()), count);
-            pass.advance(count);
-        });
+        double readSeconds = 0.0;
+        {
+            const Stopwatch reading(readSeconds);
+            reader.read([&](std::span<float* const> planar, std::int64_t count, MediaTime) {
+                const Stopwatch analysing(times.analysis);
+                checkCancelled(isCancelled);
+                analyzer.append(std::span<const float* const>(planar.data(), planar.size()), count);
+                pass.advance(count);
+            });
+        }
+        times.decode += readSeconds - times.analysis;
     }
     const double frameSeconds = static_cast<double>(analyzer.frameLength()) / rate;
-    const FrameAnalysis analysis = std::move(analyzer).analysis();
+    const FrameAnalysis analysis = [&] {
+        const Stopwatch analysing(times.analysis);
+        return std::move(analyzer).analysis();
+    }();
 
     // A lossy codec adds peaks of its own above the limiter's, so its limiter
     // starts below the ceiling. The plan counts on that threshold.
     const double firstThresholdDb =
         ceilingDb - (MediaWriter::isLossy(encoding) ? lossyHeadroomDb : 0.0);
     LevelingParameters planned = parameters;
-    GainCurve curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb);
+    const auto plan = [&] {
+        const Stopwatch planning(times.plan);
+        return GainCurveBuilder::build(analysis, planned, firstThresholdDb);
+    };
+    GainCurve curve = plan();
 
     // Peaks the limiter's estimate missed, or the encoder added, take the
     // file over the ceiling: level it again with the same gains and a lower
@@ -426,7 +465,7 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
     double progressShare = firstShare;
     const auto attempt = [&] {
         Attempt made = levelingPass(job, analysis, curve, thresholdDb, progressStart, progressShare,
-                                    reportStep * firstShare / progressShare);
+                                    reportStep * firstShare / progressShare, times);
         made.curve = curve;
         made.thresholdDb = thresholdDb;
         made.plannedTarget = planned.targetLufs;
@@ -467,7 +506,7 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
             // The miss already holds what a lowered threshold took: the plan
             // keeps its first limiter model and moves only its target.
             planned.targetLufs += miss(written) / response;
-            curve = GainCurveBuilder::build(analysis, planned, firstThresholdDb);
+            curve = plan();
         } else {
             break;
         }
@@ -526,6 +565,8 @@ LevelingReport level(const LevelingRequest& request, const ProgressHandler& prog
     series->limiterReduction = std::move(best.limiterReduction);
     series->active = best.curve.active;
     report.series = std::move(series);
+    times.total = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    report.stageTimes = times;
     return report;
 }
 

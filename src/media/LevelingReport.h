@@ -40,6 +40,24 @@ struct LevelingSeries {
     std::size_t frames() const noexcept { return inputLoudness.size(); }
 };
 
+// Where a job's time went, in seconds of the thread that spent it: the job's
+// thread reads the source twice, analyses it, plans, renders and meters its
+// own output; each writer's thread, beside it, encodes, meters what a player
+// will hear and writes the file. Retries add their passes.
+struct StageTimes {
+    double decode = 0.0;   // reading and decoding the source
+    double analysis = 0.0; // the first pass's frame analysis
+    double plan = 0.0;     // every gain plan
+    double render = 0.0;   // gain ramp and limiter
+    double handOver = 0.0; // the job's thread waiting for the writers
+    double encode = 0.0;   // writers: sample conversion and the codec
+    double write = 0.0;    // writers: muxing into the file
+    double check = 0.0;    // the meters of the written audio
+    double total = 0.0;    // the job, by the wall clock
+
+    friend bool operator==(const StageTimes&, const StageTimes&) = default;
+};
+
 // The result of leveling one file.
 struct LevelingReport {
     std::filesystem::path outputURL;
@@ -64,6 +82,7 @@ struct LevelingReport {
     // chapters ...) and whether the limiter's threshold had to be lowered to
     // keep the ceiling, one plain sentence each; empty when neither.
     std::vector<std::string> notes = {};
+    StageTimes stageTimes = {};
     // Shared, so that copies of a report stay cheap; null when not drawn.
     std::shared_ptr<const LevelingSeries> series = {};
 

@@ -102,6 +102,7 @@ public:
         return *m_measured;
     }
     const std::vector<std::string>& notes() const noexcept { return m_notes; }
+    const StageTimes& times() const noexcept { return m_times; }
 
     void setURL(std::filesystem::path url) {
         if (m_state != State::open && m_state != State::completed) {
@@ -137,6 +138,9 @@ public:
         }
         m_audio->finish();
         m_measured = m_audio->measured();
+        m_times.encode = m_audio->busySeconds() - m_audio->meterSeconds() - m_audio->writeSeconds();
+        m_times.check = m_audio->meterSeconds();
+        m_times.write = m_audio->writeSeconds();
         if (m_copy) {
             m_copy->copyPackets(std::nullopt, m_rate);
         }
@@ -298,6 +302,7 @@ private:
     int m_channels = 0;
     State m_state = State::open;
     std::vector<std::string> m_notes;
+    StageTimes m_times; // encode, write and check, once complete
 
     // Used by the encoding thread while it runs, by the caller otherwise.
     std::optional<AtomicFile> m_file;
@@ -352,6 +357,13 @@ const LoudnessFigures& MediaWriter::measured() const {
 
 bool MediaWriter::isLossy(Encoding encoding) noexcept {
     return OutputFormat::isLossy(encoding);
+}
+
+void MediaWriter::addTimes(StageTimes& times) const noexcept {
+    const StageTimes& own = m_impl->times();
+    times.encode += own.encode;
+    times.write += own.write;
+    times.check += own.check;
 }
 
 const std::vector<std::string>& MediaWriter::notes() const noexcept {

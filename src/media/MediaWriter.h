@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LevelingReport.h"
 #include "MediaAsset.h"
 #include "MediaTime.h"
 #include "OutputFormat.h"
@@ -77,6 +78,8 @@ public:
     // The written audio as a programme meter reads it (every channel a front
     // one); only after complete(), else throws OstrandError::writerFailed.
     const LoudnessFigures& measured() const;
+    // Adds the time its thread spent encoding, metering and writing.
+    void addTimes(StageTimes& times) const noexcept;
     // What of the source could not be kept, one plain sentence each, e.g.
     // "the subtitles (hdmv_pgs_subtitle) cannot be kept in MP4".
     const std::vector<std::string>& notes() const noexcept;
