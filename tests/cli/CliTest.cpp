@@ -16,12 +16,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -724,7 +724,7 @@ TEST(CliTest, CheckJudgesEachCriterion) {
 }
 
 // The user's own profiles join the list; one with a mistake is named by its
-// line and left out.
+// line (in the words the profile reader's tests pin) and left out.
 TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
     const TempDir dir;
     CliEnvironment environment;
@@ -742,10 +742,7 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
               std::string::npos)
         << listed.out;
     EXPECT_EQ(listed.out.find("Late show"), std::string::npos);
-    EXPECT_NE(listed.err.find("profiles.ini:8: unknown field \"lufs\" (the profile \"Late show\" "
-                              "is left out)"),
-              std::string::npos)
-        << listed.err;
+    EXPECT_NE(listed.err.find("profiles.ini:8: "), std::string::npos) << listed.err;
     const fs::path talk = floatWav(dir / "talk.wav", speechLike(48000.0, 1, 6.0, 3));
     EXPECT_EQ(run({"check", "--profile", "morning", talk.string()}, {}, environment).status,
               exitNotMet);
@@ -753,72 +750,34 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
               exitUsage);
 }
 
-// The man page's formats are the table's, every extension once.
-TEST(CliTest, ManPageListsTheFormatTable) {
+// The man page's heading lines (".BR \\-o \", \" \\-\\-output") name the options
+// of the table and no others; those under FORMATS the table's extensions,
+// each once.
+TEST(CliTest, ManPageListsTheOptionsAndFormats) {
     std::ifstream page(OSTRAND_CLI_MAN_PAGE);
     ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
-    std::vector<std::string> listed;
+    // A "-" or "--" that starts a word, then lower-case letters, digits and dashes.
+    const std::regex optionName(R"((?:^|[^\w-])(--?[a-z0-9][a-z0-9-]*))");
+    std::set<std::string> documented;
+    std::vector<std::string> formats;
     bool inFormats = false;
     for (std::string line, previous; std::getline(page, line); previous = line) {
-        if (line.rfind(".SH", 0) == 0) {
-            inFormats = line == ".SH FORMATS";
-        } else if (inFormats && previous == ".TP") {
+        inFormats = line.starts_with(".SH") ? line == ".SH FORMATS" : inFormats;
+        if (previous == ".TP" && inFormats) {
             std::istringstream words(line.substr(line.find(' ') + 1));
             for (std::string word; std::getline(words >> std::ws, word, ',');) {
-                listed.push_back(word);
+                formats.push_back(word);
+            }
+        } else if (previous == ".TP") {
+            line = std::regex_replace(line, std::regex(R"(\\-)"), "-"); // troff's \- is a dash
+            for (std::sregex_iterator at(line.begin(), line.end(), optionName), end; at != end;
+                 ++at) {
+                documented.insert((*at)[1]);
             }
         }
     }
-    std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(listed, OutputFormat::sourceExtensions());
-}
-
-// The man page names the options of the table, and no others, on the
-// heading lines of its lists (".BR \\-o \", \" \\-\\-output").
-TEST(CliTest, ManPageNamesEveryOption) {
-    std::ifstream page(OSTRAND_CLI_MAN_PAGE);
-    ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
-    // An option is a "-" or "--" that starts a word, then lower-case letters,
-    // digits and dashes.
-    const auto isNameChar = [](char c) {
-        return std::islower(static_cast<unsigned char>(c)) != 0 ||
-               std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '-';
-    };
-    std::set<std::string> documented;
-    for (std::string line, previous; std::getline(page, line); previous = line) {
-        if (previous != ".TP") {
-            continue;
-        }
-        std::string plain;
-        for (std::size_t k = 0; k < line.size(); ++k) {
-            if (line.compare(k, 2, "\\-") == 0) {
-                ++k; // troff's \- is a dash
-            }
-            plain += line[k];
-        }
-        for (std::size_t k = 0; k < plain.size(); ++k) {
-            const bool starts =
-                plain[k] == '-' &&
-                (k == 0 || (!std::isalnum(static_cast<unsigned char>(plain[k - 1])) &&
-                            plain[k - 1] != '_' && plain[k - 1] != '-'));
-            if (!starts) {
-                continue;
-            }
-            std::size_t end = k + 1;
-            if (end < plain.size() && plain[end] == '-') {
-                ++end;
-            }
-            const std::size_t first = end;
-            if (first >= plain.size() || plain[first] == '-' || !isNameChar(plain[first])) {
-                continue;
-            }
-            while (end < plain.size() && isNameChar(plain[end])) {
-                ++end;
-            }
-            documented.insert(plain.substr(k, end - k));
-            k = end - 1;
-        }
-    }
+    std::sort(formats.begin(), formats.end());
+    EXPECT_EQ(formats, OutputFormat::sourceExtensions());
     std::set<std::string> declared;
     for (const CliOption& option : cliOptionTable()) {
         if ((option.use & hidden) == 0 && option.shortName != '\0') {
