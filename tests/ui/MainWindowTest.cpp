@@ -194,14 +194,14 @@ private slots:
         QMimeData data;
         data.setUrls(urls);
         QVERIFY(dragEnter(data));
-        QVERIFY(m_window->dropHighlight()->isVisible());
+        QVERIFY(highlight()->isVisible());
 
         QDropEvent drop({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
         QApplication::sendEvent(m_window.get(), &drop);
         QCOMPARE(drop.isAccepted(), accepted);
-        QVERIFY(!m_window->dropHighlight()->isVisible());
+        QVERIFY(!highlight()->isVisible());
         QCOMPARE(queuedNames(), queued);
-        QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+        QCOMPARE(welcome()->isVisible(), queued.isEmpty());
         QCOMPARE(m_window->jobList()->isVisible(), !queued.isEmpty());
     }
 
@@ -228,9 +228,7 @@ private slots:
         }
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
         if (fromWelcome) {
-            m_window->welcomePanel()
-                ->findChild<QPushButton*>(QStringLiteral("chooseFiles"))
-                ->click();
+            welcome()->findChild<QPushButton*>(QStringLiteral("chooseFiles"))->click();
         } else {
             QTest::keySequence(m_window.get(), QKeySequence::Open);
         }
@@ -265,12 +263,12 @@ private slots:
         QVERIFY(dragEnter(data));
         QDragLeaveEvent leave;
         QApplication::sendEvent(m_window.get(), &leave);
-        QVERIFY(!m_window->dropHighlight()->isVisible());
+        QVERIFY(!highlight()->isVisible());
         QVERIFY(m_fixture->queue.jobs().isEmpty());
         QMimeData text;
         text.setText(QStringLiteral("not a file"));
         QVERIFY(!dragEnter(text));
-        QVERIFY(!m_window->dropHighlight()->isVisible());
+        QVERIFY(!highlight()->isVisible());
     }
 
     void clearFinishedShownWhileAJobHasEnded_data() {
@@ -303,7 +301,7 @@ private slots:
         clear->trigger();
         QVERIFY(m_fixture->queue.jobs().isEmpty());
         QVERIFY(!clear->isVisible());
-        QVERIFY(m_window->welcomePanel()->isVisible()); // after the last job as before the first
+        QVERIFY(welcome()->isVisible()); // after the last job as before the first
     }
 
     void rowsShowTheirStateAndControl_data() {
@@ -547,7 +545,7 @@ private slots:
 
     void focusFollowsTheFirstJobAndTabReachesTheList() {
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        m_window->welcomePanel()->setFocus();
+        welcome()->setFocus();
         m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav"))});
         QListView* view = m_window->jobList()->view();
         QCOMPARE(QApplication::focusWidget(), view);
@@ -643,6 +641,8 @@ private slots:
     }
 
 private:
+    WelcomePanel* welcome() const { return m_window->findChild<WelcomePanel*>(); }
+    DropHighlight* highlight() const { return m_window->findChild<DropHighlight*>(); }
     QStringList queuedNames() const {
         QStringList names;
         for (const LevelingJob* job : m_fixture->queue.jobs()) {
