@@ -344,6 +344,12 @@ private slots:
         JobRow* jobRow = m_window->jobList()->rowAt(row);
         QVERIFY(jobRow);
         LevelingJob& job = jobRow->job();
+        // A name too long for its row (the first) keeps its start and extension.
+        const auto* name = jobRow->findChild<ElidedLabel*>(QStringLiteral("name"));
+        QCOMPARE(name->fullText(), FilePaths::shownName(job.sourceURL()));
+        QCOMPARE(name->text().contains(QChar(0x2026)), row == 0);
+        QVERIFY(name->text().startsWith(name->fullText().left(6)));
+        QVERIFY(name->text().endsWith(name->fullText().right(4)));
 
         QCOMPARE(jobRow->controlSymbol(), symbol);
         auto* control = jobRow->findChild<QToolButton*>(QStringLiteral("control"));
@@ -411,19 +417,6 @@ private slots:
             QVERIFY(!listed);
             break;
         }
-    }
-
-    void longNamesKeepStartAndExtension() {
-        const QString name = QStringLiteral("a very long recording name that goes on and on and "
-                                            "on until it cannot fit any row at all.wav");
-        m_fixture->queue.add({QueueFixture::file(name)});
-        QApplication::processEvents();
-        auto* label =
-            m_window->jobList()->rowAt(0)->findChild<ElidedLabel*>(QStringLiteral("name"));
-        QCOMPARE(label->fullText(), name);
-        QVERIFY(label->text().contains(QChar(0x2026)));
-        QVERIFY(label->text().startsWith(QStringLiteral("a very")));
-        QVERIFY(label->text().endsWith(QStringLiteral(".wav")));
     }
 
     void contextMenuByState_data() {
