@@ -21,7 +21,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -752,8 +751,33 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
 TEST(CliTest, ManPageListsTheOptionsAndFormats) {
     std::ifstream page(OSTRAND_CLI_MAN_PAGE);
     ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
-    // A "-" or "--" that starts a word, then lower-case letters, digits and dashes.
-    const std::regex optionName(R"((?:^|[^\w-])(--?[a-z0-9][a-z0-9-]*))");
+    // A "-" or "--" that starts a word, then lower-case letters, digits and
+    // dashes; troff's "\-" is a dash.
+    const auto options = [](std::string line, std::set<std::string>& found) {
+        for (std::size_t at; (at = line.find("\\-")) != std::string::npos;) {
+            line.erase(at, 1);
+        }
+        const auto inName = [](char c) {
+            return std::islower(static_cast<unsigned char>(c)) != 0 ||
+                   std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '-';
+        };
+        for (std::size_t k = 0; k < line.size(); ++k) {
+            const bool starts =
+                line[k] == '-' &&
+                (k == 0 || (!std::isalnum(static_cast<unsigned char>(line[k - 1])) &&
+                            line[k - 1] != '_' && line[k - 1] != '-'));
+            const std::size_t first = k + (k + 1 < line.size() && line[k + 1] == '-' ? 2 : 1);
+            if (!starts || first >= line.size() || line[first] == '-' || !inName(line[first])) {
+                continue;
+            }
+            std::size_t end = first;
+            while (end < line.size() && inName(line[end])) {
+                ++end;
+            }
+            found.insert(line.substr(k, end - k));
+            k = end - 1;
+        }
+    };
     std::set<std::string> documented;
     std::vector<std::string> formats;
     bool inFormats = false;
@@ -765,11 +789,7 @@ TEST(CliTest, ManPageListsTheOptionsAndFormats) {
                 formats.push_back(word);
             }
         } else if (previous == ".TP") {
-            line = std::regex_replace(line, std::regex(R"(\\-)"), "-"); // troff's \- is a dash
-            for (std::sregex_iterator at(line.begin(), line.end(), optionName), end; at != end;
-                 ++at) {
-                documented.insert((*at)[1]);
-            }
+            options(line, documented);
         }
     }
     std::sort(formats.begin(), formats.end());
