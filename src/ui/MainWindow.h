@@ -47,8 +47,6 @@ public:
     LoudnessGraphWindow* showLoudnessGraph(LevelingJob& job);
 
     JobList* jobList() const { return m_jobList; }
-    WelcomePanel* welcomePanel() const { return m_welcome; }
-    DropHighlight* dropHighlight() const { return m_highlight; }
     QAction* openAction() const { return m_openAction; }
     QAction* clearFinishedAction() const { return m_clearAction; }
     QAction* checkForUpdatesAction() const { return m_checkAction; }

@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -110,8 +109,7 @@ TEST(CliTest, WarningsGoToStandardErrorAndJson) {
     EXPECT_EQ(text.status, exitSuccess);
     EXPECT_NE(text.err.find(silence.string() + ": warning: " + warning + "\n"), std::string::npos)
         << text.err;
-    // The programme meter's silence reads as the leveler's does.
-    EXPECT_NE(text.out.find(": silent \u2192 silent \u00b7 "), std::string::npos) << text.out;
+    // The programme meter's silence reads as the leveler's does (pinned with the report's text).
     EXPECT_NE(text.out.find("\n  output silent \u00b7 "), std::string::npos) << text.out;
     const CliRun json = run({"level", "--json", "--force", silence.string()});
     EXPECT_EQ(json.status, exitSuccess);
@@ -662,9 +660,6 @@ TEST(CliTest, ParsesLikeAWellKeptTool) {
     EXPECT_NE(run({"help", "level"}).out.find("--skip-existing"), std::string::npos);
     EXPECT_NE(run({"presets"}).out.find("EBU R128, also \"Broadcast (EBU R128)\""),
               std::string::npos);
-    const CliRun verbose = run(
-        {"level", "-v", "--noise-aware", "--output-dir", (dir / "v").string(), source.string()});
-    EXPECT_NE(verbose.err.find("leveling into"), std::string::npos) << verbose.err;
 }
 
 // Each criterion with what it requires, what was measured and the verdict;
@@ -724,7 +719,7 @@ TEST(CliTest, CheckJudgesEachCriterion) {
 }
 
 // The user's own profiles join the list; one with a mistake is named by its
-// line and left out.
+// line (in the words the profile reader's tests pin) and left out.
 TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
     const TempDir dir;
     CliEnvironment environment;
@@ -742,10 +737,7 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
               std::string::npos)
         << listed.out;
     EXPECT_EQ(listed.out.find("Late show"), std::string::npos);
-    EXPECT_NE(listed.err.find("profiles.ini:8: unknown field \"lufs\" (the profile \"Late show\" "
-                              "is left out)"),
-              std::string::npos)
-        << listed.err;
+    EXPECT_NE(listed.err.find("profiles.ini:8: "), std::string::npos) << listed.err;
     const fs::path talk = floatWav(dir / "talk.wav", speechLike(48000.0, 1, 6.0, 3));
     EXPECT_EQ(run({"check", "--profile", "morning", talk.string()}, {}, environment).status,
               exitNotMet);
@@ -753,72 +745,55 @@ TEST(CliTest, UsersProfilesJoinTheBuiltInOnes) {
               exitUsage);
 }
 
-// The man page's formats are the table's, every extension once.
-TEST(CliTest, ManPageListsTheFormatTable) {
+// The man page's heading lines (".BR \\-o \", \" \\-\\-output") name the options
+// of the table and no others; those under FORMATS the table's extensions,
+// each once.
+TEST(CliTest, ManPageListsTheOptionsAndFormats) {
     std::ifstream page(OSTRAND_CLI_MAN_PAGE);
     ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
-    std::vector<std::string> listed;
-    bool inFormats = false;
-    for (std::string line, previous; std::getline(page, line); previous = line) {
-        if (line.rfind(".SH", 0) == 0) {
-            inFormats = line == ".SH FORMATS";
-        } else if (inFormats && previous == ".TP") {
-            std::istringstream words(line.substr(line.find(' ') + 1));
-            for (std::string word; std::getline(words >> std::ws, word, ',');) {
-                listed.push_back(word);
-            }
+    // A "-" or "--" that starts a word, then lower-case letters, digits and
+    // dashes; troff's "\-" is a dash.
+    const auto options = [](std::string line, std::set<std::string>& found) {
+        for (std::size_t at; (at = line.find("\\-")) != std::string::npos;) {
+            line.erase(at, 1);
         }
-    }
-    std::sort(listed.begin(), listed.end());
-    EXPECT_EQ(listed, OutputFormat::sourceExtensions());
-}
-
-// The man page names the options of the table, and no others, on the
-// heading lines of its lists (".BR \\-o \", \" \\-\\-output").
-TEST(CliTest, ManPageNamesEveryOption) {
-    std::ifstream page(OSTRAND_CLI_MAN_PAGE);
-    ASSERT_TRUE(page) << OSTRAND_CLI_MAN_PAGE;
-    // An option is a "-" or "--" that starts a word, then lower-case letters,
-    // digits and dashes.
-    const auto isNameChar = [](char c) {
-        return std::islower(static_cast<unsigned char>(c)) != 0 ||
-               std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '-';
-    };
-    std::set<std::string> documented;
-    for (std::string line, previous; std::getline(page, line); previous = line) {
-        if (previous != ".TP") {
-            continue;
-        }
-        std::string plain;
+        const auto inName = [](char c) {
+            return std::islower(static_cast<unsigned char>(c)) != 0 ||
+                   std::isdigit(static_cast<unsigned char>(c)) != 0 || c == '-';
+        };
         for (std::size_t k = 0; k < line.size(); ++k) {
-            if (line.compare(k, 2, "\\-") == 0) {
-                ++k; // troff's \- is a dash
-            }
-            plain += line[k];
-        }
-        for (std::size_t k = 0; k < plain.size(); ++k) {
             const bool starts =
-                plain[k] == '-' &&
-                (k == 0 || (!std::isalnum(static_cast<unsigned char>(plain[k - 1])) &&
-                            plain[k - 1] != '_' && plain[k - 1] != '-'));
-            if (!starts) {
+                line[k] == '-' &&
+                (k == 0 || (!std::isalnum(static_cast<unsigned char>(line[k - 1])) &&
+                            line[k - 1] != '_' && line[k - 1] != '-'));
+            const std::size_t first = k + (k + 1 < line.size() && line[k + 1] == '-' ? 2 : 1);
+            if (!starts || first >= line.size() || line[first] == '-' || !inName(line[first])) {
                 continue;
             }
-            std::size_t end = k + 1;
-            if (end < plain.size() && plain[end] == '-') {
+            std::size_t end = first;
+            while (end < line.size() && inName(line[end])) {
                 ++end;
             }
-            const std::size_t first = end;
-            if (first >= plain.size() || plain[first] == '-' || !isNameChar(plain[first])) {
-                continue;
-            }
-            while (end < plain.size() && isNameChar(plain[end])) {
-                ++end;
-            }
-            documented.insert(plain.substr(k, end - k));
+            found.insert(line.substr(k, end - k));
             k = end - 1;
         }
+    };
+    std::set<std::string> documented;
+    std::vector<std::string> formats;
+    bool inFormats = false;
+    for (std::string line, previous; std::getline(page, line); previous = line) {
+        inFormats = line.starts_with(".SH") ? line == ".SH FORMATS" : inFormats;
+        if (previous == ".TP" && inFormats) {
+            std::istringstream words(line.substr(line.find(' ') + 1));
+            for (std::string word; std::getline(words >> std::ws, word, ',');) {
+                formats.push_back(word);
+            }
+        } else if (previous == ".TP") {
+            options(line, documented);
+        }
     }
+    std::sort(formats.begin(), formats.end());
+    EXPECT_EQ(formats, OutputFormat::sourceExtensions());
     std::set<std::string> declared;
     for (const CliOption& option : cliOptionTable()) {
         if ((option.use & hidden) == 0 && option.shortName != '\0') {
@@ -845,8 +820,9 @@ TEST(CliTest, PausesAreNoiseAwareUnlessExact) {
     const fs::path source = floatWav(dir / "room.wav", room);
     std::map<std::string, double> active;
     for (const std::string mode : {"-f", "--noise-aware", "--exact"}) { // -f twice: neither
-        const CliRun r = run({"level", "--json", "-f", mode, source.string()});
+        const CliRun r = run({"level", "--json", "-vf", mode, source.string()});
         ASSERT_EQ(r.status, exitSuccess) << r.err;
+        EXPECT_NE(r.err.find("leveling into"), std::string::npos) << r.err; // -v
         active[mode] = jsonLines(r.out).at(0)["activeFraction"].toDouble();
     }
     EXPECT_EQ(active["-f"], active["--noise-aware"]);

@@ -154,6 +154,8 @@ private slots:
         QTest::newRow("only unsupported")
             << QByteArrayList{"folder.wav", "notes.txt", "song.mid", "list.m3u"} << QByteArrayList{}
             << false << QStringList{};
+        QTest::newRow("text, no files")
+            << QByteArrayList{} << QByteArrayList{} << false << QStringList{};
         QTest::newRow("no extension")
             << QByteArrayList{"recording"} << QByteArrayList{} << false << QStringList{};
         QTest::newRow("video and audio in order")
@@ -193,15 +195,21 @@ private slots:
         }
         QMimeData data;
         data.setUrls(urls);
-        QVERIFY(dragEnter(data));
-        QVERIFY(m_window->dropHighlight()->isVisible());
+        data.setText(QStringLiteral("not a file")); // as file managers add; alone it is refused
+        QCOMPARE(dragEnter(data), !urls.isEmpty());
+        QCOMPARE(highlight()->isVisible(), !urls.isEmpty());
+        // Leaving takes the highlight away; coming back shows it again.
+        QDragLeaveEvent leave;
+        QApplication::sendEvent(m_window.get(), &leave);
+        QVERIFY(!highlight()->isVisible());
+        QCOMPARE(dragEnter(data), !urls.isEmpty());
 
         QDropEvent drop({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
         QApplication::sendEvent(m_window.get(), &drop);
         QCOMPARE(drop.isAccepted(), accepted);
-        QVERIFY(!m_window->dropHighlight()->isVisible());
+        QVERIFY(!highlight()->isVisible());
         QCOMPARE(queuedNames(), queued);
-        QCOMPARE(m_window->welcomePanel()->isVisible(), queued.isEmpty());
+        QCOMPARE(welcome()->isVisible(), queued.isEmpty());
         QCOMPARE(m_window->jobList()->isVisible(), !queued.isEmpty());
     }
 
@@ -228,9 +236,7 @@ private slots:
         }
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
         if (fromWelcome) {
-            m_window->welcomePanel()
-                ->findChild<QPushButton*>(QStringLiteral("chooseFiles"))
-                ->click();
+            welcome()->findChild<QPushButton*>(QStringLiteral("chooseFiles"))->click();
         } else {
             QTest::keySequence(m_window.get(), QKeySequence::Open);
         }
@@ -257,20 +263,6 @@ private slots:
         }
         QTRY_VERIFY(!panel->isVisible());
         QCOMPARE(queuedNames(), queued);
-    }
-
-    void dragLeavingRemovesTheHighlight() {
-        QMimeData data;
-        data.setUrls({QueueFixture::file(QStringLiteral("a.wav"))});
-        QVERIFY(dragEnter(data));
-        QDragLeaveEvent leave;
-        QApplication::sendEvent(m_window.get(), &leave);
-        QVERIFY(!m_window->dropHighlight()->isVisible());
-        QVERIFY(m_fixture->queue.jobs().isEmpty());
-        QMimeData text;
-        text.setText(QStringLiteral("not a file"));
-        QVERIFY(!dragEnter(text));
-        QVERIFY(!m_window->dropHighlight()->isVisible());
     }
 
     void clearFinishedShownWhileAJobHasEnded_data() {
@@ -303,7 +295,7 @@ private slots:
         clear->trigger();
         QVERIFY(m_fixture->queue.jobs().isEmpty());
         QVERIFY(!clear->isVisible());
-        QVERIFY(m_window->welcomePanel()->isVisible()); // after the last job as before the first
+        QVERIFY(welcome()->isVisible()); // after the last job as before the first
     }
 
     void rowsShowTheirStateAndControl_data() {
@@ -346,6 +338,12 @@ private slots:
         JobRow* jobRow = m_window->jobList()->rowAt(row);
         QVERIFY(jobRow);
         LevelingJob& job = jobRow->job();
+        // A name too long for its row (the first) keeps its start and extension.
+        const auto* name = jobRow->findChild<ElidedLabel*>(QStringLiteral("name"));
+        QCOMPARE(name->fullText(), FilePaths::shownName(job.sourceURL()));
+        QCOMPARE(name->text().contains(QChar(0x2026)), row == 0);
+        QVERIFY(name->text().startsWith(name->fullText().left(6)));
+        QVERIFY(name->text().endsWith(name->fullText().right(4)));
 
         QCOMPARE(jobRow->controlSymbol(), symbol);
         auto* control = jobRow->findChild<QToolButton*>(QStringLiteral("control"));
@@ -415,19 +413,6 @@ private slots:
         }
     }
 
-    void longNamesKeepStartAndExtension() {
-        const QString name = QStringLiteral("a very long recording name that goes on and on and "
-                                            "on until it cannot fit any row at all.wav");
-        m_fixture->queue.add({QueueFixture::file(name)});
-        QApplication::processEvents();
-        auto* label =
-            m_window->jobList()->rowAt(0)->findChild<ElidedLabel*>(QStringLiteral("name"));
-        QCOMPARE(label->fullText(), name);
-        QVERIFY(label->text().contains(QChar(0x2026)));
-        QVERIFY(label->text().startsWith(QStringLiteral("a very")));
-        QVERIFY(label->text().endsWith(QStringLiteral(".wav")));
-    }
-
     void contextMenuByState_data() {
         QTest::addColumn<int>("row");
         QTest::addColumn<QStringList>("items");
@@ -450,6 +435,15 @@ private slots:
         std::unique_ptr<QMenu> menu(m_window->contextMenu(*job));
         QCOMPARE(menuTitles(*menu), items);
 
+        // Show in File Manager selects the output and its sidecar, unlike the row's button.
+        if (items.size() > 2) {
+            menu->actions().constFirst()->trigger();
+            QList<QUrl> shown{FilePaths::toUrl(job->report()->outputURL)};
+            if (row == 3) {
+                shown << FilePaths::toUrl(*job->report()->audioSidecarURL);
+            }
+            QCOMPARE(m_fixture->revealer.revealed, QList<QList<QUrl>>{shown});
+        }
         // Retry queues the same file again, at the end; the others take the job out.
         const bool retry = items.first() == QStringLiteral("Retry");
         const QUrl source = job->sourceURL();
@@ -462,16 +456,6 @@ private slots:
             QCOMPARE(jobs.constLast()->sourceURL(), source);
             QVERIFY(jobs.constLast()->state().isActive());
         }
-    }
-
-    void showInFileManagerSelectsOutputAndSidecar() {
-        fillWithEveryState(m_fixture->queue);
-        std::unique_ptr<QMenu> menu(m_window->contextMenu(*m_fixture->queue.jobs().at(3)));
-        menu->actions().constFirst()->trigger();
-        QCOMPARE(
-            m_fixture->revealer.revealed,
-            (QList<QList<QUrl>>{{QueueFixture::file(QStringLiteral("interview leveled.mov")),
-                                 QueueFixture::file(QStringLiteral("interview leveled.wav"))}}));
     }
 
     void loudnessGraphShowsReadsOutExportsAndGoesWithTheRow() {
@@ -548,7 +532,7 @@ private slots:
 
     void focusFollowsTheFirstJobAndTabReachesTheList() {
         QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
-        m_window->welcomePanel()->setFocus();
+        welcome()->setFocus();
         m_fixture->queue.add({QueueFixture::file(QStringLiteral("a.wav"))});
         QListView* view = m_window->jobList()->view();
         QCOMPARE(QApplication::focusWidget(), view);
@@ -644,6 +628,8 @@ private slots:
     }
 
 private:
+    WelcomePanel* welcome() const { return m_window->findChild<WelcomePanel*>(); }
+    DropHighlight* highlight() const { return m_window->findChild<DropHighlight*>(); }
     QStringList queuedNames() const {
         QStringList names;
         for (const LevelingJob* job : m_fixture->queue.jobs()) {

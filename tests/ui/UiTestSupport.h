@@ -44,11 +44,13 @@ inline LevelingReport sampleReport(const QString& output, const QString& sidecar
     return report;
 }
 
-// The job list with one job in every state, in this order: running at 40 %,
-// waiting, finished (audio), finished with a sidecar (video), failed with a
-// three-line message, cancelled.
+// The job list with one job in every state, in this order: running at 40 %
+// (a name too long for its row), waiting, finished (audio), finished with a sidecar (video), failed
+// with a three-line message, cancelled.
 inline void fillWithEveryState(JobQueue& queue) {
-    queue.add({QueueFixture::file(QStringLiteral("episode 12 interview with the mayor.wav")),
+    queue.add({QueueFixture::file(
+                   QStringLiteral("episode 12 interview with the mayor that goes on and on "
+                                  "until it cannot fit any row at all.wav")),
                QueueFixture::file(QStringLiteral("intro.mp3")),
                QueueFixture::file(QStringLiteral("talk.m4a")),
                QueueFixture::file(QStringLiteral("interview.mov")),
