@@ -116,10 +116,11 @@ int main(int argc, char** argv) {
         MainWindow window(fixture.queue, updater, &fixture.revealer);
         window.move(0, 0);
         window.show();
-        window.dropHighlight()->show();
-        window.dropHighlight()->raise();
+        auto* highlight = window.findChild<DropHighlight*>();
+        highlight->show();
+        highlight->raise();
         save(window, QStringLiteral("main-drop-highlight"));
-        window.dropHighlight()->hide();
+        highlight->hide();
 
         fillWithEveryState(fixture.queue);
         window.resize(window.minimumSize());
