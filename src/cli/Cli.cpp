@@ -550,12 +550,18 @@ private:
         }
     }
 
-    void measure(int slot, const fs::path& source) {
+    // Measures one file, its progress in `slot` of the console.
+    LevelingEngine::Measurement measured(int slot, const fs::path& source) {
         m_console.started(slot, source.filename().string());
-        const LevelingEngine::Measurement m = LevelingEngine::measure(
+        LevelingEngine::Measurement m = LevelingEngine::measure(
             source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
             cancelCheck());
         m_console.ended(slot);
+        return m;
+    }
+
+    void measure(int slot, const fs::path& source) {
+        const LevelingEngine::Measurement m = measured(slot, source);
         const std::optional<fs::path> plot = drawPlot(source, m.series);
         if (m_options.json) {
             QJsonObject object;
@@ -620,11 +626,7 @@ private:
     }
 
     Outcome check(int slot, const fs::path& source) {
-        m_console.started(slot, source.filename().string());
-        const LevelingEngine::Measurement m = LevelingEngine::measure(
-            source, [&](const LevelingProgress& progress) { m_console.progress(slot, progress); },
-            cancelCheck());
-        m_console.ended(slot);
+        const LevelingEngine::Measurement m = measured(slot, source);
         const std::vector<ProfileCheck::Result> results = ProfileCheck::check(*m_profile, m);
         if (m_options.json) {
             QJsonObject object = CliProfiles::checkJson(*m_profile, results);
